@@ -1,0 +1,124 @@
+// The volume: one mounted FAT32 partition of the card, with or without the VELT layout.
+//
+// The class is split over several source files by concern (see the section markers below);
+// each section lists the members that its files own. Lock order: an entry's map_mutex_ before
+// fat_mutex_ (PBR) before io_mutex_ before cache_mutex_; reserved_mutex_ before a reserved
+// folder's children_mutex_; an entry's files_mutex_ before a file's mutex_ before a work
+// item's mutex before response_mutex_.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+#include "fs/velt_driver.h"
+#include "fs/velt_format_info.h"
+#include "utils/Log.h"
+
+namespace velt {
+
+class MBR;
+class PBR;
+struct VELTWorkItem;
+
+constexpr size_t VELT_BUFFER_SIZE = 0x100000;  // bytes in each transfer buffer
+constexpr int VELT_SECTOR_SIZE = 512;
+
+enum VELTState : int {
+  kVELTStateUnloaded = 0,
+  kVELTStateLoading = 1,
+  kVELTStateLoaded = 2,
+};
+
+enum VELTOpMode : int {
+  kVELTOpMount = 0,
+  kVELTOpFormat = 1,
+  kVELTOpExclusive = 2,
+};
+
+enum VELTResult : int {
+  kVELTOk = 0,
+  kVELTNeedFormat = 1,
+  kVELTNoFAT32Partition = 2,
+  kVELTNoDevice = 3,
+  kVELTRetry = 4,
+  kVELTBadMBR = 5,
+  kVELTNoVolumeSize = 6,
+  kVELTBadPBR = 7,
+  kVELTNotVELT = 8,
+  kVELTBadVELT = 9,
+};
+
+class VELT : public std::enable_shared_from_this<VELT> {
+ public:
+  class DirEntry;  // velt_dirent.h
+  class File;      // velt_file.h
+
+  // ===== Core: creation, initialisation, teardown (velt.cpp) =====
+  static std::shared_ptr<VELT> create(const std::string& device_path, int64_t cache_size,
+                                      int op_mode, int extra, int* error);
+  VELT(const std::string& device_path, int partition_number, int op_mode, int extra);
+  virtual ~VELT();
+  VELT(const VELT&) = delete;
+  VELT& operator=(const VELT&) = delete;
+
+  int init();
+  void unload();  // caller holds mutex_
+  bool isFormattingOp() const { return op_mode_ == kVELTOpFormat; }
+  void setMountPoint(const std::string& path) { mount_point_ = path; }
+  const char* stripMountPoint(const char* path) const;
+  std::shared_ptr<File> getFile(int handle);
+
+  // ===== Block I/O: driver, sector cache, buffered I/O (velt_driver, velt_cache, velt_io) =====
+
+  // ===== Card layout: MBR, PBR, FSInfo, FAT (velt_mbr, velt_pbr, velt_fat, velt_mkfs) =====
+
+  // ===== Mount points (velt_mount.cpp) =====
+
+  // ===== Entry factories and path resolution (velt_tree.cpp) =====
+
+  // ===== Tree loading, building, reserved-folder checks (velt_load.cpp, velt_tree.cpp) =====
+
+  // ===== Volume formatting (velt_format.cpp) =====
+
+  // ===== Direct channel (velt_pipe.cpp) =====
+
+  // ===== Data members =====
+  std::mutex mutex_;  // guards state_; serialises path walks
+  int state_ = kVELTStateUnloaded;
+  int64_t disk_size_ = 0;  // partition size in bytes
+  int device_fd_ = -1;
+  int bytes_per_sector_ = VELT_SECTOR_SIZE;
+  std::string device_path_;
+  std::string mount_point_;
+  int partition_number_ = 0;
+  std::mutex reserved_mutex_;  // reserved-file accounting and its FSInfo writes
+  int op_mode_ = kVELTOpMount;
+  FormatInfo format_info_;
+  int format_mode_ = 0;
+  int extra_ = 0;  // kVELTOpFormat: bit 0 keeps the root's files
+  MBR* mbr_ = nullptr;  // owned
+  PBR* pbr_ = nullptr;  // owned; holds the counted FAT lock
+  std::shared_ptr<DirEntry> root_;
+  std::mutex files_mutex_;  // guards next_file_handle_ and open_files_
+  int next_file_handle_ = 3;
+  std::unordered_map<uint32_t, std::shared_ptr<File>> open_files_{10};
+  std::mutex io_mutex_;  // buffered I/O, flushes and the transfer buffers
+  uint8_t* read_buffer_ = nullptr;
+  uint8_t* write_buffer_ = nullptr;
+  uint8_t* sector_buffer_ = nullptr;
+  bool partition_created_ = false;  // a format operation had to create the partition entry
+
+  // Block I/O members.
+
+  // Card layout members.
+
+  // Direct channel members.
+};
+
+}  // namespace velt

@@ -1,0 +1,2 @@
+// Block driver backends (to be filled in).
+#pragma once
