@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -134,6 +135,47 @@ bool isMounted(const std::string& mount_point) {
   return false;
 }
 
+ShellResult runShell(const std::string& command) {
+  ShellResult result;
+  std::string log_dir = makeLogDir();
+  std::string out_path = log_dir + "/stdout";
+  std::string err_path = log_dir + "/stderr";
+  pid_t pid = fork();
+  if (pid == 0) {
+    int in = open("/dev/null", O_RDONLY);
+    int out = open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = open(err_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (in < 0 || out < 0 || err < 0) _exit(127);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  if (pid > 0) {
+    int wstatus = 0;
+    while (waitpid(pid, &wstatus, 0) < 0 && errno == EINTR) {
+    }
+    result.status = decodeStatus(wstatus);
+  }
+  result.out = readWhole(out_path);
+  result.err = readWhole(err_path);
+  removeLogDir(log_dir);
+  return result;
+}
+
+std::string shellQuote(const std::string& text) {
+  std::string quoted = "'";
+  for (char c : text) {
+    if (c == '\'') {
+      quoted += "'\\''";
+    } else {
+      quoted += c;
+    }
+  }
+  return quoted + "'";
+}
+
 DaemonExit runDaemonToExit(const std::vector<std::string>& args, const std::string& velt_root,
                            int timeout_ms) {
   DaemonExit result;
@@ -153,6 +195,55 @@ DaemonExit runDaemonToExit(const std::vector<std::string>& args, const std::stri
   result.err = readWhole(log_dir + "/stderr");
   removeLogDir(log_dir);
   return result;
+}
+
+TempDir::TempDir() {
+  char templ[] = "/tmp/velt_test_XXXXXX";
+  const char* dir = mkdtemp(templ);
+  if (dir != nullptr) path_ = dir;
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+}
+
+bool TestCard::create(CardKind kind) {
+  kind_ = kind;
+  std::error_code ec;
+  std::filesystem::create_directories(veltRoot() + "/dev", ec);
+  std::filesystem::create_directories(veltRoot() + "/tmp", ec);
+  std::filesystem::create_directories(mountPoint(), ec);
+  { std::ofstream(veltRoot() + "/dev/mmcblk0p1"); }
+  std::string img = shellQuote(image());
+  std::string cmd = "truncate -s " + std::to_string(kCardBytes) + " " + img +
+                    " && echo 'start=2048, type=c' | sfdisk -q " + img;
+  if (kind == CardKind::kPlain) {
+    cmd += " && mkfs.fat -F 32 -s " + std::to_string(kPlainClusterBytes / 512) +
+           " --offset 2048 " + img + " " +
+           std::to_string((kCardBytes - kPartitionOffset) / 1024);
+  } else {
+    cmd += " && VELT_ROOT=" + shellQuote(veltRoot()) + " " +
+           shellQuote(std::string(VELT_BINARY_DIR) + "/mkfs.velt") + " /dev/mmcblk0p1 " +
+           kReservedFolder + ":20:" + std::to_string(kReservedFileMiB);
+  }
+  ShellResult r = runShell(cmd);
+  if (r.status != 0) {
+    error_ = cmd + "\n" + r.out + r.err;
+    return false;
+  }
+  return true;
+}
+
+bool TestCard::fsckClean(std::string* report) const {
+  // fsck.fat wants the partition alone; a sparse copy is quick and needs no loop device.
+  std::string part = dir_.path() + "/partition.img";
+  ShellResult r = runShell("dd if=" + shellQuote(image()) + " of=" + shellQuote(part) +
+                           " bs=1M skip=1 conv=sparse status=none && fsck.fat -n " +
+                           shellQuote(part));
+  unlink(part.c_str());
+  *report = r.out + r.err;
+  return r.status == 0;
 }
 
 DaemonRunner::~DaemonRunner() {
