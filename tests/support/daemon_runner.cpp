@@ -225,7 +225,7 @@ bool TestCard::create(CardKind kind) {
   } else {
     cmd += " && VELT_ROOT=" + shellQuote(veltRoot()) + " " +
            shellQuote(std::string(VELT_BINARY_DIR) + "/mkfs.velt") + " /dev/mmcblk0p1 " +
-           kReservedFolder + ":20:" + std::to_string(kReservedFileMiB);
+           kReservedFolder + ":5:" + std::to_string(kReservedFileMiB);
   }
   ShellResult r = runShell(cmd);
   if (r.status != 0) {
