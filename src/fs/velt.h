@@ -75,6 +75,34 @@ class VELT : public std::enable_shared_from_this<VELT> {
   std::shared_ptr<File> getFile(int handle);
 
   // ===== Block I/O: driver, sector cache, buffered I/O (velt_driver, velt_cache, velt_io) =====
+  // Card size from the driver in bytes: -1 with the device closed, 0 when the request fails.
+  int64_t getDiskSize();
+  // Allocates the three page-aligned transfer buffers; the volume's result code on failure.
+  int allocBuffers();
+
+  struct CacheEntry {
+    CacheEntry* prev;  // previous entry of the same bucket, null at the head
+    CacheEntry* next;  // next entry of the same bucket, null at the end
+    uint32_t sector;
+    uint8_t data[VELT_SECTOR_SIZE];
+  };
+  static uint32_t cacheHash(uint32_t sector);
+  int __createCache(int64_t size_bytes);
+  int createCache(int64_t size_bytes);
+  void __destroyCache();
+  void destroyCache();
+  int lookupCache(uint32_t sector, void* dst);
+  int updateCache(uint32_t sector, const void* src);
+  // Drops a sector's copy (a write that does not cache its sectors makes the copy stale).
+  void dropCache(uint32_t sector);
+  void dumpCache(int line);
+
+  // Buffered I/O on absolute card offsets.
+  int __read(void* dst, int size, int64_t offset);
+  int read(void* dst, int size, int64_t offset);
+  int write(const void* src, uint32_t len, int64_t offset, bool cache);
+  int __flush();
+  int flush();
 
   // ===== Card layout: MBR, PBR, FSInfo, FAT (velt_mbr, velt_pbr, velt_fat, velt_mkfs) =====
 
@@ -115,6 +143,18 @@ class VELT : public std::enable_shared_from_this<VELT> {
   bool partition_created_ = false;  // a format operation had to create the partition entry
 
   // Block I/O members.
+  std::unique_ptr<BlockDriver> driver_;  // backend behind device_fd_
+  int64_t write_start_sector_ = -1;  // first sector of the pending write buffer; -1 when empty
+  uint32_t write_ptr_ = 0;  // bytes of the write buffer that carry data
+  std::mutex cache_mutex_;  // the sector cache; always taken after io_mutex_
+  int32_t cache_size_ = 0;  // entries; kept over a release so a reset rebuilds the same size
+  int32_t cache_hash_size_ = 0;  // buckets, a power of two >= 1024
+  CacheEntry* cache_pool_ = nullptr;
+  CacheEntry* next_cache_entry_ = nullptr;
+  CacheEntry** cache_lrus_ = nullptr;  // replacement ring of cache_size_ + 1 slots
+  int32_t start_lru_index_ = 0;
+  int32_t end_lru_index_ = 0;
+  CacheEntry** cache_hash_table_ = nullptr;
 
   // Card layout members.
 

@@ -54,6 +54,13 @@ void assertFailedWithMessage(const char* expression, const char* tag, const char
                              const char* file, int line, const char* format, ...)
     __attribute__((format(printf, 6, 7)));
 
+// Crash reporting: call stack to standard error (symbolised through addr2line when present),
+// the directory that completes relative executable paths, and the terminate handler that is
+// installed during static initialisation.
+void printBacktrace(int depth);
+void setProgramDirectory(const char* path);
+void nerio_terminate();
+
 // Base name of a source path, evaluated at compile time.
 constexpr const char* baseName(const char* path) {
   const char* base = path;
