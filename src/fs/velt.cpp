@@ -159,7 +159,7 @@ void VELT::unload() {
   // ---- Card layout: release the MBR and PBR objects ----
 
   // A write still in the buffer reaches the card before the device closes.
-  if (device_fd_ >= 0 && write_buffer_ != nullptr) {
+  if (driver_ != nullptr && write_buffer_ != nullptr) {
     std::lock_guard<std::mutex> lock(io_mutex_);
     if (write_start_sector_ >= 0) __flush();
   }

@@ -1,0 +1,55 @@
+// A block driver held in memory that records every request and can answer short or fail on cue.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "fs/velt.h"
+
+namespace velt_test {
+
+struct DriverRequest {
+  char kind;  // 'r' or 'w'
+  uint32_t start;
+  int count;
+  bool operator==(const DriverRequest& o) const {
+    return kind == o.kind && start == o.start && count == o.count;
+  }
+};
+
+class FakeDriver : public velt::BlockDriver {
+ public:
+  explicit FakeDriver(uint32_t sectors)
+      : disk_(std::make_shared<std::vector<uint8_t>>(static_cast<size_t>(sectors) * 512, 0)),
+        data_(*disk_) {}
+
+  int readSectors(uint32_t start, int count, void* buffer) override;
+  int writeSectors(uint32_t start, int count, const void* buffer) override;
+  int64_t sizeInSectors() override { return static_cast<int64_t>(data_.size() / 512); }
+
+  // The next read (or write) answers with this many sectors (<= 0: a failure) instead.
+  void queueReadAnswer(int sectors) { read_answers_.push_back(sectors); }
+  void queueWriteAnswer(int sectors) { write_answers_.push_back(sectors); }
+
+  std::vector<DriverRequest> requests;
+  // The card's sectors; shared so that a test can still look at them after the volume has
+  // released its driver.
+  std::shared_ptr<std::vector<uint8_t>> disk_;
+  std::vector<uint8_t>& data_;
+
+ private:
+  std::deque<int> read_answers_;
+  std::deque<int> write_answers_;
+};
+
+// A volume with transfer buffers and a fake driver plugged in, without any device file.
+struct FakeVolume {
+  explicit FakeVolume(uint32_t sectors);
+  std::shared_ptr<velt::VELT> volume;
+  FakeDriver* driver;  // owned by the volume
+  std::shared_ptr<std::vector<uint8_t>> disk;  // the driver's sectors
+};
+
+}  // namespace velt_test

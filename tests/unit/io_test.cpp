@@ -1,0 +1,182 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <numeric>
+#include <vector>
+
+#include "fake_driver.h"
+
+using velt_test::DriverRequest;
+using velt_test::FakeVolume;
+
+namespace {
+
+void fillCard(FakeVolume& f) {
+  for (size_t i = 0; i < f.driver->data_.size(); ++i) {
+    f.driver->data_[i] = static_cast<uint8_t>((i / 512) * 31 + i);
+  }
+}
+
+std::vector<uint8_t> bytes(size_t n, uint8_t seed) {
+  std::vector<uint8_t> v(n);
+  for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(seed + i * 13);
+  return v;
+}
+
+}  // namespace
+
+TEST(BufferedRead, RequestPatterns) {
+  FakeVolume f(8192);
+  fillCard(f);
+  auto& v = *f.volume;
+  auto& reqs = f.driver->requests;
+  std::vector<uint8_t> out(4096);
+
+  EXPECT_EQ(v.read(out.data(), 0, 100), 0);
+  EXPECT_TRUE(reqs.empty());
+
+  // One run of uncached sectors is one request; the caller gets exactly its bytes.
+  ASSERT_EQ(v.read(out.data(), 1000, 100), 1000);
+  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 0, 3}}));
+  EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 100, 1000));
+
+  // A cached sector splits the run and is copied from the cache.
+  reqs.clear();
+  ASSERT_EQ(v.createCache(1 << 20), 0);
+  std::vector<uint8_t> cached_sector(512, 0xAB);
+  ASSERT_EQ(v.updateCache(11, cached_sector.data()), 0);
+  ASSERT_EQ(v.read(out.data(), 3 * 512, 10 * 512), 3 * 512);
+  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 10, 1}, {'r', 12, 1}}));
+  EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 10 * 512, 512));
+  EXPECT_EQ(0, memcmp(out.data() + 512, cached_sector.data(), 512));
+  EXPECT_EQ(0, memcmp(out.data() + 1024, f.driver->data_.data() + 12 * 512, 512));
+}
+
+TEST(BufferedRead, ShortAnswersContinueAndFailuresFail) {
+  FakeVolume f(8192);
+  fillCard(f);
+  auto& v = *f.volume;
+  auto& reqs = f.driver->requests;
+  std::vector<uint8_t> out(10 * 512);
+
+  f.driver->queueReadAnswer(4);
+  ASSERT_EQ(v.read(out.data(), 10 * 512, 20 * 512), 10 * 512);
+  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 20, 10}, {'r', 24, 6}}));
+  EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 20 * 512, 10 * 512));
+
+  // A failure after a successful short answer still fails the whole read.
+  reqs.clear();
+  f.driver->queueReadAnswer(4);
+  f.driver->queueReadAnswer(0);
+  EXPECT_EQ(v.read(out.data(), 10 * 512, 20 * 512), -1);
+  EXPECT_EQ(reqs.size(), 2u);
+
+  // Runs longer than the transfer buffer go in buffer-sized requests.
+  reqs.clear();
+  std::vector<uint8_t> big(3000 * 512);
+  ASSERT_EQ(v.read(big.data(), static_cast<int>(big.size()), 0), static_cast<int>(big.size()));
+  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 0, 2048}, {'r', 2048, 952}}));
+  EXPECT_EQ(0, memcmp(big.data(), f.driver->data_.data(), big.size()));
+}
+
+TEST(BufferedWrite, WithoutCacheEveryWriteReachesTheCard) {
+  FakeVolume f(8192);
+  fillCard(f);
+  auto before = f.driver->data_;
+  auto& v = *f.volume;
+  auto& reqs = f.driver->requests;
+
+  // 4 bytes at 64 KiB + 4: look-ahead of the sector, tail completion, one sector written.
+  uint8_t four[4] = {1, 2, 3, 4};
+  ASSERT_EQ(v.write(four, 4, 0x10000 + 4, true), 4);
+  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 128, 1}, {'r', 128, 1}, {'w', 128, 1}}));
+  EXPECT_EQ(v.write_start_sector_, -1);
+  auto expect = before;
+  memcpy(expect.data() + 0x10000 + 4, four, 4);
+  EXPECT_EQ(f.driver->data_, expect);
+  EXPECT_EQ(v.flush(), -1) << "nothing pending";
+}
+
+TEST(BufferedWrite, WithCacheWritesGatherUntilFlush) {
+  FakeVolume f(16384);
+  fillCard(f);
+  auto& v = *f.volume;
+  auto& reqs = f.driver->requests;
+  ASSERT_EQ(v.createCache(1 << 20), 0);
+
+  auto a = bytes(512, 1), b = bytes(512, 2);
+  ASSERT_EQ(v.write(a.data(), 512, 0x20000, true), 512);
+  ASSERT_EQ(v.write(b.data(), 512, 0x20000 + 512, true), 512);
+  EXPECT_TRUE(reqs.empty());
+  EXPECT_EQ(v.flush(), 0);
+  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'w', 256, 2}}));
+  EXPECT_EQ(0, memcmp(f.driver->data_.data() + 0x20000, a.data(), 512));
+  EXPECT_EQ(0, memcmp(f.driver->data_.data() + 0x20000 + 512, b.data(), 512));
+
+  // A write at a 64 KiB boundary that does not continue the pending one flushes it first
+  // and starts without a look-ahead.
+  reqs.clear();
+  ASSERT_EQ(v.write(a.data(), 512, 0x30000, true), 512);
+  ASSERT_EQ(v.write(b.data(), 512, 0x40000, true), 512);
+  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'w', 0x30000 / 512, 1}}));
+  v.flush();
+
+  // A contiguous stream of 3 MiB from a boundary goes out as full-buffer requests.
+  reqs.clear();
+  auto stream = bytes(3 << 20, 9);
+  for (size_t at = 0; at < stream.size(); at += 4096) {
+    ASSERT_EQ(v.write(stream.data() + at, 4096, 0x100000 + static_cast<int64_t>(at), true), 4096);
+  }
+  EXPECT_EQ(reqs, (std::vector<DriverRequest>{
+                      {'w', 2048, 2048}, {'w', 4096, 2048}, {'w', 6144, 2048}}));
+  EXPECT_EQ(0, memcmp(f.driver->data_.data() + 0x100000, stream.data(), stream.size()));
+}
+
+TEST(BufferedWrite, ReadsSeeThePendingBufferEvenWhenTheCacheCannotHoldIt) {
+  FakeVolume f(8192);
+  fillCard(f);
+  auto& v = *f.volume;
+  ASSERT_EQ(v.createCache(1024), 0);  // two entries: most written sectors are not cached
+  auto data = bytes(40 * 512 + 100, 5);
+  ASSERT_EQ(v.write(data.data(), static_cast<uint32_t>(data.size()), 0x10000 + 300, true),
+            static_cast<int>(data.size()));
+  ASSERT_GE(v.write_start_sector_, 0) << "the data must still be pending for this test";
+  std::vector<uint8_t> out(data.size() + 600);
+  ASSERT_EQ(v.read(out.data(), static_cast<int>(out.size()), 0x10000),
+            static_cast<int>(out.size()));
+  EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 0x10000, 300));
+  EXPECT_EQ(0, memcmp(out.data() + 300, data.data(), data.size()));
+  EXPECT_EQ(0, memcmp(out.data() + 300 + data.size(),
+                      f.driver->data_.data() + 0x10000 + 300 + data.size(), 300));
+}
+
+TEST(BufferedWrite, DriverFailures) {
+  FakeVolume f(8192);
+  auto& v = *f.volume;
+  ASSERT_EQ(v.createCache(1 << 20), 0);
+  auto data = bytes(1024, 3);
+  ASSERT_EQ(v.write(data.data(), 1024, 0, true), 1024);
+  f.driver->queueWriteAnswer(1);  // short: a failure for writes
+  EXPECT_EQ(v.flush(), -1);
+  EXPECT_EQ(v.write_start_sector_, -1) << "the buffer is emptied even after a failure";
+  EXPECT_EQ(v.flush(), -1);
+
+  // A partial sector needs the sector's content; a failed read fails the write.
+  v.destroyCache();
+  f.driver->queueReadAnswer(0);
+  EXPECT_EQ(v.write(data.data(), 10, 0x10000, true), -1);
+}
+
+TEST(BufferedWrite, UncachedWriteDropsStaleCopies) {
+  FakeVolume f(8192);
+  auto& v = *f.volume;
+  ASSERT_EQ(v.createCache(1 << 20), 0);
+  auto first = bytes(512, 1), second = bytes(512, 2);
+  ASSERT_EQ(v.write(first.data(), 512, 0, true), 512);
+  ASSERT_EQ(v.flush(), 0);
+  ASSERT_EQ(v.write(second.data(), 512, 0, false), 512);
+  ASSERT_EQ(v.flush(), 0);
+  std::vector<uint8_t> out(512);
+  ASSERT_EQ(v.read(out.data(), 512, 0), 512);
+  EXPECT_EQ(out, second);
+}
