@@ -142,7 +142,8 @@ int VELT::init() {
   int result = allocBuffers();
   if (result != kVELTOk) return fail(result);
 
-  // ---- Card layout: MBR, partition, size, PBR, VELT mark and version ----
+  result = loadCardLayout();
+  if (result != kVELTOk) return fail(result);
 
   // ---- Tree ----
 
@@ -156,7 +157,14 @@ void VELT::unload() {
 
   root_.reset();
 
-  // ---- Card layout: release the MBR and PBR objects ----
+  delete mbr_;
+  mbr_ = nullptr;
+  if (pbr_ != nullptr) {
+    // A format operation held one FAT lock count since init: this release writes the FATs.
+    if (isFormattingOp()) pbr_->unlockFAT(true);
+    delete pbr_;
+    pbr_ = nullptr;
+  }
 
   // A write still in the buffer reaches the card before the device closes.
   if (driver_ != nullptr && write_buffer_ != nullptr) {
@@ -171,6 +179,84 @@ void VELT::unload() {
   state_ = kVELTStateUnloaded;
   disk_size_ = 0;
   destroyCache();
+}
+
+int VELT::loadCardLayout() {
+  const char* path = device_path_.c_str();
+  mbr_ = new (std::nothrow) MBR(this);
+  if (mbr_ == nullptr) return kVELTBadMBR;
+  if (mbr_->read() != 0 && !isFormattingOp()) {
+    LOG_PLAIN(nerio::kLogError, "[%s] MBR failed\n", path);
+    return kVELTBadMBR;
+  }
+  if (!mbr_->valid_) {
+    if (!isFormattingOp()) {
+      NERIO_ASSERT_TEXT("mbr_->valid_ || isFormattingOp()");
+      NERIO_ASSERT_TEXT("mbr_->valid_");
+      LOG_PLAIN(nerio::kLogError, "[%s] MBR failed\n", path);
+      return kVELTBadMBR;
+    }
+    mbr_->format();
+    if (!mbr_->valid_) {
+      NERIO_ASSERT_TEXT("mbr_->valid_ == true");
+      LOG_PLAIN(nerio::kLogError, "[%s] MBR failed\n", path);
+      return kVELTBadMBR;
+    }
+  }
+
+  Partition partition;
+  if (mbr_->getFAT32Partition(partition_number_, &partition) < 0) {
+    LOG_PLAIN(nerio::kLogError, "[%s] has no FAT32 partition!\n", path);
+    if (!isFormattingOp()) return kVELTNoFAT32Partition;
+    if (mbr_->makeFAT32(partition_number_) != 0 ||
+        mbr_->getFAT32Partition(partition_number_, &partition) < 0) {
+      return kVELTNoFAT32Partition;
+    }
+    partition_created_ = true;
+  }
+
+  disk_size_ = static_cast<int64_t>(partition.total_sectors) * partition.bytes_per_sector;
+  if (disk_size_ <= 0) {
+    NERIO_ASSERT_TEXT("disk_size_ > 0ll");
+    LOG_PLAIN(nerio::kLogError, "can't get the volume size\n");
+    return kVELTNoVolumeSize;
+  }
+
+  pbr_ = new (std::nothrow) PBR(this, partition_number_, &partition);
+  if (pbr_ == nullptr) return kVELTBadPBR;
+  if (isFormattingOp()) {
+    pbr_->lockFAT();
+    if (partition_created_) pbr_->valid_ = false;
+    else pbr_->read();
+  } else if (pbr_->read() != 0) {
+    LOG_PLAIN(nerio::kLogError, "[%s] PBR failed\n", path);
+    return kVELTBadPBR;
+  }
+  if (!mbr_->valid_ && !isFormattingOp()) NERIO_ASSERT_TEXT("mbr_->valid_ || isFormattingOp()");
+  if (!pbr_->valid_) {
+    if (!isFormattingOp()) {
+      NERIO_ASSERT_TEXT("pbr_->valid_");
+      LOG_PLAIN(nerio::kLogError, "[%s] PBR failed\n", path);
+      return kVELTBadPBR;
+    }
+    pbr_->format();
+    if (!pbr_->valid_) {
+      NERIO_ASSERT_TEXT("pbr_->valid_ == true");
+      LOG_PLAIN(nerio::kLogError, "[%s] PBR failed\n", path);
+      return kVELTBadPBR;
+    }
+  }
+
+  if (op_mode_ == kVELTOpExclusive && !pbr_->is_velt_partition_) return kVELTNotVELT;
+  if (pbr_->is_velt_partition_ && !isFormattingOp() &&
+      format_info_.version_major != VELT_VERSION_MAJOR) {
+    LOG_PLAIN(nerio::kLogError,
+         "[%s] VELT major version mismatch. this disk has %d.%d, current version is %d.%d.\n",
+         path, format_info_.version_major, format_info_.version_minor, VELT_VERSION_MAJOR,
+         VELT_VERSION_MINOR);
+    return kVELTBadVELT;
+  }
+  return kVELTOk;
 }
 
 int64_t VELT::getDiskSize() {

@@ -18,12 +18,12 @@
 
 #include "fs/velt_driver.h"
 #include "fs/velt_format_info.h"
+#include "fs/velt_mbr.h"
+#include "fs/velt_pbr.h"
 #include "utils/Log.h"
 
 namespace velt {
 
-class MBR;
-class PBR;
 struct VELTWorkItem;
 
 constexpr size_t VELT_BUFFER_SIZE = 0x100000;  // bytes in each transfer buffer
@@ -105,6 +105,22 @@ class VELT : public std::enable_shared_from_this<VELT> {
   int flush();
 
   // ===== Card layout: MBR, PBR, FSInfo, FAT (velt_mbr, velt_pbr, velt_fat, velt_mkfs) =====
+  // Init steps from the partition table to the version check; a result code.
+  int loadCardLayout();
+  // The counted FAT lock: while held, FAT and FSInfo writes are deferred; the release that
+  // brings the count to 0 writes every FAT copy and FSInfo.
+  void lockFAT() {
+    if (pbr_ != nullptr) pbr_->lockFAT();
+  }
+  void unlockFAT() {
+    if (pbr_ != nullptr) pbr_->unlockFAT(true);
+  }
+  uint32_t clusterToSector(uint32_t cluster) const { return pbr_->clusterToSector(cluster); }
+  // Absolute card offset of a cluster's first byte.
+  int64_t clusterOffset(uint32_t cluster) const {
+    return pbr_->sectorOffset(pbr_->clusterToSector(cluster));
+  }
+  bool isVELTPartition() const { return pbr_ != nullptr && pbr_->is_velt_partition_; }
 
   // ===== Mount points (velt_mount.cpp) =====
 
@@ -128,7 +144,7 @@ class VELT : public std::enable_shared_from_this<VELT> {
   std::mutex reserved_mutex_;  // reserved-file accounting and its FSInfo writes
   int op_mode_ = kVELTOpMount;
   FormatInfo format_info_;
-  int format_mode_ = 0;
+  int format_mode_ = kVELTFormatUnknownMode;
   int extra_ = 0;  // kVELTOpFormat: bit 0 keeps the root's files
   MBR* mbr_ = nullptr;  // owned
   PBR* pbr_ = nullptr;  // owned; holds the counted FAT lock

@@ -1,0 +1,424 @@
+// The in-memory FAT: loading and comparing the copies, the counted FAT lock that batches entry
+// writes, allocation, freeing and chain walks. Every walk is bounded by num_clusters_ steps, so
+// a chain that loops back on itself ends like a broken one.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "fs/velt.h"
+#include "fs/velt_pbr.h"
+
+namespace velt {
+
+static constexpr const char kLogTag[] = "VELT.PBR";
+
+int PBR::loadFATs() {
+  fat_damaged_ = false;
+  size_t bytes = static_cast<size_t>(bytes_per_sector_) * fat_sectors_;
+  try {
+    fat1_.assign(fat_clusters_, 0);
+    fat1_flags_.assign((fat_clusters_ + 7) / 8, 0);
+    if (velt_->read(fat1_.data(), static_cast<int>(bytes), sectorOffset(reserved_sectors_)) <
+        static_cast<int>(bytes)) {
+      int err = errno;
+      LOGE("FAT1 read error: %d(%s)\n", err, strerror(err));
+      fat_damaged_ = true;
+      return -1;
+    }
+    // The card is little-endian; so is every host this runs on (checked at compile time).
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "FAT images are little-endian");
+    if (num_fats_ > 1) {
+      std::vector<uint32_t> fat2(fat_clusters_, 0);
+      if (velt_->read(fat2.data(), static_cast<int>(bytes),
+                      sectorOffset(reserved_sectors_ + fat_sectors_)) < static_cast<int>(bytes)) {
+        int err = errno;
+        LOGE("FAT2 read error: %d(%s)\n", err, strerror(err));
+        fat_damaged_ = true;
+        return -1;
+      }
+      int mismatched = 0;
+      for (uint32_t c = 0; c < num_clusters_; ++c) {
+        if (fat1_[c] == fat2[c]) continue;
+        fat_damaged_ = true;
+        if (c >= 2) ++mismatched;
+      }
+      if (mismatched > 0) {
+        NERIO_ASSERT(fat_damaged_);
+        LOGE("mismatched FAT cluster entries#%d found\n", mismatched);
+      }
+    }
+  } catch (const std::bad_alloc&) {
+    LOGE("got exception when creating FAT tables!\n");
+    return -1;
+  }
+  return 0;
+}
+
+uint32_t PBR::clusterToSector(uint32_t cluster) const {
+  if (cluster < 2) NERIO_ASSERT_TEXT("cluster_number >= 2");
+  return data_start_sector_ + (cluster - 2) * sectors_per_cluster_;
+}
+
+uint32_t PBR::__nextCluster(uint32_t c) {
+  if (c >= num_clusters_) {
+    NERIO_ASSERT_MSG(num_clusters_ > c, ": %d > %d(0x%08x)\n", num_clusters_, c, c);
+    return FAT_EOC;
+  }
+  return fat1_[c];
+}
+
+bool PBR::__isValidCluster(uint32_t c) {
+  if (c < num_clusters_) return true;
+  NERIO_ASSERT_MSG(num_clusters_ > c, ": %d > %d(0x%08x)\n", num_clusters_, c, c);
+  return false;
+}
+
+void PBR::lockFAT() {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  ++fat_locked_count_;
+}
+
+void PBR::unlockFAT(bool flush) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  --fat_locked_count_;
+  if (fat_locked_count_ < 0) {
+    static constexpr const char kLogTag[] = "";
+    NERIO_ASSERT_MSG(fat_locked_count_ >= 0, ": %d >= 0\n", fat_locked_count_);
+  }
+  if (fat_locked_count_ == 0 && flush) {
+    updateFATs();
+    updateFSInfo();
+  }
+}
+
+int PBR::updateFATs() {
+  NERIO_ASSERT(fat1_.size() > 0);
+  if (fat_locked_count_ != 0) return 0;
+  size_t bytes = static_cast<size_t>(bytes_per_sector_) * fat_sectors_;
+  for (uint32_t i = 0; i < num_fats_; ++i) {
+    if (velt_->write(fat1_.data(), static_cast<uint32_t>(bytes),
+                     sectorOffset(reserved_sectors_ + i * fat_sectors_), true) <
+        static_cast<int>(bytes)) {
+      int err = errno;
+      LOGE("sync FAT table[%d]: %d(%s)\n", i, err, strerror(err));
+      return -1;
+    }
+  }
+  fat_damaged_ = false;
+  return 0;
+}
+
+int PBR::__syncFATEntry(uint32_t c) {
+  if (fat_locked_count_ > 0) {
+    if (dirty_fat_entries_.empty() || dirty_fat_entries_.back() != c) dirty_fat_entries_.push_back(c);
+    return 0;
+  }
+  if (c >= num_clusters_) {
+    NERIO_ASSERT_MSG(num_clusters_ > c, ": %d > %d\n", num_clusters_, c);
+    return -1;
+  }
+  uint32_t in_fat = 4 * c;
+  for (uint32_t i = 0; i < num_fats_; ++i) {
+    int64_t offset = sectorOffset(reserved_sectors_ + i * fat_sectors_ + in_fat / bytes_per_sector_) +
+                     in_fat % bytes_per_sector_;
+    if (velt_->write(&fat1_[c], 4, offset, true) < 4) {
+      int err = errno;
+      LOGE("flusing FAT table entry of cluster %d failed: %d(%s)\n", c, err, strerror(err));
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int PBR::__flushFATs() {
+  if (dirty_fat_entries_.empty()) return 0;
+  std::vector<uint32_t> sectors;
+  sectors.reserve(dirty_fat_entries_.size());
+  std::sort(dirty_fat_entries_.begin(), dirty_fat_entries_.end());
+  for (uint32_t c : dirty_fat_entries_) {
+    if (c >= fat_clusters_) {
+      NERIO_ASSERT_MSG(num_clusters_ > c, ": %d > %d\n", num_clusters_, c);
+      continue;
+    }
+    uint32_t s = 4 * c / bytes_per_sector_;
+    if (sectors.empty() || sectors.back() != s) sectors.push_back(s);
+  }
+  NERIO_ASSERT(sectors.size() > 0);
+  size_t j = 0;
+  while (j < sectors.size()) {
+    uint32_t start = sectors[j];
+    uint32_t n = 1;
+    while (j + n < sectors.size() && sectors[j + n] == start + n) ++n;
+    uint32_t entry = start * bytes_per_sector_ / 4;
+    for (uint32_t i = 0; i < num_fats_; ++i) {
+      if (velt_->write(&fat1_[entry], n * bytes_per_sector_,
+                       sectorOffset(reserved_sectors_ + i * fat_sectors_ + start), true) <
+          static_cast<int>(n * bytes_per_sector_)) {
+        int err = errno;
+        LOGE("flusing FAT table entry of cluster %d failed: %d(%s)\n", entry, err, strerror(err));
+      }
+    }
+    j += n;
+  }
+  std::vector<uint32_t>().swap(dirty_fat_entries_);
+  return 0;
+}
+
+int PBR::flushFATs() {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  return __flushFATs();
+}
+
+int64_t PBR::scanFreeCluster() {
+  uint32_t start = next_free_cluster_number_;
+  if (start < num_clusters_) {
+    for (uint32_t c = std::max<uint32_t>(start, 2); c < num_clusters_; ++c) {
+      if (fat1_[c] == 0) return c;
+    }
+  }
+  LOGW("the end of the fat table reaches. started @ %d / %d, retry from the begin...\n", start,
+       num_clusters_);
+  next_free_cluster_number_ = root_cluster_ + 1;
+  for (uint32_t c = root_cluster_ + 1; c < num_clusters_; ++c) {
+    if (fat1_[c] == 0) return c;
+  }
+  return -1;
+}
+
+void PBR::takeCluster(uint32_t c) {
+  next_free_cluster_number_ = c + 1 >= num_clusters_ ? root_cluster_ + 1 : c + 1;
+  if (free_cluster_count_ > 0) --free_cluster_count_;
+}
+
+void PBR::zeroCluster(uint32_t c) {
+  NERIO_ASSERT(zeros_.size() == cluster_length_);
+  velt_->write(zeros_.data(), cluster_length_, sectorOffset(clusterToSector(c)), true);
+}
+
+int64_t PBR::allocCluster(bool zero) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  int64_t found = scanFreeCluster();
+  if (found < 0) {
+    LOGI("FAT table is full, no clusters available!!!\n");
+    __releaseUnusedClusters(false);
+    return FAT_EOC;
+  }
+  uint32_t c = static_cast<uint32_t>(found);
+  fat1_[c] = FAT_EOC;
+  if (isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, cluster_number) == false");
+  setUsedBit(c);
+  if (__syncFATEntry(c) != 0) return -1;
+  takeCluster(c);
+  if (zero) zeroCluster(c);
+  return c;
+}
+
+int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  if (prev >= num_clusters_) NERIO_ASSERT_MSG(num_clusters_ > prev, ": %d > %d\n", num_clusters_, prev);
+  if (count < 1) return FAT_EOC;
+  int64_t first = FAT_EOC;
+  uint32_t tail = prev;
+  for (int i = 0; i < count; ++i) {
+    int64_t found = scanFreeCluster();
+    if (found < 0) {
+      LOGI("FAT table is full, no clusters available!!!\n");
+      __releaseUnusedClusters(false);
+      if (out != nullptr) {
+        for (int k = i; k < count; ++k) out[k] = FAT_EOC;
+      }
+      return FAT_EOC;
+    }
+    uint32_t c = static_cast<uint32_t>(found);
+    takeCluster(c);
+    if (zero) zeroCluster(c);
+    if (out != nullptr) out[i] = c;
+    if (tail >= num_clusters_) return -1;
+    fat1_[tail] = c;
+    if (__syncFATEntry(tail) != 0 || c >= num_clusters_) return -1;
+    if (first == FAT_EOC) first = c;
+    fat1_[c] = FAT_EOC;
+    if (isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, next_cluster_number) == false");
+    setUsedBit(c);
+    if (__syncFATEntry(c) != 0) return -1;
+    tail = c;
+  }
+  return first;
+}
+
+int PBR::endOfCluster(uint32_t c) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  if (c >= num_clusters_) return -1;
+  fat1_[c] = FAT_EOC;
+  if (!isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, cluster_number)");
+  setUsedBit(c);
+  return __syncFATEntry(c) == 0 ? 0 : -1;
+}
+
+int PBR::__freeCluster(uint32_t c) {
+  if (c >= num_clusters_) return -1;
+  if (static_cast<int64_t>(next_free_cluster_number_) > static_cast<int64_t>(c)) {
+    next_free_cluster_number_ = c;
+  }
+  ++free_cluster_count_;
+  fat1_[c] = 0;
+  fat1_flags_[c / 8] &= static_cast<uint8_t>(~(1u << (c % 8)));
+  return __syncFATEntry(c);
+}
+
+int PBR::freeCluster(uint32_t c) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  return __freeCluster(c);
+}
+
+int PBR::freeClusterChains(uint32_t first, bool zero) {
+  lockFAT();
+  {
+    std::lock_guard<std::mutex> lock(fat_mutex_);
+    if (first >= 2 && first < FAT_EOC) {
+      if (first >= num_clusters_) {
+        NERIO_ASSERT_MSG(num_clusters_ > first, ": %d > %d(0x%08x)\n", num_clusters_, first, first);
+      } else {
+        uint32_t cur = first;
+        for (uint32_t steps = 0; steps < num_clusters_; ++steps) {
+          uint32_t next = fat1_[cur];
+          if (next == 0) break;
+          if (zero) zeroCluster(cur);
+          __freeCluster(cur);
+          if (next < 2 || next > FAT_BAD) break;
+          if (next >= num_clusters_) {
+            NERIO_ASSERT_MSG(num_clusters_ > next, ": %d > %d(0x%08x)\n", num_clusters_, next, next);
+            break;
+          }
+          cur = next;
+        }
+      }
+    }
+  }
+  unlockFAT(true);
+  return 0;
+}
+
+bool PBR::checkClusterChains(uint32_t first, size_t size) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  uint32_t cur = first, prev = 0;
+  size_t total = 0;
+  for (uint32_t steps = 0;; ++steps) {
+    if (cur < 2 || cur > FAT_BAD) {
+      if (size <= total) return true;
+      LOGE("cluster chain starting from %d(%08x) insufficient space for %zu bytes.\n", first, first,
+           size);
+      LOGE("xcluster %d(%08x), cur %d(0x%08x). checked total %zu. %zd more needs.\n", prev, prev,
+           cur, cur, total, static_cast<ssize_t>(size - total));
+      return false;
+    }
+    if (cur == FAT_BAD) {
+      LOGI("bad cluster detected @ cluster %08x -> %08x\n", prev, cur);
+      return false;
+    }
+    if (cur >= num_clusters_) {
+      NERIO_ASSERT_MSG(num_clusters_ > cur && cur >= 2, ": %d > %d(0x%08x) >= 2\n", num_clusters_,
+                       cur, cur);
+      LOGE("out of range cluster number %d(0x%08x)\n", cur, cur);
+      return false;
+    }
+    if (steps >= num_clusters_) {
+      LOGE("out of range cluster number %d(0x%08x)\n", cur, cur);
+      return false;
+    }
+    prev = cur;
+    cur = fat1_[cur];
+    total += cluster_length_;
+  }
+}
+
+int64_t PBR::getClusterCount(uint32_t first) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  int64_t count = 0;
+  uint32_t cur = first, prev = 0;
+  while (isChainCluster(cur)) {
+    if (cur == FAT_BAD) {
+      LOGI("bad cluster detected @ cluster %08x -> %08x\n", prev, cur);
+      return -1;
+    }
+    if (cur >= num_clusters_ || count >= num_clusters_) {
+      if (cur >= num_clusters_) {
+        NERIO_ASSERT_MSG(num_clusters_ > cur && cur >= 2, ": %d > %d(0x%08x) >= 2\n",
+                         num_clusters_, cur, cur);
+      }
+      LOGE("out of range cluster number %d(0x%08x)\n", cur, cur);
+      return -1;
+    }
+    ++count;
+    prev = cur;
+    cur = fat1_[cur];
+  }
+  return count;
+}
+
+int PBR::setClusterChainUsed(uint32_t first) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  NERIO_ASSERT(fat1_flags_.size() > 0);
+  uint32_t cur = first, prev = 0;
+  uint32_t steps = 0;
+  while (isChainCluster(cur)) {
+    if (cur == FAT_BAD) {
+      LOGI("bad cluster detected @ cluster %08x -> %08x\n", prev, cur);
+      return -1;
+    }
+    if (cur >= num_clusters_ || steps++ >= num_clusters_) {
+      if (cur >= num_clusters_) {
+        NERIO_ASSERT_MSG(num_clusters_ > cur && cur >= 2, ": %d > %d(0x%08x) >= 2\n",
+                         num_clusters_, cur, cur);
+      }
+      LOGE("out of range cluster number %d(0x%08x)\n", cur, cur);
+      return -1;
+    }
+    setUsedBit(cur);
+    prev = cur;
+    cur = __nextCluster(cur);
+  }
+  return 0;
+}
+
+int PBR::__releaseUnusedClusters(bool write_fsinfo) {
+  if (num_clusters_ <= 2) {
+    free_cluster_count_ = 0;
+    next_free_cluster_number_ = 0;
+  } else {
+    uint32_t count = 0, first = 0;
+    bool changed = false;
+    for (uint32_t c = 2; c < num_clusters_; ++c) {
+      if (isClusterUsed(c)) continue;
+      if (fat1_[c] != 0) {
+        changed = true;
+        fat1_[c] = 0;
+      }
+      if (count == 0) first = c;
+      ++count;
+    }
+    free_cluster_count_ = count;
+    next_free_cluster_number_ = first;
+    if (changed) updateFATs();
+  }
+  return write_fsinfo ? updateFSInfo() : 0;
+}
+
+int PBR::releaseUnusedClusters(bool write_fsinfo) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  return __releaseUnusedClusters(write_fsinfo);
+}
+
+int PBR::fixFATEntry(uint32_t c, uint32_t value) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  if (c >= num_clusters_) return -1;
+  uint32_t old = fat1_[c];
+  LOGI("fix fat entry [%d(0x%08x)] %d(0x%08x) -> %d(0x%08x)\n", c, c, old, old, value, value);
+  fat1_[c] = value;
+  __syncFATEntry(c);
+  __flushFATs();
+  return 0;
+}
+
+}  // namespace velt

@@ -1,0 +1,118 @@
+// The reserved region of the FAT32 partition: boot sector and its backup, FSInfo with the
+// format-information record, and the FAT copies (kept whole in memory).
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "fs/velt_mbr.h"
+
+namespace velt {
+
+class VELT;
+
+constexpr uint32_t FAT_EOC = 0x0FFFFFF8;  // the end-of-chain value this system writes
+constexpr uint32_t FAT_BAD = 0x0FFFFFF7;
+constexpr uint32_t FSINFO_LEAD_SIGNATURE = 0x41615252;
+constexpr uint32_t FSINFO_STRUCT_SIGNATURE = 0x61417272;
+
+class PBR {
+ public:
+  PBR(VELT* velt, int partition_no, const Partition* partition = nullptr);
+  ~PBR() = default;
+
+  int read();
+  int write();
+  int updateFSInfo();
+  int markVELT(const char* label);
+  int format();
+  uint32_t calcSecorsPerCluster() const;
+
+  // FAT table and allocation. Names with two underscores expect fat_mutex_ held.
+  void lockFAT();
+  void unlockFAT(bool flush);
+  int updateFATs();
+  int __syncFATEntry(uint32_t cluster);
+  int __flushFATs();
+  int flushFATs();
+  int64_t allocCluster(bool zero);
+  int64_t allocClusters(uint32_t prev, int count, bool zero, uint32_t* out = nullptr);
+  int endOfCluster(uint32_t cluster);
+  int __freeCluster(uint32_t cluster);
+  int freeCluster(uint32_t cluster);
+  int freeClusterChains(uint32_t first, bool zero);
+  bool checkClusterChains(uint32_t first, size_t size = 0);
+  int64_t getClusterCount(uint32_t first);
+  int setClusterChainUsed(uint32_t first);
+  int __releaseUnusedClusters(bool write_fsinfo);
+  int releaseUnusedClusters(bool write_fsinfo);
+  int fixFATEntry(uint32_t cluster, uint32_t value);
+
+  uint32_t __nextCluster(uint32_t cluster);
+  bool __isValidCluster(uint32_t cluster);
+  uint32_t clusterToSector(uint32_t cluster) const;
+  bool isClusterUsed(uint32_t cluster) const {
+    return cluster / 8 < fat1_flags_.size() && (fat1_flags_[cluster / 8] >> (cluster % 8)) & 1;
+  }
+  // Absolute card offset of a partition-relative sector.
+  int64_t sectorOffset(uint32_t sector) const {
+    return static_cast<int64_t>(sector) * bytes_per_sector_ +
+           static_cast<int64_t>(partition_.lba) * partition_.bytes_per_sector;
+  }
+
+  bool pbr_damaged_ = false;
+  bool fsinfo_damaged_ = false;
+  bool fat_damaged_ = false;
+  int32_t partition_no_ = 0;
+  bool is_velt_partition_ = false;
+  char oem_name_[8] = {};
+  uint32_t bytes_per_sector_ = 0;
+  uint32_t sectors_per_cluster_ = 0;
+  uint32_t reserved_sectors_ = 0;
+  uint32_t num_fats_ = 0;
+  uint32_t media_ = 0;
+  uint32_t total_sectors_ = 0;
+  uint32_t fat_sectors_ = 0;
+  uint32_t ext_flags_ = 0;
+  uint32_t root_cluster_ = 0;
+  uint32_t fsinfo_sector_ = 0;
+  uint32_t backup_boot_sector_ = 0;
+  uint32_t volume_id_ = 0;
+  char volume_label_[11] = {};
+  char fs_type_[8] = {};
+  uint32_t data_sectors_ = 0;
+  uint32_t num_clusters_ = 0;  // one past the highest usable cluster
+  uint32_t data_start_sector_ = 0;
+  uint32_t fat_clusters_ = 0;  // entries one FAT copy holds
+  uint32_t cluster_length_ = 0;  // bytes per cluster
+  uint32_t free_cluster_count_ = 0;
+  uint32_t next_free_cluster_number_ = 0;  // FSInfo hint and allocation cursor
+  VELT* velt_;  // owner, not owned
+  Partition partition_;
+
+  int32_t fat_locked_count_ = 0;
+  std::mutex fat_mutex_;  // the FAT members below, the lock count, free count and cursor
+  std::vector<uint32_t> fat1_;
+  std::vector<uint8_t> fat1_flags_;  // bitmap of clusters reached by the tree
+  std::vector<uint32_t> dirty_fat_entries_;  // entries changed while the FAT is locked
+  std::vector<uint8_t> zeros_;  // one cluster of zeros
+
+  bool valid_ = false;
+  uint8_t boot_sector_[512] = {};
+  uint8_t fsinfo_[512] = {};
+
+ private:
+  int loadFATs();
+  int64_t scanFreeCluster();  // -1 when the FAT is full
+  void takeCluster(uint32_t c);
+  void zeroCluster(uint32_t c);
+  void setUsedBit(uint32_t c) { fat1_flags_[c / 8] |= static_cast<uint8_t>(1u << (c % 8)); }
+  int readSector(uint32_t sector, uint8_t* buf);
+};
+
+inline bool isEOC(uint32_t cluster) { return cluster >= FAT_EOC; }
+// A chain continues only through these values.
+inline bool isChainCluster(uint32_t cluster) { return cluster >= 2 && cluster <= FAT_BAD; }
+
+}  // namespace velt

@@ -1,0 +1,189 @@
+// The card layout as our code reads it, judged against what fsck.fat and minfo report.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <regex>
+#include <string>
+
+#include "card_image.h"
+#include "fs/velt.h"
+#include "fs/velt_endian.h"
+
+using velt::test::CardImage;
+using velt::test::CardSpec;
+
+namespace {
+
+struct Loaded {
+  int error = 0;
+  std::shared_ptr<velt::VELT> volume;
+};
+
+Loaded load(const CardImage& card, int mode = velt::kVELTOpMount) {
+  CardImage::RootScope scope(card);
+  Loaded l;
+  l.volume = velt::VELT::create(card.devicePath(), 0, mode, 0, &l.error);
+  return l;
+}
+
+int64_t minfoField(const std::string& out, const std::string& re) {
+  std::smatch m;
+  if (!std::regex_search(out, m, std::regex(re))) return -1;
+  return std::stoll(m[1]);
+}
+
+}  // namespace
+
+TEST(CardLayout, GeometryMatchesTheFatTools) {
+  struct Row {
+    int64_t size_mb;
+    int spc;
+    int slot;
+  } rows[] = {{64, 1, 1}, {300, 8, 1}, {2200, 64, 1}, {300, 8, 2}};
+  for (const auto& r : rows) {
+    SCOPED_TRACE("spc " + std::to_string(r.spc) + " slot " + std::to_string(r.slot));
+    CardSpec spec;
+    spec.size_mb = r.size_mb;
+    spec.sectors_per_cluster = r.spc;
+    spec.slot = r.slot;
+    CardImage card(spec);
+    ASSERT_TRUE(card.ok()) << card.error();
+    auto fsck = card.fsck("-n -v");
+    ASSERT_EQ(fsck.status, 0) << fsck.out;
+    auto f = velt::test::parseFsckVerbose(fsck.out);
+    auto minfo = card.mtools("minfo ::");
+    ASSERT_EQ(minfo.status, 0) << minfo.err;
+
+    Loaded l = load(card);
+    ASSERT_EQ(l.error, 0);
+    ASSERT_NE(l.volume, nullptr);
+    velt::PBR& pbr = *l.volume->pbr_;
+    EXPECT_FALSE(pbr.is_velt_partition_);
+    EXPECT_EQ(pbr.bytes_per_sector_, f["bytes_per_sector"]);
+    EXPECT_EQ(pbr.cluster_length_, f["bytes_per_cluster"]);
+    EXPECT_EQ(pbr.sectors_per_cluster_, minfoField(minfo.out, R"(cluster size: (\d+) sectors)"));
+    EXPECT_EQ(pbr.reserved_sectors_, f["reserved_sectors"]);
+    EXPECT_EQ(pbr.num_fats_, f["fats"]);
+    EXPECT_EQ(pbr.fat_sectors_, f["fat_sectors"]);
+    EXPECT_EQ(pbr.data_start_sector_, f["data_sector"]);
+    EXPECT_EQ(pbr.num_clusters_ - 2, f["data_clusters"]);
+    EXPECT_EQ(pbr.root_cluster_, f["root_cluster"]);
+    EXPECT_EQ(pbr.root_cluster_, minfoField(minfo.out, R"(rootCluster=(\d+))"));
+    EXPECT_EQ(pbr.free_cluster_count_, minfoField(minfo.out, R"(free clusters=(\d+))"));
+    EXPECT_EQ(pbr.free_cluster_count_, f["total_clusters"] - f["used_clusters"]);
+    EXPECT_EQ(l.volume->disk_size_, (r.size_mb << 20) - card.partitionOffset());
+    // FAT contents: media entry, the reserved entry, the root's end of chain, then free.
+    EXPECT_EQ(pbr.fat1_[0], 0x0FFFFFF8u);
+    EXPECT_EQ(pbr.fat1_[1], 0x0FFFFFFFu);
+    EXPECT_GE(pbr.fat1_[2], 0x0FFFFFF8u);
+    EXPECT_EQ(pbr.fat1_[3], 0u);
+    EXPECT_FALSE(pbr.fat_damaged_);
+  }
+}
+
+TEST(CardLayout, DamagedBootRecords) {
+  CardImage card;
+  ASSERT_TRUE(card.ok()) << card.error();
+  const int64_t boot = card.partitionOffset();
+
+  // Primary boot sector without 55 AA, good backup: mounts from the backup.
+  card.writeBytes(boot + 510, std::string("\0\0", 2));
+  Loaded l = load(card);
+  EXPECT_EQ(l.error, 0);
+  ASSERT_NE(l.volume, nullptr);
+  EXPECT_TRUE(l.volume->pbr_->pbr_damaged_);
+  l.volume.reset();
+
+  // Backup bad too: code 7.
+  card.writeBytes(boot + 6 * 512 + 510, std::string("\0\0", 2));
+  EXPECT_EQ(load(card).error, velt::kVELTBadPBR);
+
+  // A FAT16-style boot sector (root entries) is refused.
+  card.writeBytes(boot + 510, "\x55\xAA");
+  card.writeBytes(boot + 17, std::string("\x00\x02", 2));
+  EXPECT_EQ(load(card).error, velt::kVELTBadPBR);
+  card.writeBytes(boot + 17, std::string("\0\0", 2));
+  EXPECT_EQ(load(card).error, 0);
+
+  // No MBR signature: code 5. A partition number without an entry: code 2.
+  card.writeBytes(510, std::string("\0\0", 2));
+  EXPECT_EQ(load(card).error, velt::kVELTBadMBR);
+  card.writeBytes(510, "\x55\xAA");
+  {
+    CardImage::RootScope scope(card);
+    int error = 0;
+    EXPECT_EQ(velt::VELT::create("/dev/mmcblk0p2", 0, 0, 0, &error), nullptr);
+    EXPECT_EQ(error, velt::kVELTNoFAT32Partition);
+  }
+}
+
+TEST(CardLayout, FsInfoAndFatCopies) {
+  CardImage card;
+  ASSERT_TRUE(card.ok()) << card.error();
+  const int64_t part = card.partitionOffset();
+  Loaded first = load(card);
+  ASSERT_NE(first.volume, nullptr);
+  const uint32_t free_count = first.volume->pbr_->free_cluster_count_;
+  const uint32_t fat_sectors = first.volume->pbr_->fat_sectors_;
+  first.volume.reset();
+
+  // Primary FSInfo with a wrong lead signature: the backup's numbers are used.
+  std::string backup = card.readBytes(part + 7 * 512, 512);
+  std::string changed_backup = backup;
+  velt::putLe32(reinterpret_cast<uint8_t*>(changed_backup.data()) + 488, free_count - 5);
+  card.writeBytes(part + 7 * 512, changed_backup);
+  card.writeBytes(part + 512, "XXXX");
+  Loaded l = load(card);
+  ASSERT_NE(l.volume, nullptr);
+  EXPECT_TRUE(l.volume->pbr_->fsinfo_damaged_);
+  EXPECT_EQ(l.volume->pbr_->free_cluster_count_, free_count - 5);
+  l.volume.reset();
+  card.writeBytes(part + 512, "RRaA");
+
+  // Three differing entries in the second FAT copy: noted, copy 1 is used.
+  const int64_t fat2 = part + (32 + fat_sectors) * 512;
+  card.writeBytes(fat2 + 4 * 10, std::string("\x07\0\0\0", 4));
+  card.writeBytes(fat2 + 4 * 11, std::string("\x07\0\0\0", 4));
+  card.writeBytes(fat2 + 4 * 300, std::string("\x07\0\0\0", 4));
+  l = load(card);
+  ASSERT_NE(l.volume, nullptr);
+  EXPECT_TRUE(l.volume->pbr_->fat_damaged_);
+  EXPECT_EQ(l.volume->pbr_->fat1_[10], 0u);
+  // Rewriting the FATs brings both copies back to copy 1.
+  EXPECT_EQ(l.volume->pbr_->updateFATs(), 0);
+  l.volume.reset();
+  EXPECT_EQ(card.readBytes(fat2 + 4 * 10, 4), std::string(4, '\0'));
+  EXPECT_EQ(card.fsck("-n").status, 0);
+}
+
+TEST(CardLayout, VeltMarkAndVersion) {
+  CardImage card;
+  ASSERT_TRUE(card.ok()) << card.error();
+  const int64_t part = card.partitionOffset();
+  // A VELT mark without a valid format-information record runs as plain FAT32.
+  card.writeBytes(part + 3, "VELT1.0P");
+  Loaded l = load(card);
+  ASSERT_NE(l.volume, nullptr);
+  EXPECT_FALSE(l.volume->pbr_->is_velt_partition_);
+  l.volume.reset();
+  EXPECT_EQ(load(card, velt::kVELTOpExclusive).error, velt::kVELTNotVELT);
+
+  // A valid record with major version 2 is refused; 3.1 loads.
+  velt::FormatInfo info;
+  info.magic1 = velt::VELT_FSINFO_MAGIC1;
+  info.magic2 = velt::VELT_FSINFO_MAGIC2;
+  info.version_major = 2;
+  uint8_t raw[velt::VELT_FORMAT_INFO_SIZE];
+  info.encode(raw);
+  std::string record(reinterpret_cast<char*>(raw), sizeof(raw));
+  card.writeBytes(part + 512 + 4, record);
+  EXPECT_EQ(load(card).error, velt::kVELTBadVELT);
+  info.version_major = 3;
+  info.version_minor = 1;
+  info.encode(raw);
+  card.writeBytes(part + 512 + 4, std::string(reinterpret_cast<char*>(raw), sizeof(raw)));
+  l = load(card);
+  ASSERT_NE(l.volume, nullptr);
+  EXPECT_TRUE(l.volume->pbr_->is_velt_partition_);
+  EXPECT_EQ(l.volume->format_info_.version_minor, 1);
+}

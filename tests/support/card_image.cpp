@@ -1,0 +1,130 @@
+#include "card_image.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <regex>
+
+namespace velt::test {
+
+CardImage::CardImage(const CardSpec& spec) : spec_(spec) {
+  std::string q = shellQuote(image());
+  runShell("mkdir -p " + shellQuote(root() + "/dev") + " " + shellQuote(root() + "/tmp"));
+  std::string table = "label: dos\n";
+  int64_t start = 2048;
+  for (int s = 1; s < spec.slot; ++s) {
+    // A small Linux partition in each earlier slot.
+    table += "start=" + std::to_string(start) + ", size=2048, type=83\n";
+    start += 4096;
+  }
+  table += "start=" + std::to_string(start) + ", type=c\n";
+  partition_offset_ = start * 512;
+  ShellResult r = runShell("truncate -s " + std::to_string(spec.size_mb) + "M " + q +
+                           " && printf " + shellQuote(table) + " | sfdisk -q " + q);
+  if (r.status != 0) {
+    error_ = "sfdisk: " + r.err;
+    return;
+  }
+  if (spec.format) {
+    std::string cmd = "mkfs.fat -F 32 --offset " + std::to_string(start) + " -s " +
+                      std::to_string(spec.sectors_per_cluster);
+    if (!spec.label.empty()) cmd += " -n " + shellQuote(spec.label);
+    r = runShell(cmd + " " + q);
+    if (r.status != 0) {
+      error_ = "mkfs.fat: " + r.err;
+      return;
+    }
+  }
+  int fd = open((root() + "/dev/mmcblk0p" + std::to_string(spec.slot)).c_str(),
+                O_CREAT | O_WRONLY, 0600);
+  if (fd >= 0) close(fd);
+}
+
+std::string CardImage::mtoolsImage() const {
+  return image() + "@@" + std::to_string(partition_offset_);
+}
+
+ShellResult CardImage::mtools(const std::string& command) const {
+  // The command's first word is the tool; the image goes right after it.
+  size_t space = command.find(' ');
+  std::string tool = command.substr(0, space);
+  std::string rest = space == std::string::npos ? "" : command.substr(space);
+  return runShell("MTOOLS_SKIP_CHECK=1 MTOOLS_NO_VFAT=0 " + tool + " -i " +
+                  shellQuote(mtoolsImage()) + rest);
+}
+
+ShellResult CardImage::fsck(const std::string& flags) const {
+  // fsck.fat works on a partition: copy it out (sparse) and check the copy.
+  std::string part = dir_.path() + "/partition.img";
+  ShellResult copy = runShell("dd if=" + shellQuote(image()) + " of=" + shellQuote(part) +
+                              " bs=1M iflag=skip_bytes skip=" + std::to_string(partition_offset_) +
+                              " conv=sparse status=none 2>&1");
+  if (copy.status != 0) return copy;
+  ShellResult r = runShell("fsck.fat " + flags + " " + shellQuote(part));
+  unlink(part.c_str());
+  return r;
+}
+
+std::string CardImage::readBytes(int64_t offset, size_t size) const {
+  std::string out(size, '\0');
+  int fd = open(image().c_str(), O_RDONLY);
+  if (fd < 0) return std::string();
+  ssize_t n = pread(fd, out.data(), size, offset);
+  close(fd);
+  out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+  return out;
+}
+
+void CardImage::writeBytes(int64_t offset, const std::string& bytes) const {
+  int fd = open(image().c_str(), O_WRONLY);
+  if (fd < 0) return;
+  ssize_t n = pwrite(fd, bytes.data(), bytes.size(), offset);
+  (void)n;
+  close(fd);
+}
+
+CardImage::RootScope::RootScope(const CardImage& card) {
+  const char* old = getenv("VELT_ROOT");
+  had_ = old != nullptr;
+  if (had_) old_ = old;
+  setenv("VELT_ROOT", card.root().c_str(), 1);
+}
+
+CardImage::RootScope::~RootScope() {
+  if (had_) {
+    setenv("VELT_ROOT", old_.c_str(), 1);
+  } else {
+    unsetenv("VELT_ROOT");
+  }
+}
+
+std::map<std::string, int64_t> parseFsckVerbose(const std::string& out) {
+  std::map<std::string, int64_t> v;
+  struct Pattern {
+    const char* name;
+    const char* re;
+  } patterns[] = {
+      {"bytes_per_sector", R"((\d+) bytes per logical sector)"},
+      {"bytes_per_cluster", R"((\d+) bytes per cluster)"},
+      {"reserved_sectors", R"((\d+) reserved sectors)"},
+      {"fats", R"((\d+) FATs, 32 bit entries)"},
+      {"fat_sectors", R"(bytes per FAT \(= (\d+) sectors\))"},
+      {"data_sector", R"(Data area starts at byte \d+ \(sector (\d+)\))"},
+      {"data_clusters", R"((\d+) data clusters)"},
+      {"root_cluster", R"(Root directory start at cluster (\d+))"},
+      {"total_sectors", R"((\d+) sectors total)"},
+  };
+  std::smatch m;
+  for (const auto& p : patterns) {
+    if (std::regex_search(out, m, std::regex(p.re))) v[p.name] = std::stoll(m[1]);
+  }
+  if (std::regex_search(out, m, std::regex(R"((\d+) files, (\d+)/(\d+) clusters)"))) {
+    v["files"] = std::stoll(m[1]);
+    v["used_clusters"] = std::stoll(m[2]);
+    v["total_clusters"] = std::stoll(m[3]);
+  }
+  return v;
+}
+
+}  // namespace velt::test
