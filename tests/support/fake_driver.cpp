@@ -1,5 +1,8 @@
 #include "fake_driver.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstring>
 
 namespace velt_test {
@@ -42,7 +45,18 @@ FakeVolume::FakeVolume(uint32_t sectors) {
   driver = fake.get();
   disk = fake->disk_;
   volume->driver_ = std::move(fake);
+  volume->device_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
   volume->allocBuffers();
+}
+
+bool FakeVolume::formatInMemory() {
+  auto& v = *volume;
+  v.mbr_ = new velt::MBR(&v);
+  if (v.mbr_->format() != 0) return false;
+  velt::Partition p;
+  if (v.mbr_->getFAT32Partition(1, &p) < 0) return false;
+  v.pbr_ = new velt::PBR(&v, 1, &p);
+  return v.pbr_->format() == 0;
 }
 
 }  // namespace velt_test

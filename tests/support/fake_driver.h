@@ -27,7 +27,10 @@ class FakeDriver : public velt::BlockDriver {
 
   int readSectors(uint32_t start, int count, void* buffer) override;
   int writeSectors(uint32_t start, int count, const void* buffer) override;
-  int64_t sizeInSectors() override { return static_cast<int64_t>(data_.size() / 512); }
+  int64_t sizeInSectors() override {
+    return reported_sectors >= 0 ? reported_sectors : static_cast<int64_t>(data_.size() / 512);
+  }
+  int64_t reported_sectors = -1;  // a card size to report instead of the held sectors
 
   // The next read (or write) answers with this many sectors (<= 0: a failure) instead.
   void queueReadAnswer(int sectors) { read_answers_.push_back(sectors); }
@@ -44,9 +47,12 @@ class FakeDriver : public velt::BlockDriver {
   std::deque<int> write_answers_;
 };
 
-// A volume with transfer buffers and a fake driver plugged in, without any device file.
+// A volume with transfer buffers and a fake driver plugged in, without any device file
+// (the device descriptor is /dev/null, so size requests reach the fake).
 struct FakeVolume {
   explicit FakeVolume(uint32_t sectors);
+  // Lays a FAT32 file system (in memory only) over the fake card: MBR and PBR formatted.
+  bool formatInMemory();
   std::shared_ptr<velt::VELT> volume;
   FakeDriver* driver;  // owned by the volume
   std::shared_ptr<std::vector<uint8_t>> disk;  // the driver's sectors

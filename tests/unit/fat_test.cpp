@@ -1,0 +1,236 @@
+// The in-memory FAT over a fake card: allocation, the counted lock, chain walks.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "fake_driver.h"
+#include "fs/velt_endian.h"
+
+using velt::FAT_EOC;
+using velt_test::DriverRequest;
+using velt_test::FakeVolume;
+
+namespace {
+
+// 64 MiB card: partition at 2048, 32 sectors per cluster, 2 FATs of 32 sectors.
+struct Fixture {
+  Fixture() : f(131072) {
+    EXPECT_TRUE(f.formatInMemory());
+    pbr = f.volume->pbr_;
+  }
+  // Marks every free cluster taken (in use, end of chain) except those listed.
+  void fillExcept(const std::set<uint32_t>& keep) {
+    for (uint32_t c = 3; c < pbr->num_clusters_; ++c) {
+      if (keep.count(c) || pbr->fat1_[c] != 0) continue;
+      pbr->fat1_[c] = FAT_EOC;
+      pbr->fat1_flags_[c / 8] |= static_cast<uint8_t>(1u << (c % 8));
+    }
+    pbr->setClusterChainUsed(2);
+  }
+  FakeVolume f;
+  velt::PBR* pbr;
+};
+
+}  // namespace
+
+TEST(Fat, FormattedGeometryAndTheCursor) {
+  Fixture x;
+  auto* pbr = x.pbr;
+  EXPECT_EQ(pbr->sectors_per_cluster_, 32u);
+  EXPECT_EQ(pbr->fat_sectors_, 32u);
+  EXPECT_EQ(pbr->free_cluster_count_, pbr->num_clusters_ - 3);
+  EXPECT_EQ(pbr->allocCluster(false), 3);
+  EXPECT_EQ(pbr->next_free_cluster_number_, 4u);
+
+  // The cursor at the last cluster, which is taken: wrap to the lowest free above the root.
+  uint32_t last = pbr->num_clusters_ - 1;
+  pbr->fat1_[last] = FAT_EOC;
+  pbr->next_free_cluster_number_ = last;
+  EXPECT_EQ(pbr->allocCluster(false), 4);
+  // An unknown hint (0xFFFFFFFF) wraps at once.
+  pbr->next_free_cluster_number_ = 0xFFFFFFFFu;
+  EXPECT_EQ(pbr->allocCluster(false), 5);
+  EXPECT_EQ(pbr->next_free_cluster_number_, 6u);
+}
+
+TEST(Fat, AllocClustersOnANearlyFullTable) {
+  Fixture x;
+  auto* pbr = x.pbr;
+  x.fillExcept({10, 20, 30, 40, 50});
+  uint32_t first = static_cast<uint32_t>(pbr->allocCluster(false));
+  ASSERT_EQ(first, 10u);
+  pbr->next_free_cluster_number_ = 2;
+  // Only 20, 30, 40, 50 are free: asking for 6 links those four and reports the shortfall.
+  uint32_t out[6] = {};
+  EXPECT_EQ(pbr->allocClusters(first, 6, false, out), static_cast<int64_t>(FAT_EOC));
+  EXPECT_EQ(out[0], 20u);
+  EXPECT_EQ(out[3], 50u);
+  EXPECT_EQ(out[4], FAT_EOC);
+  EXPECT_EQ(out[5], FAT_EOC);
+  EXPECT_EQ(pbr->fat1_[10], 20u);
+  EXPECT_EQ(pbr->fat1_[20], 30u);
+  EXPECT_EQ(pbr->fat1_[50], FAT_EOC);
+  EXPECT_EQ(pbr->getClusterCount(10), 5);
+  EXPECT_TRUE(pbr->isClusterUsed(50));
+}
+
+TEST(Fat, LockedWritesReachEveryCopyAsMergedRuns) {
+  Fixture x;
+  auto* pbr = x.pbr;
+  auto& reqs = x.f.driver->requests;
+  const uint32_t fat1 = 2048 + 32, fat2 = fat1 + 32;
+  pbr->lockFAT();
+  // Entries in FAT sectors 0, 1 and 3 (128 entries a sector).
+  for (uint32_t c : {5u, 127u, 128u, 130u, 400u}) {
+    pbr->fat1_[c] = FAT_EOC;
+    pbr->__syncFATEntry(c);
+  }
+  pbr->__syncFATEntry(400);
+  EXPECT_TRUE(reqs.empty()) << "nothing is written while locked";
+  EXPECT_EQ(pbr->dirty_fat_entries_.size(), 5u) << "a repeat in a row is queued once";
+  ASSERT_EQ(pbr->flushFATs(), 0);
+  // One write per run and copy; the buffered layer may start a write earlier (its 64 KiB
+  // look-ahead), so each request is judged by where it ends.
+  std::vector<uint32_t> ends;
+  for (const auto& r : reqs) {
+    if (r.kind == 'w') ends.push_back(r.start + static_cast<uint32_t>(r.count));
+  }
+  EXPECT_EQ(ends, (std::vector<uint32_t>{fat1 + 2, fat2 + 2, fat1 + 4, fat2 + 4}));
+  EXPECT_TRUE(pbr->dirty_fat_entries_.empty());
+
+  // The last unlock rewrites every copy whole, then FSInfo and its backup.
+  reqs.clear();
+  pbr->lockFAT();
+  pbr->unlockFAT(true);
+  EXPECT_TRUE(reqs.empty()) << "one holder remains";
+  pbr->unlockFAT(true);
+  ends.clear();
+  for (const auto& r : reqs) {
+    if (r.kind == 'w') ends.push_back(r.start + static_cast<uint32_t>(r.count));
+  }
+  EXPECT_EQ(ends, (std::vector<uint32_t>{fat1 + 32, fat2 + 32, 2048 + 2, 2048 + 8}));
+  EXPECT_EQ(0, memcmp(x.f.driver->data_.data() + static_cast<size_t>(fat2) * 512,
+                      pbr->fat1_.data(), 32 * 512));
+}
+
+TEST(Fat, FreeingAndWalkingChains) {
+  Fixture x;
+  auto* pbr = x.pbr;
+  int64_t first = pbr->allocCluster(false);
+  ASSERT_EQ(first, 3);
+  ASSERT_EQ(pbr->allocClusters(3, 2, false), 4);
+  const uint32_t len = pbr->cluster_length_;
+  EXPECT_TRUE(pbr->checkClusterChains(3, 3 * len));
+  EXPECT_FALSE(pbr->checkClusterChains(3, 3 * len + 1));
+  EXPECT_TRUE(pbr->checkClusterChains(0, 0));
+  EXPECT_FALSE(pbr->checkClusterChains(0, 1));
+
+  // Freeing a cluster leaves the bits of the others alone.
+  pbr->allocClusters(5, 3, false);  // 6, 7, 8
+  uint32_t free_before = pbr->free_cluster_count_;
+  ASSERT_EQ(pbr->freeClusterChains(3, false), 0);
+  for (uint32_t c = 3; c <= 8; ++c) {
+    EXPECT_EQ(pbr->fat1_[c], 0u) << c;
+    EXPECT_FALSE(pbr->isClusterUsed(c)) << c;
+  }
+  EXPECT_EQ(pbr->free_cluster_count_, free_before + 6);
+  EXPECT_EQ(pbr->next_free_cluster_number_, 3u);
+
+  // A bad-cluster mark inside a chain.
+  pbr->fat1_[20] = 21;
+  pbr->fat1_[21] = velt::FAT_BAD;
+  EXPECT_FALSE(pbr->checkClusterChains(20, 1));
+  EXPECT_EQ(pbr->getClusterCount(20), -1);
+}
+
+TEST(Fat, LoopingChainsEnd) {
+  Fixture x;
+  auto* pbr = x.pbr;
+  pbr->fat1_[30] = 31;
+  pbr->fat1_[31] = 32;
+  pbr->fat1_[32] = 30;
+  EXPECT_FALSE(pbr->checkClusterChains(30, 1));
+  EXPECT_EQ(pbr->getClusterCount(30), -1);
+  EXPECT_EQ(pbr->setClusterChainUsed(30), -1);
+  EXPECT_EQ(pbr->freeClusterChains(30, false), 0);
+  EXPECT_EQ(pbr->fat1_[30], 0u);
+  EXPECT_EQ(pbr->fat1_[32], 0u);
+}
+
+TEST(Fat, ReleaseUnusedClustersAndFixEntry) {
+  Fixture x;
+  auto* pbr = x.pbr;
+  // Two chains; only one is reached by the tree.
+  pbr->allocClusters(static_cast<uint32_t>(pbr->allocCluster(false)), 2, false);  // 3,4,5
+  pbr->allocClusters(static_cast<uint32_t>(pbr->allocCluster(false)), 1, false);  // 6,7
+  pbr->fat1_flags_.assign(pbr->fat1_flags_.size(), 0);
+  ASSERT_EQ(pbr->setClusterChainUsed(2), 0);
+  ASSERT_EQ(pbr->setClusterChainUsed(3), 0);
+  ASSERT_EQ(pbr->releaseUnusedClusters(true), 0);
+  EXPECT_EQ(pbr->fat1_[6], 0u);
+  EXPECT_EQ(pbr->fat1_[7], 0u);
+  EXPECT_EQ(pbr->fat1_[5], FAT_EOC);
+  EXPECT_EQ(pbr->free_cluster_count_, pbr->num_clusters_ - 6);
+  EXPECT_EQ(pbr->next_free_cluster_number_, 6u);
+
+  ASSERT_EQ(pbr->fixFATEntry(4, FAT_EOC), 0);
+  EXPECT_EQ(pbr->fat1_[4], FAT_EOC);
+  const size_t fat2 = static_cast<size_t>(2048 + 32 + 32) * 512;
+  EXPECT_EQ(velt::le32(x.f.driver->data_.data() + fat2 + 16), FAT_EOC);
+}
+
+TEST(Format, GeometryByPartitionSize) {
+  velt_test::FakeVolume f(8192);
+  auto& v = *f.volume;
+  v.mbr_ = new velt::MBR(&v);
+  v.mbr_->valid_ = true;
+  v.mbr_->partition_count_ = 1;
+  auto setPartition = [&](uint32_t sectors) {
+    velt::Partition& p = v.mbr_->partitions_[0];
+    p = velt::Partition();
+    p.valid = true;
+    p.type = 0x0C;
+    p.lba = 2048;
+    p.bytes_per_sector = 512;
+    p.total_sectors = sectors;
+  };
+  velt::PBR pbr(&v, 1);
+  struct Row {
+    uint64_t sectors;
+    uint32_t spc;
+  } rows[] = {{16777216, 32}, {16777217, 64}, {67108864, 64}, {67108865, 128}};
+  for (const auto& r : rows) {
+    setPartition(static_cast<uint32_t>(r.sectors));
+    velt::Partition p;
+    v.mbr_->getFAT32Partition(1, &p);
+    pbr.partition_ = p;
+    EXPECT_EQ(pbr.calcSecorsPerCluster(), r.spc) << r.sectors;
+  }
+
+  // A 16 GiB card: the partition starts at 2048 and covers the rest.
+  setPartition(33554432 - 2048);
+  ASSERT_EQ(pbr.format(), 0);
+  EXPECT_EQ(pbr.sectors_per_cluster_, 64u);
+  EXPECT_EQ(pbr.fat_sectors_, 4095u);
+  EXPECT_EQ(pbr.data_sectors_, 33544162u);
+  EXPECT_EQ(pbr.data_start_sector_, 8222u);
+  EXPECT_EQ(pbr.num_clusters_, 524129u);
+  EXPECT_EQ(pbr.fat_clusters_, 524160u);
+  EXPECT_EQ(pbr.free_cluster_count_, 524126u);
+  EXPECT_EQ(pbr.fat1_[0], 0x0FFFFFF8u);
+  EXPECT_EQ(pbr.fat1_[1], 0xFFFFFFFFu);
+  EXPECT_EQ(pbr.fat1_[2], 0x0FFFFFF8u);
+  EXPECT_EQ(0, memcmp(pbr.oem_name_, "VELT1.0X", 8)) << "outside a format operation";
+  EXPECT_EQ(0, memcmp(pbr.volume_label_, "           ", 11));
+  EXPECT_TRUE(pbr.is_velt_partition_);
+  EXPECT_EQ(pbr.write(), -1) << "refused outside a format operation";
+
+  // A 1 GiB card gets a partition of 2,095,104 sectors at 2048.
+  f.driver->reported_sectors = 2097152;
+  velt::MBR mbr(&v);
+  ASSERT_EQ(mbr.format(), 0);
+  const uint8_t expect[] = {0, 0, 0, 0, 0x0C, 0, 0, 0, 0x00, 0x08, 0, 0, 0x00, 0xF8, 0x1F, 0x00};
+  EXPECT_EQ(0, memcmp(mbr.sector_ + 446, expect, 16));
+  EXPECT_EQ(mbr.partitions_[0].total_sectors, 2095104u);
+  EXPECT_TRUE(mbr.dirty_);
+}
