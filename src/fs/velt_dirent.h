@@ -1,0 +1,165 @@
+// One file or folder of the volume, and the 32-byte directory records it is stored in.
+//
+// A directory owns its children through shared pointers; a child points back to its directory
+// with a plain pointer. Each entry keeps the clusters of its chain (cluster map) and, for a
+// directory, one byte per 32-byte slot (entry map), so that no operation walks the FAT or scans
+// the card to find data or free slots.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "fs/velt.h"
+
+namespace velt {
+
+constexpr int DIR_RECORD_SIZE = 32;
+constexpr uint8_t DIR_ENTRY_RESERVED_CHAR = 6;  // slot taken by a running creation
+constexpr uint8_t DIR_ENTRY_DELETED = 0xE5;
+constexpr uint8_t DIR_ENTRY_FREE = 0x00;
+constexpr int VELT_LFN_ENTRY_COUNT_MAX = 3;  // long-name records of a reserved file
+constexpr int kLfnRecordsMax = 20;  // long-name records an entry can have (260 code units)
+constexpr int kLfnCharsPerRecord = 13;
+
+enum : uint8_t {
+  kAttrReadOnly = 0x01,
+  kAttrHidden = 0x02,
+  kAttrSystem = 0x04,
+  kAttrVolumeId = 0x08,
+  kAttrDirectory = 0x10,
+  kAttrArchive = 0x20,
+  kAttrLongName = 0x0F,
+};
+
+// Short-name record fields.
+namespace rec {
+constexpr int kName = 0, kAttr = 11, kCaseFlags = 12, kCreateTenths = 13, kCreateTime = 14,
+              kCreateDate = 16, kAccessDate = 18, kClusterHigh = 20, kWriteTime = 22,
+              kWriteDate = 24, kClusterLow = 26, kSize = 28;
+// Long-name record fields.
+constexpr int kLfnSeq = 0, kLfnChars1 = 1, kLfnAttr = 11, kLfnType = 12, kLfnChecksum = 13,
+              kLfnChars2 = 14, kLfnCluster = 26, kLfnChars3 = 28;
+constexpr uint8_t kLfnLast = 0x40;  // added to the sequence of the record farthest from the name
+}  // namespace rec
+
+// Name rules, short names and FAT times (velt_dirent_names.cpp).
+bool isValidFileName(const char* name);
+bool isValidShortName(const char* name);
+bool isShortNameByte(uint8_t byte);
+uint8_t shortNameChecksum(const uint8_t* name11);
+// "README.TXT" -> "README  TXT". A first byte 0xE5 is stored as 0x05.
+void shortNameToName83(const char* short_name, uint8_t* out11);
+time_t fatToTime(uint16_t date, uint16_t time);
+uint16_t timeToFatDate(time_t t);
+uint16_t timeToFatTime(time_t t);
+// UTF-8 -> UTF-16 code units of a long name, with the terminator unit added when the count is
+// not a multiple of 13. False when the text is not valid UTF-8.
+bool longNameUnits(const std::string& name, std::vector<uint16_t>* units, size_t* name_units);
+// Builds the long-name record of sequence `seq` (1-based, without the last-record bit).
+void buildLfnRecord(const std::vector<uint16_t>& units, int seq, bool last, uint8_t checksum,
+                    uint8_t* out32);
+// The code units a long-name record holds, in order (terminator and padding included).
+void lfnRecordUnits(const uint8_t* record, uint16_t* out13);
+
+// A reserved file of a reserved folder (its preallocated records and clusters).
+struct ReservedFile {
+  int64_t dir_ent_disk_off = 0;
+  int32_t lfn_count = 0;
+  int64_t lfn_disk_offsets[VELT_LFN_ENTRY_COUNT_MAX] = {};
+  uint32_t start_cluster = 0;
+  int32_t entry_index_ = 0;
+  uint32_t taken_time = 0;  // time of the last takeover
+  bool used_ = false;
+  uint32_t size = 0;
+};
+
+class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
+ public:
+  explicit DirEntry(VELT* velt);
+  virtual ~DirEntry();
+  DirEntry(const DirEntry&) = delete;
+  DirEntry& operator=(const DirEntry&) = delete;
+
+  bool isDir() const { return is_dir_; }
+  bool isArchive() const { return !is_dir_ && !is_volume_; }
+  bool isDotEntry() const { return short_name_ == "." || short_name_ == ".."; }
+
+  // Records.
+  int init(const char* name, const char* short_name, uint8_t attr, const uint8_t* record);
+  int touch(time_t atime, time_t mtime);
+  int update(bool is_accessed, bool is_modified, uint8_t* record_out);
+  int update2(bool is_accessed, bool is_modified);
+  std::string getPath() const;
+  // Fills bytes 0..11 and 14..31 of a short-name record from the members.
+  void fillRecord(uint8_t* record) const;
+
+  // Cluster map and entry map (velt_dirent_map.cpp).
+  int loadClusterMap();
+  int __clusterNumberToIndex(uint32_t cluster);
+  int __diskOffsetToEntryIndex(int64_t disk_off);
+  int diskOffsetToEntryIndex(int64_t disk_off);
+  int64_t entryIndexToDiskOffset(int entry_index);
+  int changeEntryMapValue(const std::shared_ptr<DirEntry>& entry, int64_t disk_off, uint8_t org,
+                          uint8_t value);
+  int alloc(int request_dir_entry_count, bool reserve_it);
+  int64_t getCluster(uint32_t cluster_map_index, bool allocate);
+  int allocClusters(int count, bool set_zeros);
+  int write(int entry_index, const uint8_t* record);
+
+  // Children (velt_dirent_children.cpp).
+  int addChild(const std::shared_ptr<DirEntry>& child);
+  int removeChild(const std::shared_ptr<DirEntry>& child, bool release);
+  int getChildCount();
+  std::shared_ptr<DirEntry> findChild(const char* name);
+  void clear();
+  void removeAllChildren();
+  std::shared_ptr<DirEntry> createChild(const char* file_name, bool reserved, bool is_dir,
+                                        uint8_t* entry_buffer);
+  int createUniqueShortName(const char* file_name, std::string* short_name);
+  int delChild(const std::shared_ptr<DirEntry>& child);
+
+  std::string name_;
+  std::string short_name_;
+  VELT* velt_;  // owning volume, not owned
+  uint8_t attr_ = 0;
+  bool is_dir_ = false;
+  bool is_volume_ = false;
+  bool valid_ = true;
+  bool read_only_ = false;
+  bool cluster_map_dirty_ = false;
+  bool is_reserved_ = false;
+  bool is_secured_ = false;
+  int64_t size_ = 0;
+  int64_t real_size_ = 0;  // valid data; below size_ while a reserved file is filled
+  int64_t dir_ent_disk_off_ = 0;  // card offset of the short-name record; 0 for the root
+  int32_t lfn_ent_count_ = 0;
+  // Card offsets of the long-name records, by sequence number - 1 (element 0 sits next to the
+  // short-name record). Only as long as the entry has long-name records.
+  std::vector<int64_t> lfn_disk_offsets_;
+  uint8_t record_[DIR_RECORD_SIZE] = {};
+  int32_t lfs_entry_start_index_ = -1;
+  // Long-name records built by a reserved-file takeover, in slot order; rare, so out of line.
+  std::unique_ptr<std::array<std::array<uint8_t, DIR_RECORD_SIZE>, kLfnRecordsMax>> lfn_records_;
+  uint16_t create_time_, create_date_, access_date_, write_date_, write_time_;
+  time_t created_, accessed_, modified_;
+  uint32_t start_cluster_ = 0;
+  std::mutex map_mutex_;  // cluster_map_loaded_, cluster_map_, entry_map_
+  bool cluster_map_loaded_ = false;
+  std::vector<uint32_t> cluster_map_;
+  std::vector<uint8_t> entry_map_;
+  std::mutex children_mutex_;  // children_
+  DirEntry* parent_ = nullptr;  // containing directory, not owned
+  std::list<std::shared_ptr<DirEntry>> children_;
+  ReservedFolderDesc* velt_folder_ = nullptr;  // set on a reserved folder
+  std::vector<ReservedFile> velt_reserved_files_;
+  std::mutex files_mutex_;  // files_; held while size_ and real_size_ grow
+  std::list<std::shared_ptr<File>> files_;
+};
+
+}  // namespace velt

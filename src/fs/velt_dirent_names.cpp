@@ -1,0 +1,130 @@
+// Name rules, the 8.3 short-name form, long-name records and FAT dates and times.
+#include <utf8.h>
+
+#include <cstring>
+
+#include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
+
+namespace velt {
+
+static constexpr const char kLogTag[] = "VELT.DirEntry";
+
+namespace {
+
+// Bytes refused in any name: control characters and " * / : < > ? \ |.
+bool refusedInLongName(uint8_t c) {
+  return c < 0x20 || c == '"' || c == '*' || c == '/' || c == ':' || c == '<' || c == '>' ||
+         c == '?' || c == '\\' || c == '|';
+}
+// Further bytes refused in a short name: , . ; = [ ].
+bool refusedInShortName(uint8_t c) {
+  return refusedInLongName(c) || c == ',' || c == '.' || c == ';' || c == '=' || c == '[' ||
+         c == ']';
+}
+
+// Long-name character positions inside a record: 5 + 6 + 2 code units.
+constexpr int kUnitOffsets[kLfnCharsPerRecord] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
+
+}  // namespace
+
+bool isValidFileName(const char* name) {
+  for (const uint8_t* p = reinterpret_cast<const uint8_t*>(name); *p; ++p) {
+    if (refusedInLongName(*p)) return false;
+  }
+  return true;
+}
+
+bool isValidShortName(const char* name) {
+  for (const uint8_t* p = reinterpret_cast<const uint8_t*>(name); *p; ++p) {
+    if (refusedInShortName(*p)) return false;
+  }
+  return true;
+}
+
+bool isShortNameByte(uint8_t byte) { return byte != 0 && !refusedInShortName(byte); }
+
+uint8_t shortNameChecksum(const uint8_t* name11) {
+  uint8_t sum = 0;
+  for (int i = 0; i < 11; ++i) {
+    sum = static_cast<uint8_t>(((sum & 1) << 7) + (sum >> 1) + name11[i]);
+  }
+  return sum;
+}
+
+void shortNameToName83(const char* short_name, uint8_t* out) {
+  memset(out, 0x20, 11);
+  const char* dot = strrchr(short_name, '.');
+  if (dot == nullptr) {
+    size_t len = strlen(short_name);
+    if (len > 11) NERIO_ASSERT_TEXT("strlen(short_name) <= 11");
+    memcpy(out, short_name, len < 11 ? len : 11);
+  } else {
+    size_t base = static_cast<size_t>(dot - short_name);
+    memcpy(out, short_name, base < 8 ? base : 8);
+    size_t ext = strlen(dot + 1);
+    if (ext > 3) NERIO_ASSERT_TEXT("strlen(ext + 1) <= 3");
+    memcpy(out + 8, dot + 1, ext < 3 ? ext : 3);
+  }
+  // A first byte 0xE5 would read as a deleted record; FAT stores it as 0x05.
+  if (out[0] == DIR_ENTRY_DELETED) out[0] = 0x05;
+}
+
+time_t fatToTime(uint16_t date, uint16_t time) {
+  struct tm tm;
+  memset(&tm, 0, sizeof(tm));
+  tm.tm_sec = (time & 31) * 2;
+  tm.tm_min = (time >> 5) & 63;
+  tm.tm_hour = time >> 11;
+  tm.tm_mday = date & 31;
+  tm.tm_mon = ((date >> 5) & 15) - 1;
+  tm.tm_year = (date >> 9) + 80;
+  tm.tm_isdst = -1;
+  return mktime(&tm);
+}
+
+uint16_t timeToFatDate(time_t t) {
+  struct tm tm;
+  localtime_r(&t, &tm);
+  return static_cast<uint16_t>(((tm.tm_year - 80) << 9) | (((tm.tm_mon + 1) & 15) << 5) |
+                               (tm.tm_mday & 31));
+}
+
+uint16_t timeToFatTime(time_t t) {
+  struct tm tm;
+  localtime_r(&t, &tm);
+  return static_cast<uint16_t>((tm.tm_hour << 11) | ((tm.tm_min & 63) << 5) |
+                               ((tm.tm_sec >> 1) & 31));
+}
+
+bool longNameUnits(const std::string& name, std::vector<uint16_t>* units, size_t* name_units) {
+  units->clear();
+  try {
+    utf8::utf8to16(name.begin(), name.end(), std::back_inserter(*units));
+  } catch (const utf8::exception&) {
+    return false;
+  }
+  if (name_units != nullptr) *name_units = units->size();
+  if (units->size() % kLfnCharsPerRecord != 0) units->push_back(0x0000);
+  return true;
+}
+
+void buildLfnRecord(const std::vector<uint16_t>& units, int seq, bool last, uint8_t checksum,
+                    uint8_t* out) {
+  memset(out, 0xFF, DIR_RECORD_SIZE);
+  out[rec::kLfnSeq] = static_cast<uint8_t>(seq | (last ? rec::kLfnLast : 0));
+  out[rec::kLfnAttr] = kAttrLongName;
+  out[rec::kLfnType] = 0;
+  out[rec::kLfnChecksum] = checksum;
+  putLe16(out + rec::kLfnCluster, 0);
+  size_t first = static_cast<size_t>(seq - 1) * kLfnCharsPerRecord;
+  for (int i = 0; i < kLfnCharsPerRecord && first + i < units.size(); ++i) {
+    putLe16(out + kUnitOffsets[i], units[first + i]);
+  }
+}
+
+void lfnRecordUnits(const uint8_t* record, uint16_t* out13) {
+  for (int i = 0; i < kLfnCharsPerRecord; ++i) out13[i] = le16(record + kUnitOffsets[i]);
+}
+
+}  // namespace velt
