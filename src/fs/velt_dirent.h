@@ -119,8 +119,9 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   std::shared_ptr<DirEntry> findChild(const char* name);
   void clear();
   void removeAllChildren();
+  // Empty on failure; `error` (when given) then holds a negative errno.
   std::shared_ptr<DirEntry> createChild(const char* file_name, bool reserved, bool is_dir,
-                                        uint8_t* entry_buffer);
+                                        uint8_t* entry_buffer, int* error = nullptr);
   int createUniqueShortName(const char* file_name, std::string* short_name);
   int delChild(const std::shared_ptr<DirEntry>& child);
 
