@@ -24,7 +24,46 @@
 
 namespace velt {
 
-struct VELTWorkItem;
+// Direct-channel operations (op_ of a record).
+enum : uint32_t {
+  kDirectOpWrite = 1,
+  kDirectOpWriteEvent = 2,
+  kDirectOpClose = 3,
+  kDirectOpError = 4,
+  kDirectOpOpen = 5,
+  kDirectOpCreate = 6,
+  kDirectOpRead = 7,
+  kDirectOpReadEvent = 8,
+  kDirectOpGetRealSize = 9,
+  kDirectOpGetSize = 10,
+  kDirectOpSplice = 11,
+  kDirectOpSpliceEvent = 12,
+};
+
+// One direct-channel record inside the daemon, request or reply. Made with new; data_ is
+// malloc'ed and owned by the item (velt_pipe.cpp).
+struct VELTWorkItem {
+  VELTWorkItem(int32_t fd, uint32_t op, int64_t offset, int32_t param, uint32_t payload_size);
+  ~VELTWorkItem();
+  VELTWorkItem(const VELTWorkItem&) = delete;
+  VELTWorkItem& operator=(const VELTWorkItem&) = delete;
+  // Appends a write's continuation (or any payload); false when memory runs out.
+  bool appendData(const void* data, uint32_t size, uint32_t new_size_offset);
+  // Allocates a reply buffer of `size` bytes; false when memory runs out.
+  bool allocData(uint32_t size);
+
+  std::mutex mutex_;  // data_, data_length_ and size_ during an append or a release
+  int32_t fd_ = 0;
+  uint32_t op_ = 0;
+  int64_t offset_ = 0;
+  uint32_t data_length_ = 0;  // bytes allocated
+  uint32_t size_ = 0;         // bytes of valid data
+  uint8_t* data_ = nullptr;
+  int32_t param_ = 0;  // flags in requests, result in replies
+  uint32_t new_size_offset_ = 0;  // provisional tail of a write
+  uint64_t created_ = 0;  // monotonic microseconds of arrival
+  uint64_t updated_ = 0;  // monotonic microseconds of the last append
+};
 
 constexpr size_t VELT_BUFFER_SIZE = 0x100000;  // bytes in each transfer buffer
 constexpr int VELT_SECTOR_SIZE = 512;
@@ -131,6 +170,8 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // ===== Volume formatting (velt_format.cpp) =====
 
   // ===== Direct channel (velt_pipe.cpp) =====
+  // Hands a finished item to the replier; -1 (item not taken) while the channel stops.
+  int postDirectResponse(VELTWorkItem* item);
 
   // ===== Data members =====
   std::mutex mutex_;  // guards state_; serialises path walks

@@ -125,6 +125,21 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   int createUniqueShortName(const char* file_name, std::string* short_name);
   int delChild(const std::shared_ptr<DirEntry>& child);
 
+  // Reserved folders and reserved files (velt_dirent_reserved.cpp).
+  int createReservedFolder(ReservedFolderDesc* desc);  // on the root
+  int secure(uint32_t bytes, uint8_t* record_out);
+  int secure2();
+  int getVELTFileIndex(int64_t disk_off);
+  std::shared_ptr<DirEntry> findVELTChild(int64_t disk_off);
+  int removeVELTFile(int64_t disk_off, uint8_t* first_char);
+  // createChild's path for a file created in a reserved folder (this): takes over a free
+  // reserved file, else the oldest idle one. Empty on failure with `error` set.
+  std::shared_ptr<DirEntry> takeOverReservedFile(const char* file_name, uint8_t* entry_buffer,
+                                                 int* error);
+  // delChild's path for a file of a reserved folder (this): gives the records and clusters
+  // back to the reserved file instead of freeing them.
+  int delReservedChild(const std::shared_ptr<DirEntry>& child);
+
   std::string name_;
   std::string short_name_;
   VELT* velt_;  // owning volume, not owned
