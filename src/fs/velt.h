@@ -165,7 +165,15 @@ class VELT : public std::enable_shared_from_this<VELT> {
 
   // ===== Entry factories and path resolution (velt_tree.cpp) =====
 
-  // ===== Tree loading, building, reserved-folder checks (velt_load.cpp, velt_tree.cpp) =====
+  // ===== Tree loading, building, reserved-folder checks (velt_load*.cpp, velt_build.cpp) =====
+  // Reads one directory into `cur` (children, entry map) and loads its subdirectories;
+  // irregular records are repaired in a working copy that is written back whole. 0, -1, or
+  // -EBADF when a repair is needed in kVELTOpExclusive mode (nothing is written then).
+  int loadDirEntries(DirEntry* cur, uint32_t start_cluster, bool formatting, int32_t depth);
+  // Creates root_, loads the tree, frees unreached clusters, recreates missing reserved folders.
+  int buildRoot();
+  // Reduces the tree to the root (and its files when keep_files) and rebuilds the FAT around it.
+  int rebuildRoot(bool keep_files);
 
   // ===== Volume formatting (velt_format.cpp) =====
 
