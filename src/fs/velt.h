@@ -162,8 +162,35 @@ class VELT : public std::enable_shared_from_this<VELT> {
   bool isVELTPartition() const { return pbr_ != nullptr && pbr_->is_velt_partition_; }
 
   // ===== Mount points (velt_mount.cpp) =====
+  // 1 when the mount table lists the device (or any instance of the daemon); sets mount_point_.
+  // `table` is the mount table to read (tests give their own).
+  int findMountedPoint(const char* table = "/proc/mounts");
+  // 0 when nothing is (or remains) mounted, -1 when the mount could not be removed.
+  int umount();
+  // Copies the 12-byte signature, zero-terminated; its string length, or -1.
+  int getSignature(char* buf, size_t size);
 
   // ===== Entry factories and path resolution (velt_tree.cpp) =====
+  // Resolves a volume path ("/" and "" name the root); names compare without regard to case.
+  std::shared_ptr<DirEntry> findEntry(const char* path);
+  void initRootEntry(const std::shared_ptr<DirEntry>& root);
+  std::shared_ptr<DirEntry> newEntry(const std::shared_ptr<DirEntry>& parent, const char* name,
+                                     bool is_dir);
+  // Registers a new open file under the next handle; empty on failure.
+  std::shared_ptr<File> newFile(bool dir_mode, bool for_write, bool direct,
+                                const std::shared_ptr<DirEntry>& entry);
+  // The descriptor of the reserved folder that is `entry` or directly holds it, or null.
+  ReservedFolderDesc* entryToVELTFolder(const DirEntry* entry);
+  ReservedFolderDesc* entryToVELTFolder(const std::shared_ptr<DirEntry>& entry) {
+    return entryToVELTFolder(entry.get());
+  }
+  bool isInVELTFolder(const std::shared_ptr<DirEntry>& entry) {
+    return entryToVELTFolder(entry.get()) != nullptr;
+  }
+  int getDirectFiles(std::list<std::shared_ptr<File>>& files);
+  int listRootFiles(std::list<std::string>& names);
+  // Takes an open file out of the table and its entry's open-file list; -ENOENT when unknown.
+  int freeFile(uint32_t handle);
 
   // ===== Tree loading, building, reserved-folder checks (velt_load*.cpp, velt_build.cpp) =====
   // Reads one directory into `cur` (children, entry map) and loads its subdirectories;

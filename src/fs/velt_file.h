@@ -1,0 +1,66 @@
+// One open file or directory of the volume: the object behind a FUSE file handle and behind a
+// direct-channel file number. Reads and writes go straight to the entry's clusters, one buffered
+// transfer per run of consecutive clusters.
+//
+// Lock order: the entry's files_mutex_ before mutex_ (a reader that parks or completes a pending
+// read holds both and calls __read); mutex_ is released before close takes the entry's
+// files_mutex_; the PBR's fat_mutex_ last.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "fs/velt.h"
+
+namespace velt {
+
+class VELT::File : public std::enable_shared_from_this<VELT::File> {
+ public:
+  static constexpr uint32_t kClosedFileNo = 0xFFFFFFFF;
+
+  // Made only by VELT::newFile. A write-mode file that is not direct holds one count of the
+  // volume's FAT lock until it is closed or destroyed.
+  File(VELT* velt, uint32_t file_no, bool dir_mode, bool for_write, bool direct, DirEntry* entry);
+  virtual ~File();
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  int64_t fileSize();
+  // Bytes read, or a negative errno. __read expects mutex_ held.
+  int read(void* buf, size_t size, int64_t off);
+  int __read(void* buf, size_t size, int64_t off);
+  // Bytes written, or a negative errno. write also raises the entry's sizes and serves the
+  // entry's waiting readers; __write takes mutex_ itself and leaves the sizes alone.
+  int write(const void* buf, size_t size, int64_t off);
+  int __write(const void* buf, size_t size, int64_t off);
+  int flush();
+  // 0 when this close released the file, -1 when it was already closed.
+  int close();
+  // Bit 1: cache the sectors this file writes; bit 0: read cache mode (kept only).
+  void setCacheMode(int mode);
+  // Moves the channel position; returns the previous one.
+  int64_t setPosition(int64_t pos);
+  void setUsage(bool accessed, bool written);
+
+  std::mutex mutex_;  // every member below during an operation
+  uint32_t dir_mode_ = 0;
+  uint32_t file_no_ = kClosedFileNo;  // kClosedFileNo once closed
+  bool for_write_ = false;
+  VELT* velt_ = nullptr;       // owning volume, not owned
+  DirEntry* entry_ = nullptr;  // not owned; the volume's tree keeps it
+  int64_t direct_offset_ = 0;  // byte after the last successful read or write
+  uint8_t written_ = 0;
+  uint8_t accessed_ = 0;
+  uint8_t direct_ = 0;      // opened by the direct channel
+  uint8_t fat_locked_ = 0;  // holds one count of the FAT lock
+  int error_ = 0;           // errno of the last failed data write; sticks
+  int open_count_ = 1;
+  uint8_t write_cache_ = 1;
+  uint8_t read_cache_ = 1;
+  // A direct-channel read parked until the entry's data reaches its offset; owned by the file
+  // while parked, completed by the entry's checkFiles or torn down by the channel.
+  VELTWorkItem* pending_request_ = nullptr;
+};
+
+}  // namespace velt
