@@ -10,6 +10,9 @@
 #include <cstring>
 #include <new>
 
+#include "fs/velt_dirent.h"
+#include "fs/velt_file.h"
+
 namespace velt {
 
 static constexpr const char kLogTag[] = "VELT";
@@ -30,8 +33,8 @@ const char* readNumber(const char* p, int* value) {
 
 }  // namespace
 
-std::shared_ptr<VELT> VELT::create(const std::string& device_path, int64_t cache_size,
-                                   int op_mode, int extra, int* error) {
+std::shared_ptr<VELT> VELT::create(const std::string& device_path, int64_t cache_size, int op_mode,
+                                   int extra, int* error) {
   int dummy = 0;
   if (error == nullptr) error = &dummy;
   *error = -22;
@@ -125,7 +128,9 @@ int VELT::init() {
     return code;
   };
 
-  // ---- Exclusive mode: unmount an existing mount of the device (mount points) ----
+  // Exclusive work must not share the card with a live mount; a mount that stays is reported
+  // by umount and the card is opened all the same.
+  if (op_mode_ == kVELTOpExclusive) umount();
 
   std::string device = platformPath(kDriverDevice);
   device_fd_ = open(device.c_str(), O_RDWR | O_LARGEFILE | O_CLOEXEC);
@@ -145,7 +150,10 @@ int VELT::init() {
   result = loadCardLayout();
   if (result != kVELTOk) return fail(result);
 
-  // ---- Tree ----
+  if (buildRoot() != 0) {
+    LOG_PLAIN(nerio::kLogError, "[%s] Root failed (need format!)\n", device_path_.c_str());
+    return fail(kVELTNeedFormat);
+  }
 
   std::lock_guard<std::mutex> lock(mutex_);
   state_ = kVELTStateLoaded;
@@ -153,8 +161,19 @@ int VELT::init() {
 }
 
 void VELT::unload() {
-  // ---- Direct channel: stop it ----
+  stopDirectWriter();
 
+  // Open files go before the tree: they point at its entries, and a writer's FAT-lock count
+  // must be given back while the PBR can still write the FATs.
+  std::unordered_map<uint32_t, std::shared_ptr<File>> files;
+  {
+    std::lock_guard<std::mutex> lock(files_mutex_);
+    files.swap(open_files_);
+  }
+  for (auto& [handle, file] : files) {
+    if (file != nullptr && file->entry_ != nullptr) file->entry_->removeFile(file);
+  }
+  files.clear();
   root_.reset();
 
   delete mbr_;
@@ -226,8 +245,10 @@ int VELT::loadCardLayout() {
   if (pbr_ == nullptr) return kVELTBadPBR;
   if (isFormattingOp()) {
     pbr_->lockFAT();
-    if (partition_created_) pbr_->valid_ = false;
-    else pbr_->read();
+    if (partition_created_)
+      pbr_->valid_ = false;
+    else
+      pbr_->read();
   } else if (pbr_->read() != 0) {
     LOG_PLAIN(nerio::kLogError, "[%s] PBR failed\n", path);
     return kVELTBadPBR;
@@ -251,9 +272,9 @@ int VELT::loadCardLayout() {
   if (pbr_->is_velt_partition_ && !isFormattingOp() &&
       format_info_.version_major != VELT_VERSION_MAJOR) {
     LOG_PLAIN(nerio::kLogError,
-         "[%s] VELT major version mismatch. this disk has %d.%d, current version is %d.%d.\n",
-         path, format_info_.version_major, format_info_.version_minor, VELT_VERSION_MAJOR,
-         VELT_VERSION_MINOR);
+              "[%s] VELT major version mismatch. this disk has %d.%d, current version is %d.%d.\n",
+              path, format_info_.version_major, format_info_.version_minor, VELT_VERSION_MAJOR,
+              VELT_VERSION_MINOR);
     return kVELTBadVELT;
   }
   return kVELTOk;

@@ -205,6 +205,10 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // ===== Volume formatting (velt_format.cpp) =====
 
   // ===== Direct channel (velt_pipe.cpp) =====
+  // Creates the pipes and starts the channel's threads; -1 when one already runs.
+  int startDirectWriter();  // used by the front end
+  // Stops and joins the channel's threads; nothing when they do not run.
+  void stopDirectWriter();  // used by the volume core
   // Hands a finished item to the replier; -1 (item not taken) while the channel stops.
   int postDirectResponse(VELTWorkItem* item);
 

@@ -1,0 +1,296 @@
+// Open files: data reads and writes by cluster runs, growth, close and the FAT-lock count.
+#include "fs/velt_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstring>
+
+#include "fs/velt_dirent.h"
+
+namespace velt {
+
+static constexpr const char kLogTag[] = "VELT.File";
+
+namespace {
+
+// errno of a failed transfer; the buffered I/O does not always leave one behind.
+int transferErrno() {
+  return errno != 0 ? errno : EIO;
+}
+
+}  // namespace
+
+VELT::File::File(VELT* velt, uint32_t file_no, bool dir_mode, bool for_write, bool direct,
+                 DirEntry* entry)
+    : dir_mode_(dir_mode ? 1 : 0),
+      file_no_(file_no),
+      for_write_(for_write),
+      velt_(velt),
+      entry_(entry),
+      direct_(direct ? 1 : 0) {
+  if (velt_ == nullptr) NERIO_ASSERT_TEXT("velt_ != nullptr");
+  if (for_write_ && !direct_ && velt_ != nullptr) {
+    velt_->lockFAT();
+    fat_locked_ = 1;
+  }
+}
+
+VELT::File::~File() {
+  if (fat_locked_) {
+    if (velt_ == nullptr) {
+      NERIO_ASSERT_TEXT("velt_ != nullptr");
+    } else {
+      velt_->unlockFAT();
+    }
+    fat_locked_ = 0;
+  }
+}
+
+int64_t VELT::File::fileSize() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return entry_ != nullptr ? entry_->size_ : 0;
+}
+
+int VELT::File::read(void* buf, size_t size, int64_t off) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return __read(buf, size, off);
+}
+
+int VELT::File::__read(void* buf, size_t size, int64_t off) {
+  if (velt_ == nullptr || velt_->pbr_ == nullptr || velt_->pbr_->cluster_length_ == 0) {
+    NERIO_ASSERT_TEXT("velt_ && velt_->pbr_ && velt_->pbr_->cluster_length_ > 0");
+    return -ENODEV;
+  }
+  if (file_no_ == kClosedFileNo || entry_ == nullptr) return -EBADF;
+  if (size == 0) return 0;
+  if (off < 0) return -EINVAL;
+  if (entry_->size_ < off) {
+    NERIO_ASSERT_MSG(entry_->size_ >= off, ": handle %d, entry %p, %zu >= %jd\n",
+                     static_cast<int>(file_no_), static_cast<void*>(entry_),
+                     static_cast<size_t>(entry_->size_), static_cast<intmax_t>(off));
+    return -EAGAIN;
+  }
+  // One call moves at most what an int can count.
+  size = std::min<size_t>(size, 0x7FFFF000);
+  size = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(size), entry_->size_ - off));
+  if (size == 0) return 0;
+
+  const PBR* pbr = velt_->pbr_;
+  const int64_t cluster_length = pbr->cluster_length_;
+  uint32_t index = static_cast<uint32_t>(off / cluster_length);
+  int64_t in_cluster = off % cluster_length;
+  uint8_t* dst = static_cast<uint8_t*>(buf);
+  int64_t left = static_cast<int64_t>(size);
+
+  // The pending run: consecutive clusters read with one transfer.
+  uint8_t* run_dst = dst;
+  int64_t run_offset = 0;
+  int64_t run_length = 0;
+  uint32_t prev = 0;
+  auto readRun = [&]() -> int {
+    if (run_length == 0) return 0;
+    errno = 0;
+    int got = velt_->read(run_dst, static_cast<int>(run_length), run_offset);
+    if (got != run_length) {
+      int err = transferErrno();
+      LOGE("[%s] read(%d bytes) error: %d(%s)\n", entry_->getPath().c_str(),
+           static_cast<int>(run_length), err, strerror(err));
+      return -err;
+    }
+    return 0;
+  };
+
+  while (left > 0) {
+    int64_t cluster = entry_->getCluster(index, false);
+    if (cluster < 2 || cluster >= pbr->num_clusters_) {
+      if (cluster != 2) {
+        static constexpr const char kLogTag[] = "";
+        NERIO_ASSERT_TEXT("cluster_number >= 2");
+      }
+      return -EINVAL;
+    }
+    if (cluster == 2) return -EINVAL;  // the root directory's cluster never holds file data
+    int64_t n = std::min<int64_t>(cluster_length - in_cluster, left);
+    if (run_length > 0 && static_cast<uint32_t>(cluster) == prev + 1) {
+      run_length += n;
+    } else {
+      int r = readRun();
+      if (r < 0) return r;
+      run_dst = dst;
+      run_offset = velt_->clusterOffset(static_cast<uint32_t>(cluster)) + in_cluster;
+      run_length = n;
+    }
+    prev = static_cast<uint32_t>(cluster);
+    dst += n;
+    left -= n;
+    in_cluster = 0;
+    ++index;
+  }
+  int r = readRun();
+  if (r < 0) return r;
+  accessed_ = 1;
+  direct_offset_ = off + static_cast<int64_t>(size);
+  return static_cast<int>(size);
+}
+
+int VELT::File::__write(const void* buf, size_t size, int64_t off) {
+  if (velt_ == nullptr || velt_->pbr_ == nullptr || velt_->pbr_->cluster_length_ == 0) {
+    NERIO_ASSERT_TEXT("velt_ && velt_->pbr_ && velt_->pbr_->cluster_length_ > 0");
+    return -ENODEV;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (error_ != 0) return -error_;
+  if (entry_ == nullptr || entry_->parent_ == nullptr) {
+    NERIO_ASSERT_TEXT("entry_ && entry_->parent_ != nullptr");
+    return -EBADF;
+  }
+  if (!entry_->isArchive() || !entry_->parent_->isDir()) {
+    NERIO_ASSERT_MSG(entry_->isArchive() && entry_->parent_->isDir(), ": %d && %d (%p %s)\n",
+                     entry_->isArchive(), entry_->parent_->isDir(), static_cast<void*>(entry_),
+                     entry_->getPath().c_str());
+  }
+  if (size == 0) return 0;
+  if (off < 0) return -EINVAL;
+  size = std::min<size_t>(size, 0x7FFFF000);
+  // A FAT32 file ends below 4 GiB.
+  if (off + static_cast<int64_t>(size) > 0xFFFFFFFFll) return -EFBIG;
+
+  const PBR* pbr = velt_->pbr_;
+  const int64_t cluster_length = pbr->cluster_length_;
+  uint32_t index = static_cast<uint32_t>(off / cluster_length);
+  int64_t in_cluster = off % cluster_length;
+  const uint8_t* src = static_cast<const uint8_t*>(buf);
+  int64_t left = static_cast<int64_t>(size);
+  const bool cache = write_cache_ != 0;
+
+  const uint8_t* run_src = src;
+  int64_t run_offset = 0;
+  int64_t run_length = 0;
+  uint32_t prev = 0;
+  auto writeRun = [&]() -> int {
+    errno = 0;
+    int put = velt_->write(run_src, static_cast<uint32_t>(run_length), run_offset, cache);
+    if (put != run_length) return transferErrno();
+    return 0;
+  };
+
+  while (left > 0) {
+    int64_t cluster = entry_->getCluster(index, true);
+    if (cluster == -1) return -EIO;
+    if (cluster < 2 || cluster >= FAT_EOC) {
+      LOGE("[%s] write error: no cluster available\n", entry_->getPath().c_str());
+      return -ENOSPC;
+    }
+    int64_t n = std::min<int64_t>(cluster_length - in_cluster, left);
+    if (run_length > 0 && static_cast<uint32_t>(cluster) == prev + 1) {
+      run_length += n;
+    } else {
+      if (run_length > 0) {
+        int err = writeRun();
+        if (err != 0) {
+          LOGE("[%s] write(%d bytes) error: %d(%s)\n", entry_->getPath().c_str(),
+               static_cast<int>(run_length), err, strerror(err));
+          error_ = err;
+          return -err;
+        }
+      }
+      run_src = src;
+      run_offset = velt_->clusterOffset(static_cast<uint32_t>(cluster)) + in_cluster;
+      run_length = n;
+    }
+    prev = static_cast<uint32_t>(cluster);
+    src += n;
+    left -= n;
+    in_cluster = 0;
+    ++index;
+  }
+  int err = writeRun();
+  if (err != 0) {
+    LOGE("[%s] write(%d bytes, write %d @ %jd) error: %d(%s)\n", entry_->getPath().c_str(),
+         static_cast<int>(run_length), static_cast<int>(run_src - static_cast<const uint8_t*>(buf)),
+         static_cast<intmax_t>(run_offset), err, strerror(err));
+    error_ = err;
+    return -err;
+  }
+  written_ = 1;
+  accessed_ = 1;
+  direct_offset_ = off + static_cast<int64_t>(size);
+  return static_cast<int>(size);
+}
+
+int VELT::File::write(const void* buf, size_t size, int64_t off) {
+  int result = __write(buf, size, off);
+  if (result > 0 && entry_ != nullptr) {
+    int64_t end = off + result;
+    std::lock_guard<std::mutex> lock(entry_->files_mutex_);
+    entry_->size_ = std::max(entry_->size_, end);
+    if (entry_->real_size_ < end) {
+      entry_->real_size_ = end;
+      entry_->checkFiles();
+    }
+  }
+  return result;
+}
+
+int VELT::File::flush() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!written_) return 0;
+  if (velt_ == nullptr || velt_->pbr_ == nullptr) {
+    written_ = 0;
+    return 0;
+  }
+  velt_->pbr_->flushFATs();
+  written_ = 0;
+  return 0;
+}
+
+int VELT::File::close() {
+  uint32_t handle;
+  bool update;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (file_no_ == kClosedFileNo) return -1;
+    if (--open_count_ > 0) return 0;
+    update = (accessed_ || written_) && entry_ != nullptr &&
+             (!entry_->is_reserved_ || entry_->is_secured_);
+    handle = file_no_;
+    file_no_ = kClosedFileNo;
+  }
+  int result = velt_ != nullptr ? velt_->freeFile(handle) : -ENODEV;
+  if (update && velt_ != nullptr) {
+    if (written_ && velt_->pbr_ != nullptr) velt_->pbr_->flushFATs();
+    std::lock_guard<std::mutex> lock(entry_->files_mutex_);
+    entry_->update2(accessed_ != 0, written_ != 0);
+    velt_->flush();
+  }
+  if (fat_locked_) {
+    if (velt_ == nullptr) {
+      NERIO_ASSERT_TEXT("velt_ != nullptr");
+    } else {
+      velt_->unlockFAT();
+    }
+    fat_locked_ = 0;
+  }
+  return result;
+}
+
+void VELT::File::setCacheMode(int mode) {
+  write_cache_ = (mode >> 1) & 1;
+  read_cache_ = mode & 1;
+}
+
+int64_t VELT::File::setPosition(int64_t pos) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  int64_t previous = direct_offset_;
+  direct_offset_ = pos;
+  return previous;
+}
+
+void VELT::File::setUsage(bool accessed, bool written) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  accessed_ |= accessed ? 1 : 0;
+  written_ |= written ? 1 : 0;
+}
+
+}  // namespace velt
