@@ -203,6 +203,14 @@ class VELT : public std::enable_shared_from_this<VELT> {
   int rebuildRoot(bool keep_files);
 
   // ===== Volume formatting (velt_format.cpp) =====
+  // Lays down the VELT layout on a volume created in kVELTOpFormat: marks the boot record,
+  // rebuilds the root and the FAT, creates the reserved folders with as many reserved files as
+  // each one's share of the free space holds, and writes the MBR and the boot sectors (the FATs
+  // and FSInfo follow when the format's FAT lock is released at unload). 0, or -1.
+  // `mode` is kVELTFormatModeN or kVELTFormatModeP; `label` (at most 11 bytes) may be null.
+  int format(const FormatInfo& info, uint32_t mode, const char* label);
+  std::string volume_label_;  // label the format writes into the root; empty for none
+  bool skip_umount_ = false;  // the caller made sure nothing is mounted: format unmounts nothing
 
   // ===== Direct channel (velt_pipe.cpp) =====
   // Creates the pipes and starts the channel's threads; -1 when one already runs.
