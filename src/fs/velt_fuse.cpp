@@ -1,0 +1,535 @@
+// The FUSE callbacks: lookups, listing, file data and namespace changes, and the volume's
+// lifetime (__init / __destroy).
+//
+// Every callback answers FUSE exactly once with 0, a count or a negative errno. Exceptions
+// (allocation failures) are caught here and never reach the library.
+#include "fs/velt_fuse.h"
+
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "fs/velt.h"
+#include "fs/velt_dirent.h"
+#include "fs/velt_file.h"
+#include "utils/Log.h"
+
+static constexpr const char kLogTag[] = "VELT.Fuse";
+
+namespace velt {
+
+using DirEntryPtr = std::shared_ptr<VELT::DirEntry>;
+using FilePtr = std::shared_ptr<VELT::File>;
+
+VELTOptions VELTFuse::options_;
+std::mutex VELTFuse::velt_mutex_;
+std::shared_ptr<VELT> VELTFuse::velt_;
+
+namespace {
+
+// Runs a callback body; an exception becomes a log line and an errno answer.
+template <typename Body>
+int guarded(const char* function, Body&& body) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    nerio::logPrint(nerio::kLogError, kLogTag, function, NERIO_FILE_, __LINE__, "out of memory\n");
+    return -ENOMEM;
+  } catch (const std::exception& e) {
+    nerio::logPrint(nerio::kLogError, kLogTag, function, NERIO_FILE_, __LINE__, "exception: %s\n",
+                    e.what());
+    return -EIO;
+  } catch (...) {
+    nerio::logPrint(nerio::kLogError, kLogTag, function, NERIO_FILE_, __LINE__,
+                    "unknown exception\n");
+    return -EIO;
+  }
+}
+
+// Path resolution works on its own copy: findEntry cuts components in place.
+DirEntryPtr resolve(VELT& volume, const std::string& path) {
+  std::string copy(path);
+  return volume.findEntry(copy.data());
+}
+
+// Splits at the last '/': false when there is none. The parent of "/name" is "" (the root).
+bool splitPath(const char* path, std::string* parent, std::string* leaf) {
+  const char* end = strrchr(path, '/');
+  if (end == nullptr) return false;
+  parent->assign(path, end - path);
+  leaf->assign(end + 1);
+  return true;
+}
+
+// The negated errno of a failed call, never 0.
+int lastError(int fallback) {
+  return errno != 0 ? -errno : fallback;
+}
+
+int64_t entrySize(VELT::DirEntry& entry) {
+  std::lock_guard<std::mutex> lock(entry.files_mutex_);
+  return entry.size_;
+}
+
+}  // namespace
+
+std::shared_ptr<VELT> VELTFuse::volume() {
+  std::lock_guard<std::mutex> lock(velt_mutex_);
+  return velt_;
+}
+
+void VELTFuse::setVolume(std::shared_ptr<VELT> volume) {
+  std::shared_ptr<VELT> old;
+  {
+    std::lock_guard<std::mutex> lock(velt_mutex_);
+    old.swap(velt_);
+    velt_ = std::move(volume);
+  }
+  // The old volume (if this was its last reference) unloads outside the lock.
+}
+
+// ---- Lookups and listing ----
+
+int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info* /*fi*/) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    DirEntryPtr entry = resolve(*velt, path);
+    if (!entry) return -ENOENT;
+
+    memset(st, 0, sizeof(*st));
+    st->st_mode = (entry->is_dir_ ? S_IFDIR : S_IFREG) | (entry->read_only_ ? 0555 : 0777);
+    st->st_nlink = 1;
+    int64_t size = entrySize(*entry);
+    if (entry->is_reserved_ && !entry->is_secured_) size = 0;
+    st->st_size = size;
+    int64_t cluster_length = velt->pbr_ != nullptr ? velt->pbr_->cluster_length_ : 0;
+    st->st_blksize = cluster_length;
+    if (cluster_length > 0) {
+      // 512-byte units, as du and POSIX count them.
+      int64_t clusters = (size + cluster_length - 1) / cluster_length;
+      st->st_blocks = clusters * (cluster_length / 512);
+    }
+    st->st_ctime = entry->created_;
+    st->st_atime = entry->accessed_;
+    st->st_mtime = entry->modified_;
+    return 0;
+  });
+}
+
+int VELTFuse::__access(const char* path, int /*mask*/) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    return resolve(*velt, path) ? 0 : -ENOENT;
+  });
+}
+
+int VELTFuse::__opendir(const char* path, struct fuse_file_info* fi) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    DirEntryPtr entry = resolve(*velt, path);
+    if (!entry) return -ENOENT;
+    errno = 0;
+    FilePtr file = velt->newFile(true, false, false, entry);
+    if (!file) return lastError(-ENOMEM);
+    fi->fh = file->file_no_;
+    return 0;
+  });
+}
+
+int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler, off_t /*offset*/,
+                        struct fuse_file_info* fi, enum fuse_readdir_flags /*flags*/) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
+    NERIO_ASSERT(file != nullptr);
+    if (!file) return -EBADF;
+    VELT::DirEntry* dir = file->entry_;
+    if (dir == nullptr) return -EBADF;
+
+    const auto no_flags = static_cast<enum fuse_fill_dir_flags>(0);
+    errno = 0;
+    if (dir->parent_ == nullptr) {
+      if (filler(buf, ".", nullptr, 0, no_flags) != 0) return lastError(-ENOMEM);
+      if (filler(buf, "..", nullptr, 0, no_flags) != 0) return lastError(-ENOMEM);
+    }
+    // A copy, so that creations and deletions in this directory need not wait for the filler.
+    std::vector<DirEntryPtr> children;
+    {
+      std::lock_guard<std::mutex> lock(dir->children_mutex_);
+      children.assign(dir->children_.begin(), dir->children_.end());
+    }
+    for (const DirEntryPtr& child : children) {
+      if (child->is_volume_) continue;
+      if (child->is_reserved_ && !child->is_secured_) continue;
+      if (filler(buf, child->name_.c_str(), nullptr, 0, no_flags) != 0) {
+        return lastError(-ENOMEM);
+      }
+    }
+    return 0;
+  });
+}
+
+int VELTFuse::__releasedir(const char* /*path*/, struct fuse_file_info* fi) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
+    NERIO_ASSERT(file != nullptr);
+    if (!file) return -EBADF;
+    return velt->freeFile(static_cast<uint32_t>(fi->fh));
+  });
+}
+
+int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
+                        struct fuse_file_info* /*fi*/) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -EINVAL;
+    DirEntryPtr entry = resolve(*velt, path);
+    if (!entry) return -ENOENT;
+    time_t now = time(nullptr);
+    time_t keep[2] = {entry->accessed_, entry->modified_};
+    time_t seconds[2];
+    for (int i = 0; i < 2; ++i) {
+      if (tv[i].tv_nsec == UTIME_OMIT) {
+        seconds[i] = keep[i];  // the caller leaves this time alone
+      } else if (tv[i].tv_sec == 0 || tv[i].tv_nsec == UTIME_NOW) {
+        seconds[i] = now;
+      } else {
+        seconds[i] = tv[i].tv_sec;
+      }
+    }
+    return entry->touch(seconds[0], seconds[1]);
+  });
+}
+
+// ---- File data ----
+
+int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    DirEntryPtr entry = resolve(*velt, path);
+    if (!entry) return -ENOENT;
+    errno = 0;
+    FilePtr file = velt->newFile(entry->is_dir_, false, false, entry);
+    if (!file) return lastError(-ENOMEM);
+    file->setUsage(true, false);
+    fi->fh = file->file_no_;
+    return 0;
+  });
+}
+
+int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
+                     struct fuse_file_info* fi) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
+    NERIO_ASSERT(file != nullptr);
+    if (!file) return -EBADF;
+    VELT::DirEntry* entry = file->entry_;
+    if (entry == nullptr) return -EBADF;
+    int64_t remaining;
+    {
+      std::lock_guard<std::mutex> entry_lock(entry->files_mutex_);
+      std::lock_guard<std::mutex> file_lock(file->mutex_);
+      remaining = entry->size_ - offset;
+    }
+    if (remaining < 1) return 0;
+    return file->read(buf, size, offset);
+  });
+}
+
+int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t offset,
+                      struct fuse_file_info* fi) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -EINVAL;
+    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
+    NERIO_ASSERT(file != nullptr);
+    if (!file) return -ENOENT;
+    return file->write(buf, size, offset);
+  });
+}
+
+int VELTFuse::__flush(const char* /*path*/, struct fuse_file_info* fi) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -EINVAL;
+    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
+    NERIO_ASSERT(file != nullptr);
+    if (!file) return -EBADF;
+    file->flush();
+    return 0;
+  });
+}
+
+int VELTFuse::__release(const char* /*path*/, struct fuse_file_info* fi) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
+    NERIO_ASSERT(file != nullptr);
+    if (!file) return -EBADF;
+    return file->close();
+  });
+}
+
+int VELTFuse::__fsync(const char* /*path*/, int /*datasync*/, struct fuse_file_info* /*fi*/) {
+  return 0;
+}
+
+// ---- Namespace changes ----
+
+int VELTFuse::__mkdir(const char* path, mode_t /*mode*/) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    std::string parent_path, leaf;
+    if (!splitPath(path, &parent_path, &leaf)) {
+      NERIO_ASSERT_TEXT("end != nullptr");
+      return -EINVAL;
+    }
+    DirEntryPtr parent = resolve(*velt, parent_path);
+    if (!parent) return -ENOENT;
+    DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), true);
+    return entry ? 0 : -ENOMEM;
+  });
+}
+
+int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info* fi) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    if (DirEntryPtr existing = resolve(*velt, path)) {
+      LOGE("[%s] already created.\n", existing->getPath().c_str());
+      return -EEXIST;
+    }
+    std::string parent_path, leaf;
+    if (!splitPath(path, &parent_path, &leaf)) {
+      NERIO_ASSERT_TEXT("end != nullptr");
+      return -EINVAL;
+    }
+    DirEntryPtr parent = resolve(*velt, parent_path);
+    if (!parent) return -ENOENT;
+    DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), false);
+    if (!entry) return -ENOMEM;
+    errno = 0;
+    FilePtr file = velt->newFile(false, true, false, entry);
+    if (!file) return lastError(-ENOMEM);
+    file->setUsage(true, true);
+    fi->fh = file->file_no_;
+    return 0;
+  });
+}
+
+int VELTFuse::__unlink(const char* path) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -EINVAL;
+    DirEntryPtr entry = resolve(*velt, path);
+    if (!entry) return -ENOENT;
+    if (entry->parent_ == nullptr || entry->is_dir_ || entry->is_volume_) return -EINVAL;
+    DirEntryPtr parent = entry->parent_->shared_from_this();
+    return parent->delChild(entry);
+  });
+}
+
+int VELTFuse::__rmdir(const char* path) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    DirEntryPtr entry = resolve(*velt, path);
+    if (!entry) return -ENOENT;
+    if (entry->parent_ == nullptr || !(entry->is_dir_ || entry->is_volume_)) return -EINVAL;
+    DirEntryPtr parent = entry->parent_->shared_from_this();
+    return parent->delChild(entry);
+  });
+}
+
+int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
+  return guarded(__func__, [&]() -> int {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    NERIO_ASSERT(from && to);
+    if (from == nullptr || to == nullptr) return -EINVAL;
+    // There is no atomic exchange of two entries.
+    if (flags & RENAME_EXCHANGE) return -EINVAL;
+    if (strcasecmp(from, to) == 0) return 0;
+
+    DirEntryPtr source = resolve(*velt, from);
+    if (!source) {
+      LOGE("\"%s\" not found\n", from);
+      return -ENOENT;
+    }
+    std::string from_parent_path, from_leaf;
+    if (!splitPath(from, &from_parent_path, &from_leaf)) {
+      NERIO_ASSERT_TEXT("leaf != nullptr");
+      LOGE("\"%s\" invalid path, no path delimeter found.\n", from);
+      return -EINVAL;
+    }
+    DirEntryPtr from_parent_entry = resolve(*velt, from_parent_path);
+    if (!from_parent_entry) {
+      NERIO_ASSERT_TEXT("from_parent_entry != nullptr");
+      LOGE("\"%s\" no parent entry.\n", from);
+      return -ENOENT;
+    }
+    if (velt->isInVELTFolder(source)) {
+      LOGE("reserved [%s] -> [%s] not allowed\n", from, to);
+      return -EPERM;
+    }
+
+    // Neither the destination nor any of its ancestors may be the source: that refuses moving
+    // a directory into its own subtree and another spelling (short name) of the source.
+    std::string part(to);
+    while (!part.empty()) {
+      DirEntryPtr found = resolve(*velt, part);
+      if (!found && part != to) return -ENOENT;
+      if (found && found == source) {
+        LOGE("from %s == to %s ???\n", from, to);
+        return -EINVAL;
+      }
+      size_t cut = part.find_last_of("/\\");
+      if (cut == std::string::npos) break;
+      part.resize(cut);
+    }
+
+    std::string to_parent_path, to_leaf;
+    if (!splitPath(to, &to_parent_path, &to_leaf)) {
+      NERIO_ASSERT_TEXT("leaf != nullptr");
+      return -EINVAL;
+    }
+    DirEntryPtr to_parent_entry = resolve(*velt, to_parent_path);
+    if (!to_parent_entry) {
+      NERIO_ASSERT_TEXT("to_parent_entry != nullptr");
+      LOGE("\"%s\" no parent entry.\n", to);
+      return -ENOENT;
+    }
+    DirEntryPtr to_entry = resolve(*velt, to);
+    if ((to_entry && velt->isInVELTFolder(to_entry)) || velt->isInVELTFolder(to_parent_entry)) {
+      LOGE("a file or folder can not be moved to the reserved VELT folder!\n");
+      return -EPERM;
+    }
+    // A caller that asked not to replace must not lose the destination.
+    if (to_entry && (flags & RENAME_NOREPLACE)) return -EEXIST;
+
+    std::string new_name = to_leaf;
+    if (to_entry) {
+      // An existing name keeps its stored spelling.
+      new_name = to_entry->name_;
+      NERIO_ASSERT(to_entry->isArchive());
+      if (to_entry->isArchive()) {
+        int result = to_parent_entry->delChild(to_entry);
+        if (result != 0) {
+          LOGE("\"%s\" failed to delete before moving\n", to_entry->getPath().c_str());
+          return result;
+        }
+      }
+    }
+    return from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
+  });
+}
+
+// ---- Volume lifetime ----
+
+void* VELTFuse::__init(struct fuse_conn_info* /*conn*/, struct fuse_config* cfg) {
+  // Every read and write reaches the callbacks with the caller's own size and offset; nothing
+  // is cached in the kernel. The library numbers the nodes, so each entry has its own inode.
+  cfg->use_ino = 0;
+  cfg->direct_io = 1;
+  cfg->kernel_cache = 0;
+  cfg->nullpath_ok = 0;
+  cfg->entry_timeout = 0;
+  cfg->negative_timeout = 0;
+  cfg->attr_timeout = 0;
+
+  int error = -22;
+  std::shared_ptr<VELT> velt;
+  try {
+    velt = VELT::create(options_.device_path != nullptr ? options_.device_path : kDefaultDevicePath,
+                        options_.cache_size, kVELTOpMount, 0, &error);
+  } catch (const std::exception& e) {
+    LOGE("exception: %s\n", e.what());
+    velt.reset();
+  }
+  if (!velt) {
+    LOGE("VELT::create() failed, err %d (%s)\n", error, resultCodeText(error));
+    fputs("VELT init failed\n", stderr);
+    fflush(stderr);
+    struct fuse_context* context = fuse_get_context();
+    if (context != nullptr && context->fuse != nullptr) fuse_exit(context->fuse);
+    setVolume(nullptr);
+    return nullptr;
+  }
+  setVolume(velt);
+
+  velt->setMountPoint(options_.mount_path != nullptr ? options_.mount_path : kDefaultMountPath);
+  velt->startDirectWriter();
+
+  int64_t free_bytes = 0;
+  if (velt->pbr_ != nullptr) {
+    free_bytes = static_cast<int64_t>(velt->pbr_->free_cluster_count_) *
+                 static_cast<int64_t>(velt->pbr_->cluster_length_);
+  }
+  printf("  free space: %jd bytes (%d MB, %d GB)\n", static_cast<intmax_t>(free_bytes),
+         static_cast<int>(free_bytes >> 20), static_cast<int>(free_bytes >> 30));
+  fflush(stdout);
+  return velt.get();
+}
+
+void VELTFuse::__destroy(void* private_data) {
+  std::shared_ptr<VELT> old;
+  {
+    std::lock_guard<std::mutex> lock(velt_mutex_);
+    void* velt_object = private_data;
+    if (velt_.get() != velt_object) NERIO_ASSERT_TEXT("velt_.get() == velt_object");
+    old.swap(velt_);
+  }
+  // Dropping the last reference unloads the volume: channel stopped, tree released, device
+  // closed, cache freed.
+  old.reset();
+}
+
+const struct fuse_operations& VELTFuse::operations() {
+  static const struct fuse_operations ops = [] {
+    struct fuse_operations o;
+    memset(&o, 0, sizeof(o));
+    o.getattr = __getattr;
+    o.mkdir = __mkdir;
+    o.unlink = __unlink;
+    o.rmdir = __rmdir;
+    o.rename = __rename;
+    o.open = __open;
+    o.read = __read;
+    o.write = __write;
+    o.flush = __flush;
+    o.release = __release;
+    o.fsync = __fsync;
+    o.opendir = __opendir;
+    o.readdir = __readdir;
+    o.releasedir = __releasedir;
+    o.init = __init;
+    o.destroy = __destroy;
+    o.access = __access;
+    o.create = __create;
+    o.utimens = __utimens;
+    o.ioctl = __ioctl;
+    return o;
+  }();
+  return ops;
+}
+
+}  // namespace velt

@@ -1,0 +1,180 @@
+// velt.fuse: serves one FAT32 partition of the card at a mount point.
+//
+// Start-up: crash handler, options (ours before the library's), banner, device and mount-point
+// checks, then mount, daemonise and run the FUSE loop until the file system is unmounted. The
+// volume itself is created by the init callback, after mounting.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "fs/velt.h"
+#include "fs/velt_driver.h"
+#include "fs/velt_fuse.h"
+// After velt_fuse.h, which chooses the library API version.
+#include <fuse_lowlevel.h>
+
+#include "fs/velt_fuse_signal.h"
+#include "utils/Log.h"
+
+namespace velt {
+
+namespace {
+
+// Lets the library print its own help or version for the same command line.
+void runLibraryWith(struct fuse_args* outargs, const char* option) {
+  fuse_opt_add_arg(outargs, option);
+  const struct fuse_operations& ops = VELTFuse::operations();
+  fuse_main_real(outargs->argc, outargs->argv, &ops, sizeof(ops), nullptr);
+}
+
+}  // namespace
+
+int velt_opt_proc(void* /*data*/, const char* /*arg*/, int key, struct fuse_args* outargs) {
+  switch (key) {
+    case kVELTOptKeyHelp:
+      fprintf(stderr,
+              "usage: %s [options] <mountpoint>\n\n"
+              "general options:\n"
+              "    -o opt,[opt...]  mount options\n"
+              "    -h   --help      print help\n"
+              "    -V   --version   print version\n\n"
+              "VELT options:\n"
+              "    -d BLKDEV PATH   device path, default /dev/mmcblk0p1\n"
+              "    -c CASH SIZE     internal cache size(K,M). 0 to disable cache. default "
+              "disabled. \"-c 16M\" set 16MB-cache.\n\n",
+              outargs->argv[0]);
+      runLibraryWith(outargs, "-h");
+      exit(1);
+    case kVELTOptKeyVersion:
+      fprintf(stderr, "VELT version %d.%d.%d\n", kVELTVersionMajor, kVELTVersionMinor,
+              kVELTVersionPatch);
+      runLibraryWith(outargs, "--version");
+      exit(0);
+    default:
+      return 1;  // for the library's parsers
+  }
+}
+
+}  // namespace velt
+
+using velt::VELTFuse;
+
+int main(int argc, char* argv[]) {
+  velt::install_sigfault();
+
+  static char cwd[4096];
+  if (getcwd(cwd, sizeof(cwd)) != nullptr) nerio::setProgramDirectory(cwd);
+  umask(0);
+
+  const struct fuse_operations& ops = VELTFuse::operations();
+  velt::VELTOptions& options = VELTFuse::options_;
+  options.device_path = strdup(velt::kDefaultDevicePath);
+  options.mount_path = strdup(velt::kDefaultMountPath);
+  auto free_options = [&options]() {
+    free(options.cache_size_text);
+    free(options.device_path);
+    free(options.mount_path);
+    options = velt::VELTOptions();
+  };
+
+  struct fuse_args args = FUSE_ARGS_INIT(argc, argv);
+  if (fuse_opt_parse(&args, &options, velt::kVELTOptionSpecs, velt::velt_opt_proc) != 0) {
+    // The parser has printed why.
+    fuse_opt_free_args(&args);
+    free_options();
+    return 1;
+  }
+
+  std::string shown;
+  if (!velt::parseCacheSize(options.cache_size_text, &options.cache_size, &shown)) {
+    fprintf(stderr, "size \"%s\" is invalid\n", shown.c_str());
+    fuse_opt_free_args(&args);
+    free_options();
+    return 1;
+  }
+
+  printf("     version: %d.%d.%d\n", velt::kVELTVersionMajor, velt::kVELTVersionMinor,
+         velt::kVELTVersionPatch);
+  printf("  cache size: %d%s\n", options.cache_size, options.cache_size == 0 ? "(disabled)" : "");
+  printf("    dev path: %s\n", options.device_path);
+  printf("mounted path: %s\n", options.mount_path);
+  fflush(stdout);
+
+  struct stat st;
+  if (stat(velt::platformPath(options.device_path).c_str(), &st) != 0) {
+    fprintf(stderr, "[%s] not found\n", options.device_path);
+    fuse_opt_free_args(&args);
+    free_options();
+    return 1;
+  }
+
+  struct fuse_cmdline_opts opts;
+  memset(&opts, 0, sizeof(opts));
+  if (fuse_parse_cmdline(&args, &opts) != 0) {
+    fuse_opt_free_args(&args);
+    free_options();
+    return 1;
+  }
+  auto free_all = [&]() {
+    free(opts.mountpoint);
+    fuse_opt_free_args(&args);
+    free_options();
+  };
+  if (opts.mountpoint == nullptr) {
+    fprintf(stderr, "error: no mountpoint specified\n");
+    free_all();
+    return 1;
+  }
+  if (velt::is_mounted_point(opts.mountpoint)) {
+    fprintf(stderr, "error: mountpoint [%s] already mounted\n", opts.mountpoint);
+    free_all();
+    return 1;
+  }
+  free(options.mount_path);
+  options.mount_path = strdup(opts.mountpoint);
+
+  struct fuse* fuse = fuse_new(&args, &ops, sizeof(ops), nullptr);
+  if (fuse == nullptr) {
+    free_all();
+    return 1;
+  }
+  if (fuse_mount(fuse, opts.mountpoint) != 0) {
+    fuse_destroy(fuse);
+    free_all();
+    return 1;
+  }
+  if (fuse_daemonize(opts.foreground) != 0) {
+    fuse_unmount(fuse);
+    fuse_destroy(fuse);
+    free_all();
+    return 1;
+  }
+  struct fuse_session* session = fuse_get_session(fuse);
+  if (fuse_set_signal_handlers(session) != 0) {
+    fuse_unmount(fuse);
+    fuse_destroy(fuse);
+    free_all();
+    return 1;
+  }
+
+  int status;
+  if (opts.singlethread) {
+    status = fuse_loop(fuse) != 0 ? 1 : 0;
+  } else {
+    struct fuse_loop_config config;
+    memset(&config, 0, sizeof(config));
+    config.clone_fd = opts.clone_fd;
+    config.max_idle_threads = opts.max_idle_threads;
+    status = fuse_loop_mt(fuse, &config) != 0 ? 1 : 0;
+  }
+
+  fuse_remove_signal_handlers(session);
+  fuse_unmount(fuse);
+  fuse_destroy(fuse);
+  free_all();
+  return status;
+}
