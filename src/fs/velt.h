@@ -7,8 +7,10 @@
 // item's mutex before response_mutex_.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -219,6 +221,24 @@ class VELT : public std::enable_shared_from_this<VELT> {
   void stopDirectWriter();  // used by the volume core
   // Hands a finished item to the replier; -1 (item not taken) while the channel stops.
   int postDirectResponse(VELTWorkItem* item);
+  // Requests waiting in normal_requests_ and in event_requests_, one consistent snapshot.
+  void getDirectQueueLengths(uint32_t* normal_count, uint32_t* event_count);
+  // Thread bodies: receiver, replier, worker.
+  void pipe_reader();
+  void pipe_writer();
+  void direct_worker();
+  // The next request to carry out, by queue priority, or null; caller holds request_mutex_.
+  VELTWorkItem* __fetchRequest();
+  // Writes out and drops the queued requests of `file` (all queues' requests when null); with
+  // close_all also closes that file (every direct file when null). Takes request_mutex_.
+  void flushAllRequests(const std::shared_ptr<File>& file, bool event, bool close_all);
+  // Receiver's hand-over: merges a write into the growing write it continues, or queues the
+  // item. Caller holds request_mutex_; the item is owned by the queues afterwards.
+  void __queueRequest(VELTWorkItem* item);
+  // Carries out one request; the reply to send, or null when the item was released or parked.
+  VELTWorkItem* executeDirectRequest(VELTWorkItem* item);
+  // Appends a reply to responses_ and wakes the replier (also while stopping).
+  void queueDirectResponse(VELTWorkItem* item);
 
   // ===== Data members =====
   std::mutex mutex_;  // guards state_; serialises path walks
@@ -263,6 +283,34 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // Card layout members.
 
   // Direct channel members.
+  std::atomic<bool> direct_stop_{false};  // stop request for the three threads
+  std::atomic<bool> responder_open_{false};  // "/tmp/velts" is open
+  std::atomic<bool> receiver_open_{false};   // "/tmp/veltw" is open
+  std::thread pipe_reader_thread_;
+  // VELT_BUFFER_SIZE bytes (made at start): payloads that cannot be buffered are read into it
+  // and dropped.
+  std::unique_ptr<uint8_t[]> drain_buffer_;
+  std::thread pipe_writer_thread_;
+  std::mutex response_mutex_;  // responses_, responder_reset_; always taken last
+  std::condition_variable response_cv_;
+  std::list<VELTWorkItem*> responses_;
+  // Set by the receiver when its client went away: the replier drops the connection, and with
+  // it stale replies, before the next client is served.
+  bool responder_reset_ = false;
+  std::thread direct_worker_thread_;
+  std::mutex request_mutex_;  // the three request queues, last_normal_fetch_, direct_busy_
+  std::condition_variable request_cv_;  // wakes the worker
+  std::condition_variable direct_idle_cv_;  // signalled when the worker finishes a request
+  std::list<VELTWorkItem*> control_requests_;  // open and create
+  std::list<VELTWorkItem*> normal_requests_;
+  std::list<VELTWorkItem*> event_requests_;
+  uint64_t last_normal_fetch_ = 0;  // microseconds, direct_clock_
+  bool direct_busy_ = false;  // the worker carries out a request taken from a queue
+  uint32_t splice_buffer_size_ = 0;
+  uint8_t* splice_buffer_ = nullptr;  // malloc'ed; only grows
+  // Clock of the scheduling decisions in microseconds; empty means nerio::monotonicMicros.
+  // Tests drive it.
+  std::function<uint64_t()> direct_clock_;
 };
 
 }  // namespace velt
