@@ -1,0 +1,196 @@
+// Building the tree at load time (root entry, every directory, unreached clusters freed,
+// missing reserved folders recreated) and reducing it to the root for a format.
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <list>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "fs/velt.h"
+#include "fs/velt_dirent.h"
+
+namespace velt {
+
+static constexpr const char kLogTag[] = "VELT";
+
+namespace {
+
+std::string folderName(const ReservedFolderDesc& desc) {
+  return std::string(desc.name, strnlen(desc.name, sizeof(desc.name)));
+}
+
+}  // namespace
+
+int VELT::buildRoot() {
+  if (mbr_ == nullptr || pbr_ == nullptr) {
+    NERIO_ASSERT_TEXT("mbr_ != nullptr && pbr_ != nullptr");
+    return -1;
+  }
+  if (root_ != nullptr) {
+    NERIO_ASSERT_TEXT("root_ == nullptr");
+    root_->clear();
+    root_.reset();
+  }
+  try {
+    root_ = std::make_shared<DirEntry>(this);
+  } catch (const std::bad_alloc&) {
+    LOGE("got exception when creating a root entry!\n");
+    return -1;
+  }
+  initRootEntry(root_);
+
+  const bool exclusive = op_mode_ == kVELTOpExclusive;
+  int result = 0;
+  if (op_mode_ == kVELTOpFormat && (partition_created_ || (extra_ & 1) == 0)) {
+    // A format that keeps nothing: no cluster is reached, so all become free.
+    pbr_->releaseUnusedClusters(true);
+  } else {
+    int r = loadDirEntries(root_.get(), pbr_->root_cluster_, op_mode_ == kVELTOpFormat, 0);
+    if (exclusive) {
+      if (r != 0) return r;
+      if (!pbr_->is_velt_partition_) return 0;
+    } else {
+      pbr_->releaseUnusedClusters(true);
+      if (r != 0) result = r;
+    }
+  }
+
+  bool check_folders = result == 0 && pbr_->is_velt_partition_;
+  if (check_folders && op_mode_ == kVELTOpFormat) {
+    // The format lays the reserved folders down itself.
+    if (pbr_->fat_damaged_) {
+      LOGW("clear damaged FATs\n");
+      pbr_->updateFATs();
+    }
+    return 0;
+  }
+
+  if (check_folders) {
+    NERIO_ASSERT(format_info_.magic1 == VELT_FSINFO_MAGIC1 &&
+                 format_info_.magic2 == VELT_FSINFO_MAGIC2);
+    const uint32_t folders =
+        std::min<uint32_t>(format_info_.folder_count, VELT_MAX_RESERVED_FOLDERS);
+    for (uint32_t i = 0; i < folders; ++i) {
+      const ReservedFolderDesc& d = format_info_.folders[i];
+      printf("%10s %4d%% %5d MB #%-4d -%-4d %d\n", folderName(d).c_str(), d.percent, d.size_mb,
+             d.count, d.used, d.start_cluster);
+    }
+    fflush(stdout);
+
+    bool missing = false;
+    for (uint32_t i = 0; i < folders; ++i) {
+      std::string path = "/" + folderName(format_info_.folders[i]);
+      if (findEntry(path.c_str()) == nullptr) {
+        LOGW("VELT reserved folder \"%s\" not found\n", path.c_str());
+        missing = true;
+      }
+    }
+    if (missing) {
+      if (exclusive) return -EBADF;
+      lockFAT();
+      for (uint32_t i = 0; i < folders; ++i) {
+        std::string path = "/" + folderName(format_info_.folders[i]);
+        if (findEntry(path.c_str()) != nullptr) continue;
+        LOGW("VELT reserved folder \"%s\" not found, try to create it now...\n", path.c_str());
+        int r = root_->createReservedFolder(&format_info_.folders[i]);
+        if (r != 0) {
+          result = r;
+          break;
+        }
+      }
+      pbr_->releaseUnusedClusters(false);
+      unlockFAT();
+    }
+  }
+
+  if (exclusive) return result;
+  if (pbr_->fat_damaged_) {
+    LOGW("clear damaged FATs\n");
+    pbr_->updateFATs();
+  }
+  return result;
+}
+
+int VELT::rebuildRoot(bool keep_files) {
+  if (root_ == nullptr) return 0;
+  {
+    std::lock_guard<std::mutex> lock(files_mutex_);
+    if (!open_files_.empty()) {
+      LOGE("file(s) exist.\n");
+      return -1;
+    }
+  }
+  lockFAT();
+  NERIO_ASSERT(pbr_->bytes_per_sector_ != 0 && pbr_->fat_sectors_);
+  const size_t entries = static_cast<size_t>(pbr_->bytes_per_sector_) * pbr_->fat_sectors_ / 4;
+  std::vector<uint32_t> fat;
+  std::vector<uint8_t> flags;
+  try {
+    fat.assign(entries, 0);
+    flags.assign((entries + 7) / 8, 0);
+  } catch (const std::bad_alloc&) {
+    LOGE("failed to allocate FAT table\n");
+    unlockFAT();
+    return -1;
+  }
+  if (entries >= 2) {
+    fat[0] = 0x0FFFFF00 | (pbr_->media_ & 0xFF);
+    fat[1] = 0xFFFFFFFF;
+  }
+  // Copies a chain from the current FAT into the new one, marking its clusters used.
+  auto keepChain = [&](uint32_t first) {
+    std::lock_guard<std::mutex> lock(pbr_->fat_mutex_);
+    uint32_t c = first;
+    for (uint32_t steps = 0;
+         isChainCluster(c) && c < pbr_->num_clusters_ && c < entries && steps < pbr_->num_clusters_;
+         ++steps) {
+      fat[c] = pbr_->fat1_[c];
+      flags[c / 8] |= static_cast<uint8_t>(1u << (c % 8));
+      c = pbr_->fat1_[c];
+    }
+  };
+
+  NERIO_ASSERT(pbr_->checkClusterChains(root_->start_cluster_));
+  keepChain(root_->start_cluster_);
+
+  std::list<std::shared_ptr<DirEntry>> dropped;
+  {
+    std::lock_guard<std::mutex> lock(root_->children_mutex_);
+    for (auto it = root_->children_.begin(); it != root_->children_.end();) {
+      const std::shared_ptr<DirEntry>& child = *it;
+      if (keep_files && child->isArchive()) {
+        uint32_t cluster_number = child->start_cluster_;
+        NERIO_ASSERT(pbr_->checkClusterChains(cluster_number, child->size_));
+        keepChain(cluster_number);
+        ++it;
+        continue;
+      }
+      child->parent_ = nullptr;
+      dropped.push_back(child);
+      it = root_->children_.erase(it);
+    }
+  }
+  // Emptied outside the root's lock: clear takes the child's own locks.
+  for (auto& child : dropped) child->clear();
+  dropped.clear();
+
+  {
+    std::lock_guard<std::mutex> lock(pbr_->fat_mutex_);
+    pbr_->fat1_.swap(fat);
+    pbr_->fat1_flags_.swap(flags);
+  }
+
+  const bool with_label = op_mode_ == kVELTOpFormat && !volume_label_.empty();
+  int r = root_->rebuildDirCluster(with_label ? volume_label_.c_str() : nullptr);
+  unlockFAT();
+  pbr_->releaseUnusedClusters(true);
+  if (r != 0) return r;
+  const uint32_t folders = std::min<uint32_t>(format_info_.folder_count, VELT_MAX_RESERVED_FOLDERS);
+  for (uint32_t i = 0; i < folders; ++i) root_->createReservedFolder(&format_info_.folders[i]);
+  return 0;
+}
+
+}  // namespace velt

@@ -1,0 +1,129 @@
+// The scan of one directory at load time: its records, the long-name state machine, repairs
+// made in a working copy, and the stricter rules of reserved folders. Private to the loader
+// (velt_load.cpp, velt_load_reserved.cpp).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fs/velt.h"
+#include "fs/velt_dirent.h"
+
+namespace velt {
+
+constexpr int FAT32_LFN_ENTRY_COUNT_MAX = 20;  // largest long-name order accepted
+
+// Prints `size` bytes as offset, hex and characters, 16 a line, to standard output.
+void dumpRecords(const char* label, const uint8_t* data, int size);
+
+// Identifies a failed check in "Reserved folder [%s] has FATAL error @ %d". The numbers are
+// part of the log format: never renumber, only append.
+enum ReservedFatal : int {
+  kFatalEmptyInSequence = 1,
+  kFatalBadStartOrder = 2,
+  kFatalOrphanContinuation = 3,
+  kFatalBrokenSequence = 4,
+  kFatalLfnCluster = 5,
+  kFatalIncompleteSequence = 6,
+  kFatalShortNameChars = 7,
+  kFatalLongNameChars = 8,
+  kFatalChecksum = 9,
+  kFatalInit = 10,
+  kFatalCountTooLarge = 11,
+  kFatalFreeFileIncomplete = 12,
+  kFatalNoMemory = 13,
+  kFatalDotWithLongName = 14,
+};
+
+// Report-only check with the expression text given separately (the text names the quantity,
+// not this code's variable).
+#define VELT_REPORT(cond, text, fmt, ...)                                                   \
+  do {                                                                                      \
+    if (!(cond))                                                                            \
+      ::nerio::assertFailedWithMessage(text, kLogTag, __func__, NERIO_FILE_, __LINE__, fmt, \
+                                       ##__VA_ARGS__);                                      \
+  } while (0)
+
+class DirScan {
+ public:
+  DirScan(VELT* velt, VELT::DirEntry* cur, uint32_t start_cluster, bool formatting, int32_t depth);
+  int run();
+
+ private:
+  struct LfnSlot {
+    int64_t off = 0;       // card offset of the record
+    uint8_t* p = nullptr;  // the record in the working copy
+  };
+
+  int prepare();
+  int readChain();
+  int record(int index);
+  int emptyRecord(int index);
+  int longNameRecord(int index);
+  int openSequence(int index, int ord);
+  int collect(int index, int ord);
+  int shortNameRecord(int index);
+  int loadSubdirectory(const std::shared_ptr<VELT::DirEntry>& child, int index);
+  int finish();
+  int writeBack();
+
+  // Repair helpers.
+  void markDeleted(int index) {
+    work_[static_cast<size_t>(index) * DIR_RECORD_SIZE] = DIR_ENTRY_DELETED;
+  }
+  void markSlots(int from, int to);
+  void applyRepairRule();
+  void resetLfn();
+  bool sequenceBelongsTo(int index) const;
+
+  uint8_t* rec(int index) { return data_.data() + static_cast<size_t>(index) * DIR_RECORD_SIZE; }
+  uint8_t* wrec(int index) { return work_.data() + static_cast<size_t>(index) * DIR_RECORD_SIZE; }
+  int64_t recordOffset(int index) const;
+  bool reserved() const { return velt_folder_ != nullptr; }
+  std::string path() const { return cur_->getPath(); }
+
+  // Reserved folders (velt_load_reserved.cpp).
+  int fatal(ReservedFatal code);
+  int joinSequence(int index, int ord);
+  int matchReservedFolder();
+  int reservedShortName(bool is_file, const std::string& base, int ext_len);
+  int recordUsedFile(const std::shared_ptr<VELT::DirEntry>& entry, int index);
+  int freeReservedFile(int index);
+  int checkFileCount();
+  int checkCapacity();
+  void fillReservedFile(ReservedFile* file, int64_t off, uint32_t cluster, int index, uint32_t time,
+                        bool used);
+  void reconcileReservedFolder();
+
+  VELT* velt_;
+  PBR* pbr_;
+  VELT::DirEntry* cur_;
+  uint32_t start_cluster_;
+  bool formatting_;
+  int32_t depth_;
+
+  std::vector<uint32_t> chain_;  // the directory's clusters in chain order
+  std::vector<uint8_t> data_;    // clusters as read; parsing reads only this
+  std::vector<uint8_t> work_;    // working copy; repairs go here and are written back
+  int entry_count_ = 0;
+  int per_cluster_ = 0;  // records per cluster
+  bool modified_ = false;
+
+  bool lfn_mode_ = false;
+  bool lfn_valid_ = false;
+  int lfn_ent_count_ = 0;
+  int lfn_ord_ = 0;
+  int lfn_xord_ = 0;
+  uint8_t lfn_chksum_ = 0;
+  LfnSlot slots_[FAT32_LFN_ENTRY_COUNT_MAX];
+  std::vector<uint16_t> lfn_units_;
+
+  ReservedFolderDesc* velt_folder_ = nullptr;
+  uint32_t reserved_file_size_ = 0;
+  int detected_reserved_file_count_ = 0;
+  int detected_used_count_ = 0;
+};
+
+}  // namespace velt
