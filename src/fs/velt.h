@@ -213,6 +213,11 @@ class VELT : public std::enable_shared_from_this<VELT> {
   int format(const FormatInfo& info, uint32_t mode, const char* label);
   std::string volume_label_;  // label the format writes into the root; empty for none
   bool skip_umount_ = false;  // the caller made sure nothing is mounted: format unmounts nothing
+  // True when the card behind `device_path` is in use: its partition node is mounted, or a
+  // running daemon serves the same card (the same driver device after VELT_ROOT). `where` then
+  // says by what. `mounts` and `proc` are the mount table and process directory to read.
+  static bool isCardInUse(const std::string& device_path, std::string* where,
+                          const char* mounts = "/proc/mounts", const char* proc = "/proc");
 
   // ===== Direct channel (velt_pipe.cpp) =====
   // Creates the pipes and starts the channel's threads; -1 when one already runs.
