@@ -27,8 +27,6 @@ VELT::DirEntry::DirEntry(VELT* velt)
   modified_ = fatToTime(write_date_, write_time_);
 }
 
-VELT::DirEntry::~DirEntry() = default;
-
 std::string VELT::DirEntry::getPath() const {
   std::string path = name_;
   for (const DirEntry* p = parent_; p != nullptr; p = p->parent_) path = p->name_ + "/" + path;
@@ -83,8 +81,8 @@ int VELT::DirEntry::init(const char* name, const char* short_name, uint8_t attr,
   start_cluster_ = (static_cast<uint32_t>(le16(record + rec::kClusterHigh)) << 16) |
                    le16(record + rec::kClusterLow);
   if (!velt_->pbr_->checkClusterChains(start_cluster_, static_cast<size_t>(size_))) {
-    LOGE("[%s] bad cluster chain: start %d(0x%08x), size %jd \n", getPath().c_str(),
-         start_cluster_, start_cluster_, static_cast<intmax_t>(size_));
+    LOGE("[%s] bad cluster chain: start %d(0x%08x), size %jd \n", getPath().c_str(), start_cluster_,
+         start_cluster_, static_cast<intmax_t>(size_));
     valid_ = false;
     return -1;
   }
@@ -165,9 +163,10 @@ int VELT::DirEntry::update(bool is_accessed, bool is_modified, uint8_t* record_o
 int VELT::DirEntry::update2(bool is_accessed, bool is_modified) {
   if (!is_accessed && !is_modified) NERIO_ASSERT_TEXT("is_accessed || is_modified");
   if (is_reserved_ && !is_secured_) {
-    LOGI("DELAY_RESERVED_FILE_CREATE enabled, but not secured yet. ignore this request on "
-         "\"%s\".\n",
-         name_.c_str());
+    LOGI(
+        "DELAY_RESERVED_FILE_CREATE enabled, but not secured yet. ignore this request on "
+        "\"%s\".\n",
+        name_.c_str());
     return 0;
   }
   if (!isArchive()) NERIO_ASSERT_TEXT("isArchive()");

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,31 @@ void buildLfnRecord(const std::vector<uint16_t>& units, int seq, bool last, uint
                     uint8_t* out32);
 // The code units a long-name record holds, in order (terminator and padding included).
 void lfnRecordUnits(const uint8_t* record, uint16_t* out13);
+// Long-name records a name needs; `units` receives its UTF-16 code units with the terminator.
+// -EINVAL when the name is not valid UTF-8.
+int longNameRecordCount(const char* name, std::vector<uint16_t>* units);
+// A unique 8.3 short name for `file_name` ("REPORT.PDF", "MYDOCU~1.DOC"); `taken` tells
+// whether a candidate is in use. -1 when the name is not valid UTF-8.
+int makeShortName(const char* file_name, const std::function<bool(const std::string&)>& taken,
+                  std::string* short_name);
+
+// Holds a short name chosen for a directory until the entry that carries it has joined the
+// directory, so that concurrent creators and moves never choose the same one.
+class ShortNameReservation {
+ public:
+  ShortNameReservation() = default;
+  ~ShortNameReservation();
+  ShortNameReservation(const ShortNameReservation&) = delete;
+  ShortNameReservation& operator=(const ShortNameReservation&) = delete;
+  // Chooses and holds a unique short name in `dir` (an `ignore`d child does not count).
+  int reserve(VELT::DirEntry* dir, const char* file_name, const VELT::DirEntry* ignore,
+              std::string* short_name);
+  void release();
+
+ private:
+  const VELT::DirEntry* dir_ = nullptr;
+  std::string name_;
+};
 
 // A reserved file of a reserved folder (its preallocated records and clusters).
 struct ReservedFile {
@@ -111,6 +137,9 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   int64_t getCluster(uint32_t cluster_map_index, bool allocate);
   int allocClusters(int count, bool set_zeros);
   int write(int entry_index, const uint8_t* record);
+  // Packs the directory's records from slot 0 (with a volume-label record when given), frees
+  // the clusters no longer needed and reads the directory again.
+  int rebuildDirCluster(const char* volume_label);
 
   // Children (velt_dirent_children.cpp).
   int addChild(const std::shared_ptr<DirEntry>& child);
@@ -124,6 +153,27 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
                                         uint8_t* entry_buffer, int* error = nullptr);
   int createUniqueShortName(const char* file_name, std::string* short_name);
   int delChild(const std::shared_ptr<DirEntry>& child);
+  // Slot helpers of creation and moves. claimReservedSlot turns a slot taken by alloc into
+  // `value`; giveBackSlots returns the slots of a failed creation (those already written, or
+  // followed by records in use, are marked deleted); writeLongNameRecords places `entry`'s
+  // long-name records from slot `first` on (into `entry_buffer` when given).
+  int claimReservedSlot(int entry_index, uint8_t value);
+  void giveBackSlots(int first, int count, int written, uint8_t* entry_buffer);
+  int writeLongNameRecords(const std::shared_ptr<DirEntry>& entry,
+                           const std::vector<uint16_t>& units, int lfn_count, int first,
+                           const uint8_t* name11, uint8_t* entry_buffer, int* written);
+
+  // Moving (velt_dirent_move.cpp): called on the directory holding `child`; renames it into
+  // `to_parent` (this directory or another) without touching its data. 0 or a negative value.
+  int moveChild(const std::shared_ptr<DirEntry>& child, const std::shared_ptr<DirEntry>& to_parent,
+                const char* new_name);
+
+  // Open files of this entry (velt_dirent_files.cpp).
+  int addFile(const std::shared_ptr<File>& file);
+  int removeFile(const std::shared_ptr<File>& file);
+  // Completes the parked reads that the data written so far can serve; caller holds
+  // files_mutex_. Returns how many were completed.
+  int checkFiles();
 
   // Reserved folders and reserved files (velt_dirent_reserved.cpp).
   int createReservedFolder(ReservedFolderDesc* desc);  // on the root

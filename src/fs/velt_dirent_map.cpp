@@ -1,10 +1,12 @@
 // Cluster map (the entry's chain in order) and entry map (one byte per directory slot).
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
 
 namespace velt {
 
@@ -148,8 +150,8 @@ int VELT::DirEntry::changeEntryMapValue(const std::shared_ptr<DirEntry>& entry, 
   }
   if (entry_map_[index] != org) {
     NERIO_ASSERT_MSG(entry_map_[index] == org, ": [%s]'s [%s] @ %jd [%d] %02x == %02x\n",
-                     getPath().c_str(), entry_path.c_str(), static_cast<intmax_t>(disk_off),
-                     index, entry_map_[index], org);
+                     getPath().c_str(), entry_path.c_str(), static_cast<intmax_t>(disk_off), index,
+                     entry_map_[index], org);
   }
   entry_map_[index] = value;
   return 0;
@@ -208,8 +210,8 @@ int64_t VELT::DirEntry::getCluster(uint32_t cluster_map_index, bool allocate) {
     if (isEOC(c)) NERIO_ASSERT_TEXT("isEOC(cluster_map_[cluster_map_index]) == false");
     return c;
   }
-  int64_t needed = static_cast<int64_t>(cluster_map_index) + 1 -
-                   static_cast<int64_t>(cluster_map_.size());
+  int64_t needed =
+      static_cast<int64_t>(cluster_map_index) + 1 - static_cast<int64_t>(cluster_map_.size());
   if (needed <= 0) NERIO_ASSERT_TEXT("cluster_count > 0");
   if (!allocate) {
     LOGI("[%s] cluster map index out of range: index %d map size %d (read lookahead?)\n",
@@ -217,10 +219,11 @@ int64_t VELT::DirEntry::getCluster(uint32_t cluster_map_index, bool allocate) {
     return FAT_EOC;
   }
   if (is_reserved_ && !is_dir_) {
-    LOGI("[%s] reserved file need more clusters#%d (new index %d, current map size %zd), real "
-         "size %jd, size %jd!!!\n",
-         getPath().c_str(), static_cast<int>(needed), cluster_map_index, cluster_map_.size(),
-         static_cast<intmax_t>(real_size_), static_cast<intmax_t>(size_));
+    LOGI(
+        "[%s] reserved file need more clusters#%d (new index %d, current map size %zd), real "
+        "size %jd, size %jd!!!\n",
+        getPath().c_str(), static_cast<int>(needed), cluster_map_index, cluster_map_.size(),
+        static_cast<intmax_t>(real_size_), static_cast<intmax_t>(size_));
   }
   lock.unlock();
   int r = allocClusters(static_cast<int>(needed), is_dir_);
@@ -312,6 +315,116 @@ int VELT::DirEntry::write(int entry_index, const uint8_t* record) {
   int err = errno ? errno : EIO;
   LOGE("[%s] dir ent write error: %d(%s)\n", getPath().c_str(), err, strerror(err));
   return -err;
+}
+
+int VELT::DirEntry::rebuildDirCluster(const char* volume_label) {
+  PBR* pbr = velt_->pbr_;
+  if (!(isDir() && pbr->checkClusterChains(start_cluster_))) {
+    NERIO_ASSERT_TEXT("isDir() && velt_->pbr_->checkClusterChains(start_cluster_)");
+  }
+  const int64_t cluster_count = pbr->getClusterCount(start_cluster_);
+  if (cluster_count <= 0) {
+    std::lock_guard<std::mutex> lock(children_mutex_);
+    if (!children_.empty()) NERIO_ASSERT_TEXT("children_.size() == 0");
+    return 0;
+  }
+  std::vector<uint8_t> records;
+  try {
+    std::list<std::shared_ptr<DirEntry>> children;
+    {
+      std::lock_guard<std::mutex> lock(children_mutex_);
+      children = children_;
+    }
+    uint8_t r[DIR_RECORD_SIZE];
+    auto append = [&](int64_t off) {
+      if (velt_->read(r, DIR_RECORD_SIZE, off) < DIR_RECORD_SIZE) {
+        LOGE("read error @ %jd\n", static_cast<intmax_t>(off));
+        return false;
+      }
+      records.insert(records.end(), r, r + DIR_RECORD_SIZE);
+      return true;
+    };
+    for (const auto& child : children) {
+      if (child->dir_ent_disk_off_ == 0) continue;
+      for (int k = child->lfn_ent_count_ - 1; k >= 0; --k) {
+        if (static_cast<size_t>(k) >= child->lfn_disk_offsets_.size()) continue;
+        if (!append(child->lfn_disk_offsets_[k])) return -1;
+      }
+      if (!append(child->dir_ent_disk_off_)) return -1;
+    }
+    if (volume_label != nullptr) {
+      size_t len = strlen(volume_label);
+      if (len > 11) NERIO_ASSERT_TEXT("strlen(volume_label) <= 11");
+      uint8_t label[DIR_RECORD_SIZE] = {};
+      memset(label, ' ', 11);
+      memcpy(label, volume_label, len < 11 ? len : 11);
+      label[rec::kAttr] = kAttrVolumeId;
+      time_t now = time(nullptr);
+      putLe16(label + rec::kWriteTime, timeToFatTime(now));
+      putLe16(label + rec::kWriteDate, timeToFatDate(now));
+      records.insert(records.end(), label, label + DIR_RECORD_SIZE);
+    }
+    records.insert(records.end(), DIR_RECORD_SIZE, 0);  // end of directory
+  } catch (const std::bad_alloc&) {
+    LOGE("got exception when rebuilding [%s]\n", getPath().c_str());
+    return -1;
+  }
+
+  const size_t len = pbr->cluster_length_;
+  const int64_t new_cluster_count = static_cast<int64_t>((records.size() + len - 1) / len);
+  if (new_cluster_count > cluster_count) {
+    NERIO_ASSERT_MSG(new_cluster_count <= cluster_count, "%d <= %d\n",
+                     static_cast<int>(new_cluster_count), static_cast<int>(cluster_count));
+    return -1;
+  }
+  uint32_t cluster = start_cluster_;
+  uint32_t next = 0;
+  for (int64_t i = 0; i < new_cluster_count; ++i) {
+    const int64_t off = velt_->clusterOffset(cluster);
+    if (pbr->zeros_.size() != len) {
+      NERIO_ASSERT_TEXT("velt_->pbr_->zeros_.size() == velt_->pbr_->cluster_length_");
+    } else if (velt_->write(pbr->zeros_.data(), static_cast<uint32_t>(len), off, true) !=
+               static_cast<int>(len)) {
+      LOGE("cluster %d write error\n", cluster);
+      return -1;
+    }
+    const size_t from = static_cast<size_t>(i) * len;
+    const uint32_t piece = static_cast<uint32_t>(std::min(records.size() - from, len));
+    if (velt_->write(records.data() + from, piece, off, true) != static_cast<int>(piece)) {
+      LOGE("cluster %d write error\n", cluster);
+      return -1;
+    }
+    {
+      std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
+      next = pbr->__nextCluster(cluster);
+    }
+    if (i + 1 < new_cluster_count) {
+      cluster = next;
+    } else if (!isEOC(next)) {
+      pbr->endOfCluster(cluster);
+    }
+  }
+  // The clusters that followed are no longer part of the directory.
+  for (int64_t counted = new_cluster_count; counted < cluster_count && isChainCluster(next);
+       ++counted) {
+    uint32_t after;
+    {
+      std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
+      after = pbr->__nextCluster(next);
+    }
+    pbr->freeCluster(next);
+    next = after;
+  }
+
+  // The records moved: the children are read again from the card.
+  removeAllChildren();
+  {
+    std::lock_guard<std::mutex> lock(map_mutex_);
+    cluster_map_loaded_ = false;
+    cluster_map_.clear();
+    entry_map_.clear();
+  }
+  return velt_->loadDirEntries(this, start_cluster_, false, 0);
 }
 
 }  // namespace velt

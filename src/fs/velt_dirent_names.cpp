@@ -42,7 +42,9 @@ bool isValidShortName(const char* name) {
   return true;
 }
 
-bool isShortNameByte(uint8_t byte) { return byte != 0 && !refusedInShortName(byte); }
+bool isShortNameByte(uint8_t byte) {
+  return byte != 0 && !refusedInShortName(byte);
+}
 
 uint8_t shortNameChecksum(const uint8_t* name11) {
   uint8_t sum = 0;
@@ -54,6 +56,11 @@ uint8_t shortNameChecksum(const uint8_t* name11) {
 
 void shortNameToName83(const char* short_name, uint8_t* out) {
   memset(out, 0x20, 11);
+  // The dot records keep their periods in the name field.
+  if (strcmp(short_name, ".") == 0 || strcmp(short_name, "..") == 0) {
+    memcpy(out, short_name, strlen(short_name));
+    return;
+  }
   const char* dot = strrchr(short_name, '.');
   if (dot == nullptr) {
     size_t len = strlen(short_name);

@@ -1,0 +1,540 @@
+// Children of a directory: attaching and looking them up, creating a file or directory with
+// its long-name and short-name records, unique 8.3 names, and deletion.
+#include <strings.h>
+#include <utf8.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <cwctype>
+#include <functional>
+#include <new>
+
+#include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
+#include "fs/velt_file.h"
+
+namespace velt {
+
+static constexpr const char kLogTag[] = "VELT.DirEntry";
+
+int VELT::DirEntry::addChild(const std::shared_ptr<DirEntry>& child) {
+  std::lock_guard<std::mutex> lock(children_mutex_);
+  if (child->parent_ != nullptr) {
+    NERIO_ASSERT_TEXT("child->parent_ == nullptr");
+    if (child->parent_ == this) return -1;
+  }
+  child->parent_ = this;
+  children_.push_back(child);
+  return 0;
+}
+
+int VELT::DirEntry::removeChild(const std::shared_ptr<DirEntry>& child, bool release) {
+  std::lock_guard<std::mutex> lock(children_mutex_);
+  if (child->parent_ != this) NERIO_ASSERT_TEXT("child->parent_ == this");
+  auto it = std::find(children_.begin(), children_.end(), child);
+  if (it == children_.end()) {
+    child->parent_ = nullptr;
+    return -1;
+  }
+  if (release) child->clear();
+  children_.erase(it);
+  child->parent_ = nullptr;
+  return 0;
+}
+
+int VELT::DirEntry::getChildCount() {
+  std::lock_guard<std::mutex> lock(children_mutex_);
+  int count = 0;
+  for (const auto& child : children_) {
+    if (child->isDotEntry()) continue;
+    if (!child->isDir() && !child->isArchive())
+      NERIO_ASSERT_TEXT("child->isDir() || child->isArchive()");
+    ++count;
+  }
+  return count;
+}
+
+// Taken under children_mutex_ although path walks are serialised by the volume: creators
+// append to children_ without holding the volume's mutex.
+std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findChild(const char* name) {
+  std::lock_guard<std::mutex> lock(children_mutex_);
+  for (const auto& child : children_) {
+    if (strcasecmp(child->name_.c_str(), name) == 0 ||
+        strcasecmp(child->short_name_.c_str(), name) == 0) {
+      return child;
+    }
+  }
+  return nullptr;
+}
+
+void VELT::DirEntry::removeAllChildren() {
+  std::lock_guard<std::mutex> lock(children_mutex_);
+  while (!children_.empty()) {
+    std::shared_ptr<DirEntry> child = children_.front();
+    children_.pop_front();
+    // A child kept alive elsewhere (an open file) must not point at a released directory.
+    child->parent_ = nullptr;
+    child->clear();
+  }
+}
+
+void VELT::DirEntry::clear() {
+  removeAllChildren();
+  {
+    std::lock_guard<std::mutex> lock(map_mutex_);
+    cluster_map_loaded_ = false;
+    cluster_map_dirty_ = false;
+    std::vector<uint32_t>().swap(cluster_map_);
+    std::vector<uint8_t>().swap(entry_map_);
+  }
+  velt_folder_ = nullptr;
+  std::vector<ReservedFile>().swap(velt_reserved_files_);
+}
+
+// ---- Short names ----
+
+namespace {
+
+// Upper-cased code points of one part of a name that fit the 8.3 field (at most `max_points`
+// code points and `max_bytes` bytes of UTF-8). Characters the short-name table refuses become
+// "_" and set `altered`. Throws utf8::exception on malformed text.
+std::string shortPart(const std::string& part, size_t max_points, size_t max_bytes, bool is_base,
+                      bool* altered) {
+  std::string out;
+  size_t taken = 0;
+  auto it = part.begin();
+  while (it != part.end() && taken < max_points) {
+    uint32_t cp = utf8::next(it, part.end());
+    if (cp == 0) continue;
+    if (is_base && cp == ' ') continue;
+    if (is_base && cp == '.' && taken == 0) continue;
+    uint32_t up = static_cast<uint32_t>(towupper(static_cast<wint_t>(cp)));
+    if (!isShortNameByte(static_cast<uint8_t>(up & 0xFF))) {
+      up = '_';
+      *altered = true;
+    }
+    std::string encoded;
+    utf8::append(static_cast<char32_t>(up), std::back_inserter(encoded));
+    // A code point that does not fit the field's bytes ends the part (the name is then cut),
+    // so that the short name stored on the card is exactly the one compared in memory.
+    if (out.size() + encoded.size() > max_bytes) break;
+    out += encoded;
+    ++taken;
+  }
+  return out;
+}
+
+// Drops whole code points from the end of `base` until at least `bytes` bytes are gone.
+std::string dropTail(const std::string& base, size_t bytes) {
+  if (base.size() <= bytes) return std::string();
+  size_t keep = base.size() - bytes;
+  while (keep > 0 && (static_cast<uint8_t>(base[keep]) & 0xC0) == 0x80) --keep;
+  return base.substr(0, keep);
+}
+
+}  // namespace
+
+int makeShortName(const char* file_name, const std::function<bool(const std::string&)>& taken,
+                  std::string* short_name) {
+  std::string name(file_name);
+  size_t dot = name.rfind('.');
+  std::string base = dot == std::string::npos ? name : name.substr(0, dot);
+  std::string ext = dot == std::string::npos ? std::string() : name.substr(dot + 1);
+  bool altered = false;
+  std::string base8, ext3;
+  try {
+    base8 = shortPart(base, 8, 8, true, &altered);
+    ext3 = shortPart(ext, 3, 3, false, &altered);
+  } catch (const utf8::exception&) {
+    LOGE("[%s] failed to convert\n", file_name);
+    return -1;
+  }
+  std::string candidate = ext3.empty() ? base8 : base8 + "." + ext3;
+  if (!altered && candidate.size() == name.size() && !taken(candidate)) {
+    *short_name = candidate;
+    return 0;
+  }
+  for (unsigned n = 1;; ++n) {
+    std::string tail = "~" + std::to_string(n);
+    std::string stem = base8.size() < tail.size() ? tail : dropTail(base8, tail.size()) + tail;
+    candidate = ext3.empty() ? stem : stem + "." + ext3;
+    if (!taken(candidate)) {
+      *short_name = candidate;
+      return 0;
+    }
+  }
+}
+
+int VELT::DirEntry::createUniqueShortName(const char* file_name, std::string* short_name) {
+  return makeShortName(
+      file_name,
+      [this](const std::string& candidate) {
+        for (const auto& child : children_) {
+          if (child->short_name_ == candidate) return true;
+        }
+        return false;
+      },
+      short_name);
+}
+
+// Short names chosen by creations and moves that have not yet added their entry: a second
+// creator in the same directory must not pick the same name meanwhile.
+namespace {
+struct PendingName {
+  const VELT::DirEntry* dir;
+  std::string name;
+};
+std::mutex g_pending_mutex;  // g_pending; taken before a directory's children_mutex_
+std::vector<PendingName> g_pending;
+}  // namespace
+
+ShortNameReservation::~ShortNameReservation() {
+  release();
+}
+
+void ShortNameReservation::release() {
+  if (dir_ == nullptr) return;
+  std::lock_guard<std::mutex> lock(g_pending_mutex);
+  for (auto it = g_pending.begin(); it != g_pending.end(); ++it) {
+    if (it->dir == dir_ && it->name == name_) {
+      g_pending.erase(it);
+      break;
+    }
+  }
+  dir_ = nullptr;
+}
+
+int ShortNameReservation::reserve(VELT::DirEntry* dir, const char* file_name,
+                                  const VELT::DirEntry* ignore, std::string* short_name) {
+  release();
+  std::lock_guard<std::mutex> lock(g_pending_mutex);
+  std::vector<std::string> names;
+  {
+    std::lock_guard<std::mutex> children_lock(dir->children_mutex_);
+    for (const auto& child : dir->children_) {
+      if (child.get() != ignore) names.push_back(child->short_name_);
+    }
+  }
+  for (const auto& p : g_pending) {
+    if (p.dir == dir) names.push_back(p.name);
+  }
+  int r = makeShortName(
+      file_name,
+      [&names](const std::string& candidate) {
+        return std::find(names.begin(), names.end(), candidate) != names.end();
+      },
+      short_name);
+  if (r < 0) return r;
+  g_pending.push_back({dir, *short_name});
+  dir_ = dir;
+  name_ = *short_name;
+  return 0;
+}
+
+// ---- Slots ----
+
+int VELT::DirEntry::claimReservedSlot(int entry_index, uint8_t value) {
+  std::lock_guard<std::mutex> lock(map_mutex_);
+  if (entry_index < 0 || static_cast<size_t>(entry_index) >= entry_map_.size()) return -1;
+  if (entry_map_[entry_index] != DIR_ENTRY_RESERVED_CHAR) {
+    NERIO_ASSERT_TEXT("entry_map_[entry_index] == DIR_ENTRY_RESERVED_CHAR");
+  }
+  entry_map_[entry_index] = value;
+  return 0;
+}
+
+void VELT::DirEntry::giveBackSlots(int first, int count, int written, uint8_t* entry_buffer) {
+  std::vector<int> marked;
+  {
+    std::lock_guard<std::mutex> lock(map_mutex_);
+    // Records further on: a free (zero) record in front of them would end the directory for
+    // other FAT readers, so these slots are marked deleted instead.
+    bool later_in_use = false;
+    for (size_t i = static_cast<size_t>(first + count); i < entry_map_.size(); ++i) {
+      if (entry_map_[i] != DIR_ENTRY_FREE) {
+        later_in_use = true;
+        break;
+      }
+    }
+    for (int i = 0; i < count; ++i) {
+      size_t slot = static_cast<size_t>(first + i);
+      if (slot >= entry_map_.size()) break;
+      if (i < written || later_in_use) {
+        entry_map_[slot] = DIR_ENTRY_DELETED;
+        marked.push_back(first + i);
+      } else {
+        entry_map_[slot] = DIR_ENTRY_FREE;
+      }
+    }
+  }
+  uint8_t deleted[DIR_RECORD_SIZE] = {DIR_ENTRY_DELETED};
+  for (int slot : marked) {
+    if (entry_buffer != nullptr) {
+      memcpy(entry_buffer + static_cast<size_t>(slot) * DIR_RECORD_SIZE, deleted, DIR_RECORD_SIZE);
+    } else {
+      write(slot, deleted);
+    }
+  }
+}
+
+int VELT::DirEntry::writeLongNameRecords(const std::shared_ptr<DirEntry>& entry,
+                                         const std::vector<uint16_t>& units, int lfn_count,
+                                         int first, const uint8_t* name11, uint8_t* entry_buffer,
+                                         int* written) {
+  const uint8_t checksum = shortNameChecksum(name11);
+  entry->lfn_ent_count_ = lfn_count;
+  entry->lfn_disk_offsets_.assign(static_cast<size_t>(lfn_count), 0);
+  for (int i = 0; i < lfn_count; ++i) {
+    const int slot = first + i;
+    const int seq = lfn_count - i;
+    uint8_t lfn[DIR_RECORD_SIZE];
+    buildLfnRecord(units, seq, i == 0, checksum, lfn);
+    claimReservedSlot(slot, lfn[rec::kLfnSeq]);
+    entry->lfn_disk_offsets_[seq - 1] = entryIndexToDiskOffset(slot);
+    if (entry_buffer == nullptr) {
+      int r = write(slot, lfn);
+      if (r != DIR_RECORD_SIZE) return r < 0 ? r : -EIO;
+    } else {
+      memcpy(entry_buffer + static_cast<size_t>(slot) * DIR_RECORD_SIZE, lfn, DIR_RECORD_SIZE);
+    }
+    ++*written;
+  }
+  return 0;
+}
+
+int longNameRecordCount(const char* name, std::vector<uint16_t>* units) {
+  if (!longNameUnits(name, units, nullptr)) {
+    LOGE("[%s] failed to convert\n", name);
+    return -EINVAL;
+  }
+  return static_cast<int>((units->size() + kLfnCharsPerRecord - 1) / kLfnCharsPerRecord);
+}
+
+// ---- Creation ----
+
+std::shared_ptr<VELT::DirEntry> VELT::DirEntry::createChild(const char* file_name, bool reserved,
+                                                            bool is_dir, uint8_t* entry_buffer,
+                                                            int* error) {
+  int ignored = 0;
+  int& err = error != nullptr ? *error : ignored;
+  err = 0;
+  auto fail = [&err](int e) {
+    err = e;
+    return std::shared_ptr<DirEntry>();
+  };
+
+  if (!isDir()) NERIO_ASSERT_TEXT("isDir()");
+  if (loadClusterMap() < 0) return fail(-EIO);
+  if (file_name == nullptr || file_name[0] == '\0') return fail(-EINVAL);
+  if (!isValidFileName(file_name)) NERIO_ASSERT_TEXT("isValidFileName(file_name)");
+  const bool is_dot = strcmp(file_name, ".") == 0 || strcmp(file_name, "..") == 0;
+
+  if (velt_->op_mode_ == kVELTOpFormat && velt_folder_ != nullptr) {
+    NERIO_ASSERT_MSG(velt_folder_ == nullptr, ": %p == nullptr\n",
+                     static_cast<void*>(velt_folder_));
+  }
+  // A file in a reserved folder takes over one of the folder's reserved files instead.
+  if (!is_dir && !is_dot && velt_folder_ != nullptr) {
+    return takeOverReservedFile(file_name, entry_buffer, error);
+  }
+
+  try {
+    ShortNameReservation name_hold;
+    std::string short_name;
+    if (is_dot) {
+      short_name = file_name;
+    } else if (name_hold.reserve(this, file_name, nullptr, &short_name) < 0) {
+      return fail(-EINVAL);
+    }
+    if (!isValidFileName(short_name.c_str())) NERIO_ASSERT_TEXT("isValidFileName(short_name)");
+
+    // Long-name records: none for a dot entry or a name that is its own short name.
+    std::vector<uint16_t> units;
+    int lfn_count = 0;
+    if (!is_dot && (reserved || short_name != file_name)) {
+      lfn_count = longNameRecordCount(file_name, &units);
+      if (lfn_count < 0) return fail(lfn_count);
+      if (reserved && lfn_count < VELT_LFN_ENTRY_COUNT_MAX) lfn_count = VELT_LFN_ENTRY_COUNT_MAX;
+      if (lfn_count > (reserved ? VELT_LFN_ENTRY_COUNT_MAX : kLfnRecordsMax)) {
+        LOGE("[%s] name too long: %d long-name records\n", file_name, lfn_count);
+        return fail(-ENAMETOOLONG);
+      }
+      if (lfn_count < 1 || lfn_count >= 0x1f)
+        NERIO_ASSERT_TEXT("lfn_count > 0 && lfn_count < 0x1f");
+    }
+
+    std::shared_ptr<DirEntry> entry;
+    try {
+      entry = std::make_shared<DirEntry>(velt_);
+    } catch (const std::bad_alloc&) {
+      LOGE("got exception when creating a new child\n");
+      return fail(-ENOMEM);
+    }
+    entry->name_ = file_name;
+    entry->short_name_ = short_name;
+    entry->size_ = entry->real_size_ = 0;
+    entry->is_dir_ = is_dir;
+    entry->read_only_ = false;
+    entry->is_volume_ = false;
+    entry->valid_ = true;
+    entry->cluster_map_dirty_ = true;
+
+    const DirEntry* times_from = nullptr;
+    if (strcmp(file_name, ".") == 0) {
+      entry->start_cluster_ = start_cluster_;
+      times_from = this;
+    } else if (strcmp(file_name, "..") == 0) {
+      // The root is recorded as cluster 0.
+      entry->start_cluster_ =
+          (parent_ != nullptr && parent_->parent_ != nullptr) ? parent_->start_cluster_ : 0;
+      times_from = parent_ != nullptr ? parent_ : this;
+    }
+    if (times_from != nullptr) {
+      entry->create_time_ = times_from->create_time_;
+      entry->create_date_ = times_from->create_date_;
+      entry->access_date_ = times_from->access_date_;
+      entry->write_date_ = times_from->write_date_;
+      entry->write_time_ = times_from->write_time_;
+      entry->created_ = times_from->created_;
+      entry->accessed_ = times_from->accessed_;
+      entry->modified_ = times_from->modified_;
+    } else {
+      time_t now = time(nullptr);
+      entry->create_date_ = entry->access_date_ = entry->write_date_ = timeToFatDate(now);
+      entry->create_time_ = entry->write_time_ = timeToFatTime(now);
+      entry->created_ = entry->accessed_ = entry->modified_ = now;
+    }
+
+    uint8_t attr = is_dir ? kAttrDirectory : kAttrArchive;
+    if (!is_dot && file_name[0] == '.') attr |= kAttrHidden;
+    if (strcmp(file_name, ".veltq") == 0) attr |= kAttrSystem;
+    entry->attr_ = attr;
+
+    uint8_t record[DIR_RECORD_SIZE] = {};
+    shortNameToName83(short_name.c_str(), record + rec::kName);
+
+    const int slots = lfn_count + 1;
+    const int first = alloc(slots, true);
+    if (first < 0) {
+      NERIO_ASSERT_TEXT("entry_index >= 0");
+      return fail(-ENOSPC);
+    }
+    // Records of files and dot entries go to the caller's buffer when one is given.
+    uint8_t* buffer = (entry_buffer != nullptr && (!is_dir || is_dot)) ? entry_buffer : nullptr;
+    int written = 0;
+    auto undo = [&](int e) {
+      if (!is_dot && entry->start_cluster_ != 0) {
+        velt_->pbr_->freeClusterChains(entry->start_cluster_, false);
+        entry->start_cluster_ = 0;
+      }
+      giveBackSlots(first, slots, written, buffer);
+      return fail(e);
+    };
+
+    if (lfn_count > 0) {
+      int r = writeLongNameRecords(entry, units, lfn_count, first, record, buffer, &written);
+      if (r < 0) return undo(r);
+    }
+    if (!is_dot) {
+      if (entry->start_cluster_ != 0) NERIO_ASSERT_TEXT("entry->start_cluster_ == 0");
+      int r = entry->allocClusters(1, is_dir);
+      if (r < 0) return undo(r == -ENOSPC ? -ENOSPC : -EIO);
+      if (isEOC(entry->start_cluster_)) NERIO_ASSERT_TEXT("isEOC(entry->start_cluster_) == false");
+    }
+
+    entry->fillRecord(record);
+    record[rec::kCaseFlags] = 0;
+    record[rec::kCreateTenths] = 0;
+    memcpy(entry->record_, record, DIR_RECORD_SIZE);
+
+    const int slot = first + lfn_count;
+    claimReservedSlot(slot, record[rec::kName]);
+    entry->dir_ent_disk_off_ = entryIndexToDiskOffset(slot);
+    if (entry->dir_ent_disk_off_ == 0) return undo(-EIO);
+    if (buffer != nullptr) {
+      memcpy(buffer + static_cast<size_t>(slot) * DIR_RECORD_SIZE, record, DIR_RECORD_SIZE);
+    } else {
+      int r = write(slot, record);
+      if (r != DIR_RECORD_SIZE) return undo(r < 0 ? r : -EIO);
+    }
+    ++written;
+
+    addChild(entry);
+    name_hold.release();
+    if (is_dir && !is_dot) {
+      entry->createChild(".", false, true, entry_buffer);
+      entry->createChild("..", false, true, entry_buffer);
+    }
+    return entry;
+  } catch (const std::bad_alloc&) {
+    LOGE("got exception when creating a new child\n");
+    return fail(-ENOMEM);
+  }
+}
+
+// ---- Deletion ----
+
+int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
+  if (child->dir_ent_disk_off_ == 0) {
+    NERIO_ASSERT_TEXT("child->dir_ent_disk_off_ != 0ll");
+    return -EINVAL;
+  }
+  if (loadClusterMap() < 0) return -EINVAL;
+  if (child->isDir()) {
+    if (child->velt_folder_ != nullptr) {
+      LOGE("VELT reserved folder can not be deleted\n");
+      return -EACCES;
+    }
+    int count = child->getChildCount();
+    if (count >= 1) {
+      LOGE("[%s] is not empty. %d valid entries exist\n", child->getPath().c_str(), count);
+      return -ENOTEMPTY;
+    }
+  } else if (child->isArchive()) {
+    std::lock_guard<std::mutex> lock(child->files_mutex_);
+    if (!child->files_.empty()) {
+      LOGE("[%s] is busy, opened files#%d\n", child->getPath().c_str(),
+           static_cast<int>(child->files_.size()));
+      return -EBUSY;
+    }
+  }
+
+  uint8_t name11[11];
+  shortNameToName83(child->short_name_.c_str(), name11);
+  if (changeEntryMapValue(child, child->dir_ent_disk_off_, name11[0], DIR_ENTRY_DELETED) < 0) {
+    return -1;
+  }
+  time_t now = time(nullptr);
+  child->access_date_ = timeToFatDate(now);
+  child->accessed_ = now;
+
+  uint8_t record[DIR_RECORD_SIZE] = {};
+  if (velt_->read(record, DIR_RECORD_SIZE, child->dir_ent_disk_off_) < DIR_RECORD_SIZE) {
+    int e = errno ? errno : EIO;
+    LOGE("[%s] delete error %d(%s)\n", child->getPath().c_str(), e, strerror(e));
+    return -e;
+  }
+  child->fillRecord(record);  // byte 12 stays as read
+  record[rec::kName] = DIR_ENTRY_DELETED;
+  // The first letter survives deletion in the creation-time tenths.
+  record[rec::kCreateTenths] =
+      static_cast<uint8_t>(child->short_name_.empty() ? 0 : child->short_name_[0]);
+  memcpy(child->record_, record, DIR_RECORD_SIZE);
+  if (velt_->write(record, DIR_RECORD_SIZE, child->dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
+    int e = errno ? errno : EIO;
+    LOGE("[%s] delete error %d(%s)\n", child->getPath().c_str(), e, strerror(e));
+    return -e;
+  }
+
+  if (velt_folder_ != nullptr && child->isArchive()) {
+    // The clusters stay with the reserved file.
+    delReservedChild(child);
+  } else {
+    velt_->pbr_->freeClusterChains(child->start_cluster_, false);
+  }
+  removeChild(child, true);
+  return 0;
+}
+
+}  // namespace velt

@@ -1,0 +1,105 @@
+// Open files of an entry, and the channel reads parked on them until data arrives.
+#include <algorithm>
+#include <cstdlib>
+
+#include "fs/velt_dirent.h"
+#include "fs/velt_file.h"
+
+namespace velt {
+
+static constexpr const char kLogTag[] = "VELT.DirEntry";
+
+VELT::DirEntry::~DirEntry() {
+  removeAllChildren();
+  {
+    std::lock_guard<std::mutex> lock(map_mutex_);
+    std::vector<uint32_t>().swap(cluster_map_);
+    std::vector<uint8_t>().swap(entry_map_);
+  }
+  if (!files_.empty()) {
+    NERIO_ASSERT_MSG(files_.empty() == true, ": %s (this %p)\n", getPath().c_str(),
+                     static_cast<void*>(this));
+    for (const auto& file : files_) {
+      if (file == nullptr) continue;
+      LOGW("    file no: %d ref#%d\n", file->file_no_, file->open_count_);
+    }
+    NERIO_ASSERT(files_.empty());
+    // The files stay alive through their own owners; only this list's references go.
+    files_.clear();
+  }
+}
+
+int VELT::DirEntry::addFile(const std::shared_ptr<File>& file) {
+  std::lock_guard<std::mutex> lock(files_mutex_);
+  if (std::find(files_.begin(), files_.end(), file) != files_.end()) {
+    LOGI("file no %d already added to the open file list of [%s]\n",
+         file ? static_cast<int>(file->file_no_) : -1, getPath().c_str());
+    return -1;
+  }
+  files_.push_back(file);
+  return 0;
+}
+
+int VELT::DirEntry::removeFile(const std::shared_ptr<File>& file) {
+  std::lock_guard<std::mutex> lock(files_mutex_);
+  auto it = std::find(files_.begin(), files_.end(), file);
+  if (it == files_.end()) return -1;
+  files_.erase(it);
+  return 0;
+}
+
+// Gives a parked request its data (or its failure) and hands it to the replier. The request
+// is the replier's afterwards, or freed here when the channel no longer takes replies.
+static void completeRequest(VELT* velt, VELT::File& file, VELTWorkItem* request, int result) {
+  if (result > 0) {
+    request->param_ = 0;
+    if (static_cast<int64_t>(request->size_) < result)
+      NERIO_ASSERT_TEXT("request->size_ >= result");
+    request->size_ = static_cast<uint32_t>(result);
+  } else {
+    std::lock_guard<std::mutex> lock(request->mutex_);
+    request->param_ = result;
+    request->data_length_ = 0;
+    request->size_ = 0;
+    free(request->data_);
+    request->data_ = nullptr;
+  }
+  if (velt->postDirectResponse(request) < 0) {
+    LOGE("post pending read request complete failed: fd %d\n", file.file_no_);
+    {
+      std::lock_guard<std::mutex> lock(request->mutex_);
+      request->data_length_ = 0;
+      request->size_ = 0;
+      free(request->data_);
+      request->data_ = nullptr;
+    }
+    delete request;
+  }
+}
+
+int VELT::DirEntry::checkFiles() {
+  int completed = 0;
+  // A completed file stays listed: it is still open, for deletion and for recycling alike.
+  for (const auto& file : files_) {
+    if (file == nullptr) continue;
+    std::lock_guard<std::mutex> file_lock(file->mutex_);
+    VELTWorkItem* request = file->pending_request_;
+    if (request == nullptr) continue;
+    if (static_cast<int64_t>(file->file_no_) != request->fd_) {
+      NERIO_ASSERT_TEXT("file->file_no_ == request->fd_");
+    }
+    int64_t available = real_size_ - request->offset_;
+    if (available < 1) continue;
+    uint32_t data_size = static_cast<uint32_t>(available);
+    if (data_size == 0) NERIO_ASSERT_TEXT("data_size > 0");
+    int result =
+        file->__read(request->data_, std::min(data_size, request->size_), request->offset_);
+    request->param_ = result;
+    file->pending_request_ = nullptr;
+    completeRequest(velt_, *file, request, result);
+    ++completed;
+  }
+  return completed;
+}
+
+}  // namespace velt

@@ -1,0 +1,160 @@
+// Renaming and moving an entry: its records move, its data and open files stay.
+#include <cerrno>
+#include <cstring>
+
+#include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
+
+namespace velt {
+
+static constexpr const char kLogTag[] = "VELT.DirEntry";
+
+// Points the ".." record of `dir` at its new parent (cluster 0 for the root), so that other
+// FAT tools walk the tree the way we do.
+static void relinkDotDot(VELT* velt, VELT::DirEntry& dir, const VELT::DirEntry& new_parent) {
+  const uint32_t cluster = new_parent.parent_ != nullptr ? new_parent.start_cluster_ : 0;
+  std::shared_ptr<VELT::DirEntry> dotdot;
+  {
+    std::lock_guard<std::mutex> lock(dir.children_mutex_);
+    for (const auto& c : dir.children_) {
+      if (c->short_name_ == "..") {
+        dotdot = c;
+        break;
+      }
+    }
+  }
+  // Without an entry for it, ".." is where it is created: the second slot.
+  int64_t off = dotdot != nullptr ? dotdot->dir_ent_disk_off_ : dir.entryIndexToDiskOffset(1);
+  if (off == 0) return;
+  uint8_t record[DIR_RECORD_SIZE];
+  if (velt->read(record, DIR_RECORD_SIZE, off) < DIR_RECORD_SIZE ||
+      memcmp(record, "..         ", 11) != 0) {
+    LOGE("[%s] no \"..\" record to update\n", dir.getPath().c_str());
+    return;
+  }
+  putLe16(record + rec::kClusterHigh, static_cast<uint16_t>(cluster >> 16));
+  putLe16(record + rec::kClusterLow, static_cast<uint16_t>(cluster & 0xFFFF));
+  if (velt->write(record, DIR_RECORD_SIZE, off, true) != DIR_RECORD_SIZE) {
+    int e = errno ? errno : EIO;
+    LOGE("[%s] move error %d(%s)\n", dir.getPath().c_str(), e, strerror(e));
+    return;
+  }
+  if (dotdot != nullptr) {
+    dotdot->start_cluster_ = cluster;
+    memcpy(dotdot->record_, record, DIR_RECORD_SIZE);
+  }
+}
+
+int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
+                              const std::shared_ptr<DirEntry>& to_parent, const char* new_name) {
+  if (to_parent == nullptr) {
+    NERIO_ASSERT_TEXT("to_parent != nullptr");
+    return -EINVAL;
+  }
+  if (child->dir_ent_disk_off_ == 0) {
+    NERIO_ASSERT_TEXT("child->dir_ent_disk_off_ != 0ll");
+    LOGE("moving \"%s\" dir_ent_disk_off_ is 0!\n", child->getPath().c_str());
+    return -EINVAL;
+  }
+  if (loadClusterMap() < 0 || to_parent->loadClusterMap() < 0) {
+    LOGE("moving \"%s\" loadClusterMap failed\n", child->getPath().c_str());
+    return -EINVAL;
+  }
+  if (velt_->isInVELTFolder(child)) {
+    LOGE("[%s] reserved from-entry can not be moved!\n", child->name_.c_str());
+    return -1;
+  }
+  if (velt_->isInVELTFolder(to_parent)) {
+    LOGE("[%s] entry can not be moved to the reserved entry!\n", child->name_.c_str());
+    return -1;
+  }
+  if (new_name == nullptr || new_name[0] == '\0') return -EINVAL;
+
+  // Everything that can be refused is settled before the card changes: the new short name,
+  // the long-name records and the slots in the destination.
+  try {
+    ShortNameReservation name_hold;
+    std::string short_name;
+    if (name_hold.reserve(to_parent.get(), new_name, child.get(), &short_name) < 0) {
+      return -EINVAL;
+    }
+    std::vector<uint16_t> units;
+    int lfn_count = 0;
+    if (short_name != new_name) {
+      lfn_count = longNameRecordCount(new_name, &units);
+      if (lfn_count < 0) return lfn_count;
+      if (lfn_count > kLfnRecordsMax) {
+        LOGE("[%s] name too long: %d long-name records\n", new_name, lfn_count);
+        return -ENAMETOOLONG;
+      }
+      if (lfn_count < 1 || lfn_count >= 0x1f)
+        NERIO_ASSERT_TEXT("lfn_count > 0 && lfn_count < 0x1f");
+    }
+    const int slots = lfn_count + 1;
+    const int first = to_parent->alloc(slots, true);
+    if (first < 0) {
+      NERIO_ASSERT_TEXT("entry_index >= 0");
+      return -ENOSPC;
+    }
+
+    // Mark the old short-name record deleted; its long-name records stay as they are.
+    uint8_t old_name11[11];
+    shortNameToName83(child->short_name_.c_str(), old_name11);
+    if (changeEntryMapValue(child, child->dir_ent_disk_off_, old_name11[0], DIR_ENTRY_DELETED) <
+        0) {
+      LOGE("moving \"%s\" changeEntryMapValue failed\n", child->getPath().c_str());
+      to_parent->giveBackSlots(first, slots, 0, nullptr);
+      return -1;
+    }
+    uint8_t record[DIR_RECORD_SIZE];
+    memcpy(record, child->record_, DIR_RECORD_SIZE);
+    child->fillRecord(record);
+    record[rec::kName] = DIR_ENTRY_DELETED;
+    const uint8_t old_first = static_cast<uint8_t>(child->short_name_[0]);
+    record[rec::kCreateTenths] = old_first;
+    memcpy(child->record_, record, DIR_RECORD_SIZE);
+    if (velt_->write(record, DIR_RECORD_SIZE, child->dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
+      int e = errno ? errno : EIO;
+      LOGE("[%s] move error %d(%s)\n", child->getPath().c_str(), e, strerror(e));
+      to_parent->giveBackSlots(first, slots, 0, nullptr);
+      return -e;
+    }
+    removeChild(child, false);
+
+    child->short_name_ = short_name;
+    child->name_ = new_name;
+    time_t now = time(nullptr);
+    child->access_date_ = child->write_date_ = timeToFatDate(now);
+    child->write_time_ = timeToFatTime(now);
+    child->accessed_ = child->modified_ = now;
+
+    int written = 0;
+    child->lfn_ent_count_ = 0;
+    child->lfn_disk_offsets_.clear();
+    child->fillRecord(record);  // new name, times; byte 13 keeps the old first letter
+    if (lfn_count > 0) {
+      if (to_parent->writeLongNameRecords(child, units, lfn_count, first, record, nullptr,
+                                          &written) < 0) {
+        to_parent->giveBackSlots(first, slots, written, nullptr);
+        return -1;
+      }
+    }
+    memcpy(child->record_, record, DIR_RECORD_SIZE);
+    const int idx = first + lfn_count;
+    to_parent->claimReservedSlot(idx, record[rec::kName]);
+    child->dir_ent_disk_off_ = to_parent->entryIndexToDiskOffset(idx);
+    if (to_parent->write(idx, record) != DIR_RECORD_SIZE) {
+      to_parent->giveBackSlots(first, slots, written, nullptr);
+      return -1;
+    }
+    to_parent->addChild(child);
+    name_hold.release();
+    if (child->isDir() && to_parent.get() != this) relinkDotDot(velt_, *child, *to_parent);
+    return 0;
+  } catch (const std::bad_alloc&) {
+    LOGE("got exception when moving [%s]\n", child->getPath().c_str());
+    return -ENOMEM;
+  }
+}
+
+}  // namespace velt
