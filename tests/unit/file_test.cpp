@@ -1,0 +1,365 @@
+// Open files on a fake card: transfers per cluster run, clipping, growth, errors, close and the
+// FAT-lock count.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "fake_driver.h"
+#include "fs/velt.h"
+#include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
+#include "fs/velt_file.h"
+
+using velt::FAT_EOC;
+using Entry = velt::VELT::DirEntry;
+
+namespace {
+
+uint8_t patternByte(int64_t i) {
+  return static_cast<uint8_t>((i * 131 + (i >> 9) * 7) & 0xFF);
+}
+
+// A formatted 8 MiB fake card with a root entry, without a cache (every write reaches the
+// driver at once).
+struct Card {
+  velt_test::FakeVolume f{16384};
+  velt::VELT& v = *f.volume;
+  std::shared_ptr<Entry> root;
+  uint32_t len = 0;
+
+  Card() {
+    EXPECT_TRUE(f.formatInMemory());
+    root = std::make_shared<Entry>(&v);
+    v.initRootEntry(root);
+    v.root_ = root;
+    v.pbr_->setClusterChainUsed(v.pbr_->root_cluster_);
+    v.pbr_->is_velt_partition_ = false;  // plain FAT32
+    v.pbr_->updateFSInfo();
+    len = v.pbr_->cluster_length_;
+  }
+
+  // A file of the root whose record sits in slot `slot` of the root's first cluster.
+  std::shared_ptr<Entry> addFile(const char* name, int slot) {
+    auto e = std::make_shared<Entry>(&v);
+    e->name_ = name;
+    e->short_name_ = name;
+    e->attr_ = velt::kAttrArchive;
+    e->parent_ = root.get();
+    e->dir_ent_disk_off_ = v.clusterOffset(v.pbr_->root_cluster_) + 32 * slot;
+    e->fillRecord(e->record_);
+    root->children_.push_back(e);
+    return e;
+  }
+
+  // Links `chain` in the FAT, gives it to `e` with `size` bytes and puts the pattern on the
+  // card at the file offsets the clusters hold.
+  void layChain(const std::shared_ptr<Entry>& e, const std::vector<uint32_t>& chain, int64_t size) {
+    for (size_t i = 0; i < chain.size(); ++i) {
+      v.pbr_->fat1_[chain[i]] = i + 1 < chain.size() ? chain[i + 1] : FAT_EOC;
+      int64_t at = v.clusterOffset(chain[i]);
+      for (uint32_t b = 0; b < len; ++b) (*f.disk)[at + b] = patternByte(i * len + b);
+    }
+    v.pbr_->setClusterChainUsed(chain.front());
+    e->start_cluster_ = chain.front();
+    e->size_ = e->real_size_ = size;
+  }
+
+  // Marks a cluster taken by something else, as a loaded tree would.
+  void take(uint32_t k) {
+    v.pbr_->fat1_[k] = FAT_EOC;
+    v.pbr_->setClusterChainUsed(k);
+  }
+  void give(uint32_t k) {
+    v.pbr_->fat1_[k] = 0;
+    v.pbr_->fat1_flags_[k / 8] &= static_cast<uint8_t>(~(1u << (k % 8)));
+  }
+
+  int reads() const {
+    int n = 0;
+    for (const auto& r : f.driver->requests) n += r.kind == 'r';
+    return n;
+  }
+};
+
+}  // namespace
+
+TEST(OpenFile, ReadsOneTransferPerRunOfConsecutiveClusters) {
+  struct Row {
+    std::vector<uint32_t> chain;
+    int64_t from;  // in bytes from the start of the file
+    int64_t tail;  // bytes left unread at the end of the chain
+    int transfers;
+  } rows[] = {
+      {{5, 6, 7, 9}, 100, 100, 2}, {{5, 6, 7, 8}, 0, 0, 1},
+      {{9, 7, 5}, 1, 1, 3},        {{20, 21, 40, 41, 42, 11}, 7000, 300, 3},
+      {{30}, 17, 17, 1},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE("chain of " + std::to_string(r.chain.size()) + " from " +
+                 std::to_string(r.chain.front()));
+    Card c;
+    auto e = c.addFile("F", 1);
+    int64_t size = static_cast<int64_t>(r.chain.size()) * c.len - r.tail;
+    c.layChain(e, r.chain, size);
+    auto file = c.v.newFile(false, false, false, e);
+    ASSERT_NE(file, nullptr);
+    c.f.driver->requests.clear();
+    std::vector<uint8_t> buf(size);
+    ASSERT_EQ(file->read(buf.data(), size, r.from), size - r.from);
+    EXPECT_EQ(c.reads(), r.transfers);
+    for (int64_t i = 0; i < size - r.from; ++i) {
+      ASSERT_EQ(buf[i], patternByte(r.from + i)) << "byte " << r.from + i;
+    }
+    EXPECT_EQ(file->direct_offset_, size);
+    EXPECT_EQ(file->accessed_, 1);
+  }
+}
+
+TEST(OpenFile, ReadClipsAtTheEndAndRefusesBadPositions) {
+  Card c;
+  auto e = c.addFile("F", 1);
+  c.layChain(e, {5, 6}, 2 * c.len - 50);
+  auto file = c.v.newFile(false, false, false, e);
+  ASSERT_NE(file, nullptr);
+  const int64_t size = e->size_;
+  struct Row {
+    int64_t off;
+    size_t want;
+    int result;
+  } rows[] = {
+      {size - 10, 100, 10}, {size, 100, 0},    {size + 1, 100, -EAGAIN}, {0, 0, 0},
+      {c.len - 1, 2, 2},    {-1, 10, -EINVAL},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE("offset " + std::to_string(r.off));
+    std::vector<uint8_t> buf(r.want + 1, 0xEE);
+    EXPECT_EQ(file->read(buf.data(), r.want, r.off), r.result);
+    for (int i = 0; i < r.result; ++i) EXPECT_EQ(buf[i], patternByte(r.off + i));
+    if (r.result >= 0) {
+      EXPECT_EQ(buf[r.result], 0xEE) << "nothing beyond the answer";
+    }
+  }
+
+  // A chain that claims the root directory's cluster holds no file data.
+  auto bad = c.addFile("B", 2);
+  bad->start_cluster_ = c.v.pbr_->root_cluster_;
+  bad->size_ = 10;
+  auto bad_file = c.v.newFile(false, false, false, bad);
+  ASSERT_NE(bad_file, nullptr);
+  uint8_t b[10];
+  EXPECT_EQ(bad_file->read(b, 10, 0), -EINVAL);
+
+  ASSERT_EQ(file->close(), 0);
+  EXPECT_EQ(file->read(b, 10, 0), -EBADF);
+}
+
+TEST(OpenFile, WritesInOddPiecesGrowTheFileThroughFragmentedSpace) {
+  Card c;
+  // Every fourth cluster taken: a growing file gets runs of three clusters.
+  for (uint32_t k = 10; k < 200; k += 4) c.take(k);
+  c.v.pbr_->next_free_cluster_number_ = 8;
+  auto e = c.addFile("GROW", 1);
+  auto file = c.v.newFile(false, true, false, e);
+  ASSERT_NE(file, nullptr);
+
+  const size_t pieces[] = {1, 511, 513, 4095, 16385, 40000, 3, 100003, 65536, 7777, 250001};
+  std::vector<uint8_t> expect;
+  int64_t off = 0;
+  for (size_t n : pieces) {
+    std::vector<uint8_t> data(n);
+    for (size_t i = 0; i < n; ++i) data[i] = patternByte(off + static_cast<int64_t>(i));
+    ASSERT_EQ(file->write(data.data(), n, off), static_cast<int>(n)) << "piece at " << off;
+    expect.insert(expect.end(), data.begin(), data.end());
+    off += static_cast<int64_t>(n);
+    EXPECT_EQ(e->size_, off);
+    EXPECT_EQ(e->real_size_, off);
+    EXPECT_EQ(file->direct_offset_, off);
+  }
+  EXPECT_EQ(file->fileSize(), off);
+  EXPECT_EQ(file->written_, 1);
+
+  // The chain covers the data, avoids the taken clusters and is not one run.
+  int64_t clusters = (off + c.len - 1) / c.len;
+  EXPECT_EQ(c.v.pbr_->getClusterCount(e->start_cluster_), clusters);
+  int runs = 1;
+  for (size_t i = 1; i < e->cluster_map_.size(); ++i) {
+    EXPECT_NE((e->cluster_map_[i] - 10) % 4, 0u);
+    runs += e->cluster_map_[i] != e->cluster_map_[i - 1] + 1;
+  }
+  EXPECT_GT(runs, 2);
+
+  // The card holds the bytes at the clusters of the map.
+  for (int64_t i = 0; i < off; i += 997) {
+    int64_t at = c.v.clusterOffset(e->cluster_map_[i / c.len]) + i % c.len;
+    ASSERT_EQ((*c.f.disk)[at], expect[i]) << "byte " << i;
+  }
+
+  // Rewriting the middle leaves the sizes alone; the read sees the new bytes, one transfer per
+  // run of clusters.
+  std::vector<uint8_t> patch(3 * c.len, 0x42);
+  ASSERT_EQ(file->write(patch.data(), patch.size(), 1234), static_cast<int>(patch.size()));
+  std::copy(patch.begin(), patch.end(), expect.begin() + 1234);
+  EXPECT_EQ(e->size_, off);
+  std::vector<uint8_t> back(off);
+  c.f.driver->requests.clear();
+  ASSERT_EQ(file->read(back.data(), off, 0), off);
+  EXPECT_EQ(c.reads(), runs);
+  EXPECT_TRUE(back == expect);
+}
+
+TEST(OpenFile, FailedWriteSticksButAFullCardDoesNot) {
+  Card c;
+  auto e = c.addFile("F", 1);
+  auto file = c.v.newFile(false, true, false, e);
+  ASSERT_NE(file, nullptr);
+  std::vector<uint8_t> data(3000, 0x11);
+  ASSERT_EQ(file->write(data.data(), 1000, 0), 1000);
+
+  // A write that starts inside a sector must read the sector first; make that read fail.
+  c.f.driver->queueReadAnswer(0);
+  int first = file->write(data.data(), 100, 1000);
+  ASSERT_LT(first, 0);
+  EXPECT_EQ(file->error_, -first);
+  size_t before = c.f.driver->requests.size();
+  EXPECT_EQ(file->write(data.data(), 100, 1000), first);
+  EXPECT_EQ(file->write(data.data(), 100, 50 * c.len), first);
+  EXPECT_EQ(c.f.driver->requests.size(), before) << "a failed file touches the card no more";
+  EXPECT_EQ(e->size_, 1000);
+
+  // A card with no free cluster: -ENOSPC, and no sticky error.
+  auto e2 = c.addFile("G", 2);
+  auto file2 = c.v.newFile(false, true, false, e2);
+  ASSERT_NE(file2, nullptr);
+  ASSERT_EQ(file2->write(data.data(), 10, 0), 10);
+  std::vector<uint32_t> taken;
+  for (uint32_t k = 2; k < c.v.pbr_->num_clusters_; ++k) {
+    if (c.v.pbr_->fat1_[k] == 0) {
+      c.take(k);
+      taken.push_back(k);
+    }
+  }
+  EXPECT_EQ(file2->write(data.data(), 10, c.len + 5), -ENOSPC);
+  EXPECT_EQ(file2->error_, 0);
+  EXPECT_EQ(file2->write(data.data(), 10, 20), 10) << "a write inside the chain still works";
+  c.give(taken.back());
+  EXPECT_EQ(file2->write(data.data(), 10, c.len + 5), 10);
+  EXPECT_EQ(e2->size_, c.len + 15);
+}
+
+TEST(OpenFile, CloseStampsTheRecordAndTheLastWriterWritesFSInfo) {
+  Card c;
+  auto a = c.addFile("A", 1);
+  auto b = c.addFile("B", 2);
+  auto r = c.addFile("R", 3);
+  c.layChain(r, {50}, 10);
+  auto fa = c.v.newFile(false, true, false, a);
+  auto fb = c.v.newFile(false, true, false, b);
+  auto fr = c.v.newFile(false, false, false, r);
+  auto fd = c.v.newFile(false, true, true, r);  // direct writers take no FAT-lock count
+  ASSERT_TRUE(fa && fb && fr && fd);
+  EXPECT_EQ(c.v.pbr_->fat_locked_count_, 2);
+
+  std::vector<uint8_t> data(5000, 0x77);
+  ASSERT_EQ(fa->write(data.data(), data.size(), 0), 5000);
+  ASSERT_EQ(fb->write(data.data(), 3 * c.len, 0), static_cast<int>(3 * c.len));
+  const int64_t fsinfo_at = c.v.pbr_->sectorOffset(c.v.pbr_->fsinfo_sector_);
+  auto fsinfoFree = [&] { return velt::le32(c.f.disk->data() + fsinfo_at + 488); };
+  const uint32_t free_before = fsinfoFree();
+  auto recordSize = [&](const std::shared_ptr<Entry>& e) {
+    return velt::le32(c.f.disk->data() + e->dir_ent_disk_off_ + 28);
+  };
+
+  EXPECT_EQ(fa->close(), 0);
+  EXPECT_EQ(c.v.pbr_->fat_locked_count_, 1);
+  EXPECT_EQ(recordSize(a), 5000u);
+  EXPECT_EQ(fsinfoFree(), free_before) << "FSInfo waits for the last writer";
+  EXPECT_EQ(fa->close(), -1);
+  EXPECT_EQ(c.v.pbr_->fat_locked_count_, 1) << "a second close changes nothing";
+  EXPECT_EQ(c.v.getFile(3), nullptr);
+  EXPECT_EQ(c.v.freeFile(3), -ENOENT);
+
+  EXPECT_EQ(fb->close(), 0);
+  EXPECT_EQ(c.v.pbr_->fat_locked_count_, 0);
+  EXPECT_EQ(recordSize(b), 3 * c.len);
+  EXPECT_EQ(fsinfoFree(), c.v.pbr_->free_cluster_count_);
+  EXPECT_LT(fsinfoFree(), free_before);
+  // The chain is on the card in every FAT copy.
+  for (uint32_t i = 0; i < c.v.pbr_->num_fats_; ++i) {
+    int64_t fat = c.v.pbr_->sectorOffset(c.v.pbr_->reserved_sectors_ + i * c.v.pbr_->fat_sectors_);
+    uint32_t cl = b->start_cluster_;
+    for (int k = 0; k < 3; ++k) {
+      uint32_t next = velt::le32(c.f.disk->data() + fat + 4 * cl);
+      ASSERT_EQ(next, b->cluster_map_.size() > static_cast<size_t>(k + 1) ? b->cluster_map_[k + 1]
+                                                                          : FAT_EOC);
+      cl = next;
+    }
+  }
+
+  // A reader that read nothing and an untouched direct writer leave the record alone.
+  std::vector<uint8_t> rec_before(c.f.disk->begin() + r->dir_ent_disk_off_,
+                                  c.f.disk->begin() + r->dir_ent_disk_off_ + 32);
+  EXPECT_EQ(fr->close(), 0);
+  EXPECT_EQ(fd->close(), 0);
+  EXPECT_TRUE(
+      std::equal(rec_before.begin(), rec_before.end(), c.f.disk->begin() + r->dir_ent_disk_off_));
+  EXPECT_TRUE(c.v.open_files_.empty());
+  EXPECT_TRUE(r->files_.empty());
+}
+
+TEST(OpenFile, UnsecuredReservedFileKeepsItsHiddenRecord) {
+  Card c;
+  auto e = c.addFile("REC0001", 1);
+  e->is_reserved_ = true;
+  c.layChain(e, {60, 61}, 0);
+  std::vector<uint8_t> hidden(32, 0);
+  hidden[0] = 0xE5;
+  hidden[11] = 0x22;
+  std::copy(hidden.begin(), hidden.end(), c.f.disk->begin() + e->dir_ent_disk_off_);
+  auto file = c.v.newFile(false, true, true, e);
+  ASSERT_NE(file, nullptr);
+  std::vector<uint8_t> data(100, 1);
+  ASSERT_EQ(file->write(data.data(), 100, 0), 100);
+  EXPECT_EQ(file->close(), 0);
+  EXPECT_TRUE(std::equal(hidden.begin(), hidden.end(), c.f.disk->begin() + e->dir_ent_disk_off_));
+}
+
+TEST(OpenFile, CacheModeDecidesWhetherWrittenSectorsAreCached) {
+  struct Row {
+    int mode;
+    bool cached;
+  } rows[] = {{0, false}, {1, false}, {2, true}, {3, true}};
+  for (const auto& r : rows) {
+    SCOPED_TRACE("mode " + std::to_string(r.mode));
+    Card c;
+    ASSERT_EQ(c.v.createCache(1 << 20), 0);
+    auto e = c.addFile("F", 1);
+    c.layChain(e, {70}, 0);
+    auto file = c.v.newFile(false, true, false, e);
+    ASSERT_NE(file, nullptr);
+    file->setCacheMode(r.mode);
+    EXPECT_EQ(file->read_cache_, r.mode & 1);
+    std::vector<uint8_t> data(1024, 0x3C);
+    ASSERT_EQ(file->write(data.data(), data.size(), 0), 1024);
+    uint8_t sector[512];
+    uint32_t s = static_cast<uint32_t>(c.v.clusterOffset(70) / 512);
+    EXPECT_EQ(c.v.lookupCache(s, sector) == 0, r.cached);
+    EXPECT_EQ(file->close(), 0);
+  }
+}
+
+TEST(OpenFile, PositionAndUsageFlags) {
+  Card c;
+  auto e = c.addFile("F", 1);
+  auto file = c.v.newFile(false, false, true, e);
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(file->setPosition(4096), 0);
+  EXPECT_EQ(file->setPosition(10), 4096);
+  file->setUsage(true, false);
+  file->setUsage(false, false);
+  EXPECT_EQ(file->accessed_, 1) << "flags are only ever added";
+  EXPECT_EQ(file->written_, 0);
+  file->setUsage(false, true);
+  EXPECT_EQ(file->written_, 1);
+}
