@@ -1,0 +1,376 @@
+#include "velt_client.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "fs/velt.h"
+#include "fs/velt_driver.h"
+
+namespace velt::client {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Milliseconds left until `deadline`; -1 for none.
+int remainingMs(bool forever, Clock::time_point deadline) {
+  if (forever) return -1;
+  auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+int clearNonBlocking(int fd) {
+  int flags = fcntl(fd, F_GETFL);
+  if (flags < 0 || fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) < 0) return -errno;
+  return 0;
+}
+
+}  // namespace
+
+DirectClient::~DirectClient() {
+  disconnect();
+}
+
+void DirectClient::disconnect() {
+  if (request_fd_ >= 0) ::close(request_fd_);
+  if (reply_fd_ >= 0) ::close(reply_fd_);
+  request_fd_ = reply_fd_ = -1;
+  in_.clear();
+  kept_.clear();
+}
+
+int DirectClient::openRequestPipe(int timeout_ms) {
+  const std::string path = platformPath(kDirectRequestPipe);
+  const bool forever = timeout_ms < 0;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
+  for (;;) {
+    // Non-blocking so that a daemon that is not there costs a timeout, not a hang.
+    int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0) {
+      int r = clearNonBlocking(fd);
+      if (r < 0) {
+        ::close(fd);
+        return r;
+      }
+      request_fd_ = fd;
+      return 0;
+    }
+    int err = errno;
+    if (err != ENXIO && err != ENOENT) return -err;
+    if (!forever && Clock::now() >= deadline) return -ETIMEDOUT;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+int DirectClient::connect(int timeout_ms) {
+  disconnect();
+  signal(SIGPIPE, SIG_IGN);
+  const std::string reply_path = platformPath(kDirectReplyPipe);
+  // Reading end first: the daemon's replier connects once a reader exists. Opened
+  // non-blocking so that the open itself never waits; reads wait in poll.
+  reply_fd_ = ::open(reply_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (reply_fd_ < 0) return -errno;
+  int r = openRequestPipe(timeout_ms);
+  if (r < 0) {
+    disconnect();
+    return r;
+  }
+  return 0;
+}
+
+int DirectClient::sendRaw(const void* bytes, size_t size) {
+  if (request_fd_ < 0) return -ENOTCONN;
+  const auto* p = static_cast<const uint8_t*>(bytes);
+  size_t put = 0;
+  while (put < size) {
+    ssize_t n = ::write(request_fd_, p + put, size - put);
+    if (n > 0) {
+      put += static_cast<size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    return n < 0 ? -errno : -EIO;
+  }
+  return 0;
+}
+
+int DirectClient::send(DirectHeader header, const void* payload, size_t size) {
+  if (request_fd_ < 0) return -ENOTCONN;
+  if (size > UINT32_MAX - kDirectHeaderSize) return -EINVAL;
+  header.length = static_cast<uint32_t>(kDirectHeaderSize + size);
+  uint8_t bytes[kDirectHeaderSize];
+  encodeDirectHeader(header, bytes);
+  struct iovec parts[2] = {{bytes, sizeof(bytes)}, {const_cast<void*>(payload), size}};
+  const size_t total = sizeof(bytes) + size;
+  size_t put = 0;
+  for (int attempt = 0;; ++attempt) {
+    ssize_t n;
+    if (put < sizeof(bytes)) {
+      struct iovec rest[2] = {{bytes + put, sizeof(bytes) - put}, parts[1]};
+      n = ::writev(request_fd_, rest, size > 0 ? 2 : 1);
+    } else {
+      n = ::write(request_fd_, static_cast<const uint8_t*>(payload) + (put - sizeof(bytes)),
+                  total - put);
+    }
+    if (n > 0) {
+      put += static_cast<size_t>(n);
+      if (put == total) return 0;
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    int err = n < 0 ? errno : EIO;
+    // The daemon's receiver drops the pipe for a moment after a previous client left; a record
+    // not begun yet can go again once it is back.
+    if (err == EPIPE && put == 0 && attempt < 3) {
+      ::close(request_fd_);
+      request_fd_ = -1;
+      int r = openRequestPipe(2000);
+      if (r < 0) return r;
+      continue;
+    }
+    return -err;
+  }
+}
+
+int DirectClient::receive(Reply* reply, int timeout_ms) {
+  if (reply_fd_ < 0) return -ENOTCONN;
+  const bool forever = timeout_ms < 0;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
+  for (;;) {
+    // Drop whatever precedes a marker, then take a whole record when it is there.
+    size_t start = 0;
+    DirectMarkerSearch search;
+    bool found = false;
+    for (size_t i = 0; i < in_.size(); ++i) {
+      if (search.push(in_[i])) {
+        start = i + 1 - sizeof(kDirectMarker);
+        found = true;
+        break;
+      }
+    }
+    if (!found) {
+      // Keep a possible marker prefix at the end.
+      size_t keep = static_cast<size_t>(search.matched());
+      in_.erase(in_.begin(), in_.end() - static_cast<std::ptrdiff_t>(std::min(keep, in_.size())));
+    } else {
+      if (start > 0) in_.erase(in_.begin(), in_.begin() + static_cast<std::ptrdiff_t>(start));
+      if (in_.size() >= kDirectHeaderSize) {
+        DirectHeader h = decodeDirectHeader(in_.data());
+        if (h.length < kDirectHeaderSize) {
+          in_.erase(in_.begin());  // not a record: look for the next marker
+          continue;
+        }
+        if (in_.size() >= h.length) {
+          reply->header = h;
+          reply->payload.assign(in_.begin() + kDirectHeaderSize, in_.begin() + h.length);
+          in_.erase(in_.begin(), in_.begin() + h.length);
+          return 0;
+        }
+      }
+    }
+    struct pollfd pfd = {reply_fd_, POLLIN, 0};
+    int r = poll(&pfd, 1, remainingMs(forever, deadline));
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      return -errno;
+    }
+    if (r == 0) return -ETIMEDOUT;
+    uint8_t chunk[65536];
+    ssize_t n = ::read(reply_fd_, chunk, sizeof(chunk));
+    if (n > 0) {
+      in_.insert(in_.end(), chunk, chunk + n);
+      continue;
+    }
+    if (n == 0) return -EPIPE;  // the daemon closed its end
+    if (errno == EAGAIN || errno == EINTR) continue;
+    return -errno;
+  }
+}
+
+int DirectClient::waitFor(const std::function<bool(const Reply&)>& match, Reply* reply,
+                          int timeout_ms) {
+  for (auto it = kept_.begin(); it != kept_.end(); ++it) {
+    if (match(*it)) {
+      *reply = std::move(*it);
+      kept_.erase(it);
+      return 0;
+    }
+  }
+  const bool forever = timeout_ms < 0;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
+  for (;;) {
+    Reply next;
+    int r = receive(&next, remainingMs(forever, deadline));
+    if (r < 0) return r;
+    if (match(next)) {
+      *reply = std::move(next);
+      return 0;
+    }
+    kept_.push_back(std::move(next));
+  }
+}
+
+namespace {
+
+int openOrCreate(DirectClient& client, uint32_t op, int tag, const std::string& path,
+                 int cache_mode) {
+  DirectHeader h;
+  h.fd = tag;
+  h.op = op;
+  h.param = static_cast<uint32_t>(cache_mode & 3);
+  return client.send(h, path.c_str(), path.size() + 1);
+}
+
+}  // namespace
+
+int DirectClient::open(const std::string& path, int cache_mode, int timeout_ms) {
+  const int tag = nextTag();
+  int r = openOrCreate(*this, kDirectOpOpen, tag, path, cache_mode);
+  if (r < 0) return r;
+  Reply reply;
+  r = waitFor([&](const Reply& x) { return x.header.op == kDirectOpOpen && x.header.fd == tag; },
+              &reply, timeout_ms);
+  return r < 0 ? r : static_cast<int32_t>(reply.header.param);
+}
+
+int DirectClient::create(const std::string& path, int cache_mode, int timeout_ms) {
+  const int tag = nextTag();
+  int r = openOrCreate(*this, kDirectOpCreate, tag, path, cache_mode);
+  if (r < 0) return r;
+  Reply reply;
+  r = waitFor([&](const Reply& x) { return x.header.op == kDirectOpCreate && x.header.fd == tag; },
+              &reply, timeout_ms);
+  return r < 0 ? r : static_cast<int32_t>(reply.header.param);
+}
+
+int DirectClient::read(int fd, int64_t offset, int32_t size, std::vector<uint8_t>* out, bool event,
+                       int timeout_ms) {
+  DirectHeader h;
+  h.fd = fd;
+  h.op = event ? kDirectOpReadEvent : kDirectOpRead;
+  h.offset = offset;
+  h.param = static_cast<uint32_t>(size);
+  int r = send(h, nullptr, 0);
+  if (r < 0) return r;
+  Reply reply;
+  r = waitFor(
+      [&](const Reply& x) {
+        return x.header.fd == fd && x.header.offset == offset &&
+               (x.header.op == h.op || x.header.op == kDirectOpError);
+      },
+      &reply, timeout_ms);
+  if (r < 0) return r;
+  if (out != nullptr) *out = std::move(reply.payload);
+  return static_cast<int32_t>(reply.header.param);
+}
+
+int64_t DirectClient::getSize(int fd, bool real_size, int timeout_ms) {
+  DirectHeader h;
+  h.fd = fd;
+  h.op = real_size ? kDirectOpGetRealSize : kDirectOpGetSize;
+  h.offset = -nextTag();  // comes back only in an error reply
+  int r = send(h, nullptr, 0);
+  if (r < 0) return r;
+  Reply reply;
+  r = waitFor(
+      [&](const Reply& x) {
+        return x.header.fd == fd && (x.header.op == h.op || (x.header.op == kDirectOpError &&
+                                                             x.header.offset == h.offset));
+      },
+      &reply, timeout_ms);
+  if (r < 0) return r;
+  if (reply.header.op == kDirectOpError) return static_cast<int32_t>(reply.header.param);
+  return reply.header.offset;
+}
+
+int DirectClient::write(int fd, int64_t offset, const void* data, uint32_t size,
+                        uint32_t new_size_offset, uint32_t flags, bool event) {
+  DirectHeader h;
+  h.fd = fd;
+  h.op = event ? kDirectOpWriteEvent : kDirectOpWrite;
+  h.offset = offset;
+  h.param = directWriteParam(new_size_offset, flags);
+  return send(h, data, size);
+}
+
+int DirectClient::splice(int in_fd, int64_t in_offset, uint32_t out_fd, int64_t out_offset,
+                         uint32_t size, bool event) {
+  DirectHeader h;
+  h.fd = in_fd;
+  h.op = event ? kDirectOpSpliceEvent : kDirectOpSplice;
+  h.offset = in_offset;
+  DirectSplice s;
+  s.out_fd = out_fd;
+  s.out_offset = out_offset;
+  s.size = size;
+  uint8_t payload[kDirectSpliceSize];
+  encodeDirectSplice(s, payload);
+  return send(h, payload, sizeof(payload));
+}
+
+int DirectClient::close(int fd, uint32_t flags) {
+  DirectHeader h;
+  h.fd = fd;
+  h.op = kDirectOpClose;
+  h.offset = -nextTag();
+  h.param = flags;
+  return send(h, nullptr, 0);
+}
+
+int DirectClient::sync(int fd, int timeout_ms) {
+  int64_t r = getSize(fd, false, timeout_ms);
+  if (r < 0 && r != -EBADF) return static_cast<int>(r);
+  for (auto it = kept_.begin(); it != kept_.end(); ++it) {
+    if (it->header.op == kDirectOpError && it->header.fd == fd) {
+      int err = static_cast<int32_t>(it->header.param);
+      kept_.erase(it);
+      return err;
+    }
+  }
+  return r == -EBADF ? -EBADF : 0;
+}
+
+int DirectClient::closeAndWait(int fd, uint32_t flags, int timeout_ms) {
+  DirectHeader h;
+  h.fd = fd;
+  h.op = kDirectOpClose;
+  h.offset = -nextTag();
+  h.param = flags;
+  int r = send(h, nullptr, 0);
+  if (r < 0) return r;
+  // The file number is unknown once the close is done: a size query after it answers -EBADF,
+  // and a failed close answers before that.
+  int64_t after = getSize(fd, false, timeout_ms);
+  if (after != -EBADF && after < 0) return static_cast<int>(after);
+  for (auto it = kept_.begin(); it != kept_.end(); ++it) {
+    if (it->header.op == kDirectOpError && it->header.fd == fd && it->header.offset == h.offset) {
+      int err = static_cast<int32_t>(it->header.param);
+      kept_.erase(it);
+      return err;
+    }
+  }
+  return 0;
+}
+
+std::vector<Reply> DirectClient::takeErrors() {
+  std::vector<Reply> errors;
+  for (auto it = kept_.begin(); it != kept_.end();) {
+    if (it->header.op == kDirectOpError) {
+      errors.push_back(std::move(*it));
+      it = kept_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  return errors;
+}
+
+}  // namespace velt::client
