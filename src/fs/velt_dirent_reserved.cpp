@@ -309,8 +309,10 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
     return nullptr;
   }
 
+  // Held until the entry is a child, so that a concurrent creation picks another short name.
+  ShortNameReservation name_hold;
   std::string short_name;
-  if (createUniqueShortName(file_name, &short_name) < 0) {
+  if (name_hold.reserve(this, file_name, nullptr, &short_name) < 0) {
     *error = -EINVAL;
     return nullptr;
   }

@@ -1,0 +1,216 @@
+#include "velt_fsck.h"
+
+#include <utf8.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <regex>
+#include <sstream>
+
+#include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
+
+namespace velt::test {
+
+namespace {
+
+// fsck.fat prints names in the locale's charset: ask for UTF-8 while it runs.
+class Utf8Locale {
+ public:
+  Utf8Locale() {
+    const char* old = getenv("LC_ALL");
+    had_ = old != nullptr;
+    if (had_) old_ = old;
+    setenv("LC_ALL", "C.UTF-8", 1);
+  }
+  ~Utf8Locale() {
+    if (had_) {
+      setenv("LC_ALL", old_.c_str(), 1);
+    } else {
+      unsetenv("LC_ALL");
+    }
+  }
+
+ private:
+  std::string old_;
+  bool had_ = false;
+};
+
+bool isFiller(const uint8_t* r) {
+  if (r[rec::kLfnSeq] != (rec::kLfnLast | 1) || r[rec::kLfnAttr] != kAttrLongName ||
+      r[rec::kLfnChecksum] != 0) {
+    return false;
+  }
+  uint16_t units[kLfnCharsPerRecord];
+  lfnRecordUnits(r, units);
+  return std::all_of(units, units + kLfnCharsPerRecord, [](uint16_t u) { return u == 0xFFFF; });
+}
+
+// The text of a run of long-name records given nearest-first (sequence 1 first), as fsck.fat
+// prints it: up to the terminator, every other unit shown as its character.
+std::string lfnText(const std::vector<const uint8_t*>& nearest_first) {
+  std::vector<uint16_t> all;
+  for (const uint8_t* r : nearest_first) {
+    uint16_t units[kLfnCharsPerRecord];
+    lfnRecordUnits(r, units);
+    all.insert(all.end(), units, units + kLfnCharsPerRecord);
+  }
+  auto end = std::find(all.begin(), all.end(), 0);
+  std::string out;
+  try {
+    utf8::utf16to8(all.begin(), end, std::back_inserter(out));
+  } catch (const utf8::exception&) {
+    out = "<bad UTF-16>";
+  }
+  return out;
+}
+
+const std::string& fillerText() {
+  static const std::string text = [] {
+    std::vector<uint8_t> r(DIR_RECORD_SIZE, 0xFF);
+    r[rec::kLfnSeq] = rec::kLfnLast | 1;
+    return lfnText({r.data()});
+  }();
+  return text;
+}
+
+// The fsck.fat warning about a small FAT32 (fewer clusters than the format's minimum): a matter
+// of the card's size, not of its contents.
+bool isSizeWarning(const std::string& line) {
+  return line.rfind("Warning: Filesystem is FAT32 according to", 0) == 0 ||
+         line.rfind("  but has only ", 0) == 0 ||
+         line == "  This may lead to problems on some systems.";
+}
+
+std::string describe(const std::vector<std::string>& parts) {
+  std::string out;
+  for (const auto& p : parts) out += "  \"" + p + "\"\n";
+  return out.empty() ? "  (none)\n" : out;
+}
+
+}  // namespace
+
+ReservedFsckReport expectedReservedReport(VELT& volume, const CardImage& card) {
+  ReservedFsckReport report;
+  volume.flush();
+  const int64_t cluster = volume.pbr_->cluster_length_;
+  std::vector<std::shared_ptr<VELT::DirEntry>> folders;
+  {
+    std::lock_guard<std::mutex> lock(volume.root_->children_mutex_);
+    for (const auto& child : volume.root_->children_) {
+      if (child->velt_folder_ != nullptr) folders.push_back(child);
+    }
+  }
+  for (const auto& folder : folders) {
+    for (const ReservedFile& file : folder->velt_reserved_files_) {
+      const std::string sfn = card.readBytes(file.dir_ent_disk_off, DIR_RECORD_SIZE);
+      std::vector<std::string> records;
+      std::vector<const uint8_t*> name_records;  // nearest first
+      int fillers = 0;
+      for (int k = 0; k < file.lfn_count && k < VELT_LFN_ENTRY_COUNT_MAX; ++k) {
+        records.push_back(card.readBytes(file.lfn_disk_offsets[k], DIR_RECORD_SIZE));
+      }
+      for (const auto& r : records) {
+        const uint8_t* p = reinterpret_cast<const uint8_t*>(r.data());
+        if (r.size() != DIR_RECORD_SIZE) continue;
+        if (isFiller(p)) {
+          ++fillers;
+        } else {
+          name_records.push_back(p);
+        }
+      }
+      for (int k = 0; k < fillers; ++k) report.orphan_parts.push_back(fillerText());
+      const bool hidden =
+          sfn.size() == DIR_RECORD_SIZE && static_cast<uint8_t>(sfn[0]) == DIR_ENTRY_DELETED;
+      if (hidden) {
+        if (!name_records.empty()) report.orphan_parts.push_back(lfnText(name_records));
+        report.unused_clusters += (static_cast<int64_t>(file.size) + cluster - 1) / cluster;
+      }
+    }
+  }
+  std::sort(report.orphan_parts.begin(), report.orphan_parts.end());
+  return report;
+}
+
+static ::testing::AssertionResult judge(const ShellResult& fsck,
+                                        const ReservedFsckReport& expected) {
+  std::vector<std::string> parts;
+  int64_t reclaimed = 0;
+  int64_t free_difference = 0;
+  std::string unexpected;
+  static const std::regex kOrphan(R"re(^Orphaned long file name part "(.*)"$)re");
+  static const std::regex kReclaimed(R"(^Reclaimed (\d+) unused clusters? \((\d+) bytes\)\.$)");
+  static const std::regex kFree(R"(^Free cluster summary wrong \((\d+) vs\. really (\d+)\)$)");
+  static const std::regex kSummary(R"(^.*: \d+ files, \d+/\d+ clusters$)");
+  std::istringstream out(fsck.out);
+  std::string line;
+  std::smatch m;
+  while (std::getline(out, line)) {
+    if (line.rfind("fsck.fat ", 0) == 0 || line == "Leaving filesystem unchanged." ||
+        line == "  Auto-deleting." || line == "  Auto-correcting." || line.empty() ||
+        std::regex_match(line, kSummary)) {
+      continue;
+    }
+    if (std::regex_match(line, m, kOrphan)) {
+      parts.push_back(m[1]);
+    } else if (std::regex_match(line, m, kReclaimed)) {
+      reclaimed += std::stoll(m[1]);
+    } else if (std::regex_match(line, m, kFree)) {
+      free_difference = std::stoll(m[2]) - std::stoll(m[1]);
+    } else {
+      unexpected += "  " + line + "\n";
+    }
+  }
+  std::istringstream err(fsck.err);
+  while (std::getline(err, line)) {
+    if (!line.empty() && !isSizeWarning(line)) unexpected += "  (stderr) " + line + "\n";
+  }
+  std::sort(parts.begin(), parts.end());
+
+  std::string problems;
+  if (!unexpected.empty())
+    problems += "fsck.fat found more than reserved files explain:\n" + unexpected;
+  if (parts != expected.orphan_parts) {
+    problems += "orphaned long-name parts differ; expected\n" + describe(expected.orphan_parts) +
+                "found\n" + describe(parts);
+  }
+  if (reclaimed != expected.unused_clusters) {
+    problems += "unused clusters: expected " + std::to_string(expected.unused_clusters) +
+                ", found " + std::to_string(reclaimed) + "\n";
+  }
+  if (free_difference != expected.unused_clusters) {
+    problems += "free count short by " + std::to_string(free_difference) + " clusters, expected " +
+                std::to_string(expected.unused_clusters) + "\n";
+  }
+  const bool findings = !expected.orphan_parts.empty() || expected.unused_clusters != 0;
+  if (fsck.status != (findings ? 1 : 0)) {
+    problems += "fsck.fat exit status " + std::to_string(fsck.status) + "\n";
+  }
+  if (problems.empty()) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << problems << "fsck.fat said:\n" << fsck.out << fsck.err;
+}
+
+::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card,
+                                                      const ReservedFsckReport& expected) {
+  Utf8Locale locale;
+  return judge(card.fsck("-n"), expected);
+}
+
+::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card) {
+  ShellResult fsck;
+  {
+    Utf8Locale locale;
+    fsck = card.fsck("-n");
+  }
+  CardImage::RootScope scope(card);
+  int error = 0;
+  std::shared_ptr<VELT> volume = VELT::create(card.devicePath(), 0, kVELTOpMount, 0, &error);
+  if (volume == nullptr) {
+    return ::testing::AssertionFailure() << "the card does not load: result " << error;
+  }
+  ReservedFsckReport expected = expectedReservedReport(*volume, card);
+  volume.reset();
+  return judge(fsck, expected);
+}
+
+}  // namespace velt::test
