@@ -1,0 +1,293 @@
+// Cards filled by mtools, loaded through VELT::create: the tree, the names, the sizes and the
+// contents the library reads must be what the tools put there.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "card_image.h"
+#include "fs/velt.h"
+#include "fs/velt_dirent.h"
+#include "fs/velt_file.h"
+
+using velt::test::CardImage;
+using velt::test::CardSpec;
+using velt::test::shellQuote;
+using Entry = velt::VELT::DirEntry;
+
+namespace {
+
+std::string content(size_t size, unsigned seed) {
+  std::string s(size, '\0');
+  uint32_t x = seed * 2654435761u + 1;
+  for (size_t i = 0; i < size; ++i) {
+    x = x * 1103515245u + 12345u;
+    s[i] = static_cast<char>(x >> 16);
+  }
+  return s;
+}
+
+// What a card should hold: folders and files by path.
+struct Layout {
+  std::set<std::string> dirs{"/"};
+  std::map<std::string, std::string> files;
+};
+
+class Filler {
+ public:
+  explicit Filler(const CardImage& card) : card_(card) {}
+  void mkdir(Layout& l, const std::string& path) {
+    auto r = card_.mtools("mmd " + shellQuote("::" + path));
+    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+    l.dirs.insert(path);
+  }
+  void put(Layout& l, const std::string& path, const std::string& bytes) {
+    std::string host = card_.dir() + "/src" + std::to_string(n_++);
+    std::ofstream(host, std::ios::binary) << bytes;
+    auto r = card_.mtools("mcopy -o " + shellQuote(host) + " " + shellQuote("::" + path));
+    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+    unlink(host.c_str());
+    l.files[path] = bytes;
+  }
+  void del(Layout& l, const std::string& path) {
+    auto r = card_.mtools("mdel " + shellQuote("::" + path));
+    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+    l.files.erase(path);
+  }
+  // Points the FSInfo allocation hint at the start, so the tools fill holes first.
+  void rewindAllocationHint() {
+    std::string fsinfo = card_.readBytes(card_.partitionOffset() + 512, 512);
+    fsinfo[492] = 2;
+    fsinfo[493] = fsinfo[494] = fsinfo[495] = 0;
+    card_.writeBytes(card_.partitionOffset() + 512, fsinfo);
+  }
+
+ private:
+  const CardImage& card_;
+  int n_ = 0;
+};
+
+std::string parentOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+std::string leafOf(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+std::shared_ptr<velt::VELT> load(const CardImage& card, int* error, int mode = velt::kVELTOpMount) {
+  CardImage::RootScope scope(card);
+  return velt::VELT::create(card.devicePath(), 0, mode, 0, error);
+}
+
+std::string readAll(velt::VELT& v, const std::shared_ptr<Entry>& e) {
+  auto file = v.newFile(false, false, false, e);
+  if (file == nullptr) return "<no file>";
+  std::string out(static_cast<size_t>(e->size_), '\0');
+  int got = file->read(out.data(), out.size(), 0);
+  file->close();
+  if (got < 0) return "<read error " + std::to_string(got) + ">";
+  out.resize(static_cast<size_t>(got));
+  return out;
+}
+
+int runsOf(const Entry& e) {
+  int runs = e.cluster_map_.empty() ? 0 : 1;
+  for (size_t i = 1; i < e.cluster_map_.size(); ++i) {
+    runs += e.cluster_map_[i] != e.cluster_map_[i - 1] + 1;
+  }
+  return runs;
+}
+
+// Checks every folder's children and every file's size and bytes.
+void expectLayout(velt::VELT& v, const Layout& l) {
+  for (const auto& dir : l.dirs) {
+    SCOPED_TRACE("folder " + dir);
+    auto e = v.findEntry(dir.c_str());
+    ASSERT_NE(e, nullptr);
+    EXPECT_TRUE(e->isDir());
+    std::set<std::string> want;
+    for (const auto& d : l.dirs) {
+      if (d != "/" && parentOf(d) == dir) want.insert(leafOf(d));
+    }
+    for (const auto& [f, bytes] : l.files) {
+      if (parentOf(f) == dir) want.insert(leafOf(f));
+    }
+    std::set<std::string> got;
+    std::lock_guard<std::mutex> lock(e->children_mutex_);
+    for (const auto& c : e->children_) {
+      if (!c->isDotEntry() && !c->is_volume_) got.insert(c->name_);
+    }
+    EXPECT_EQ(got, want);
+  }
+  for (const auto& [path, bytes] : l.files) {
+    SCOPED_TRACE("file " + path);
+    auto e = v.findEntry(path.c_str());
+    ASSERT_NE(e, nullptr);
+    EXPECT_TRUE(e->isArchive());
+    EXPECT_EQ(e->size_, static_cast<int64_t>(bytes.size()));
+    EXPECT_TRUE(readAll(v, e) == bytes) << "contents differ";
+  }
+}
+
+}  // namespace
+
+TEST(VolumeTree, WhatTheToolsWroteIsWhatTheLibraryReads) {
+  struct Geometry {
+    int64_t size_mb;
+    int spc;
+  } geometries[] = {{64, 1}, {300, 8}};
+  for (const auto& g : geometries) {
+    SCOPED_TRACE("sectors per cluster " + std::to_string(g.spc));
+    CardSpec spec;
+    spec.size_mb = g.size_mb;
+    spec.sectors_per_cluster = g.spc;
+    CardImage card(spec);
+    ASSERT_TRUE(card.ok()) << card.error();
+    const size_t cl = 512u * g.spc;
+    Layout l;
+    Filler fill(card);
+    fill.mkdir(l, "/a");
+    fill.mkdir(l, "/a/b");
+    fill.mkdir(l, "/a/b/c");
+    fill.mkdir(l, "/a/b/c/d");
+    fill.mkdir(l, "/Ünïcödé Ördner");
+    fill.mkdir(l, "/A folder with a long name and spaces");
+    fill.mkdir(l, "/empty folder");
+    fill.put(l, "/empty.txt", "");
+    fill.put(l, "/a/one.bin", "x");
+    fill.put(l, "/a/b/cluster.bin", content(cl, 1));
+    fill.put(l, "/a/b/c/d/cluster+1.bin", content(cl + 1, 2));
+    fill.put(l, "/a/b/c/d/cluster-1.bin", content(cl - 1, 3));
+    fill.put(l, "/README.TXT", content(100, 4));
+    fill.put(l, "/lower.txt", content(700, 5));
+    fill.put(l, "/Ünïcödé Ördner/日本語のファイル名.dat", content(3 * cl + 17, 6));
+    fill.put(l, "/Ünïcödé Ördner/Größe €.txt", content(20, 7));
+    fill.put(l,
+             "/A folder with a long name and spaces/"
+             "a very long file name that needs many long-name records, more than ten of them, "
+             "to be stored 0123456789.txt",
+             content(5000, 8));
+    fill.put(l, "/a/b/c/d/.hidden", content(3, 9));
+    // A folder whose records fill several clusters.
+    fill.mkdir(l, "/many");
+    for (int i = 0; i < 40; ++i) {
+      fill.put(l, "/many/file number " + std::to_string(i) + ".dat", content(i * 37, 100 + i));
+    }
+    // Fragmented files: holes left by deleted files, refilled once the hint points back.
+    fill.mkdir(l, "/frag");
+    for (int i = 0; i < 6; ++i) {
+      fill.put(l, "/frag/piece" + std::to_string(i), content(3 * cl, 200 + i));
+    }
+    for (int i = 1; i < 6; i += 2) fill.del(l, "/frag/piece" + std::to_string(i));
+    fill.rewindAllocationHint();
+    fill.put(l, "/frag/spread.bin", content(10 * cl + 123, 300));
+    fill.del(l, "/frag/piece2");
+    fill.rewindAllocationHint();
+    fill.put(l, "/frag/rewritten.bin", content(4 * cl + 1, 301));
+    ASSERT_EQ(card.fsck().status, 0) << card.fsck().out;
+
+    int error = -100;
+    auto v = load(card, &error);
+    ASSERT_EQ(error, 0);
+    ASSERT_NE(v, nullptr);
+    expectLayout(*v, l);
+
+    // The fragmented files really are in several pieces.
+    EXPECT_GE(runsOf(*v->findEntry("/frag/spread.bin")), 3);
+    EXPECT_GE(runsOf(*v->findEntry("/frag/rewritten.bin")), 2);
+    // Names resolve in any letter case; short names too.
+    EXPECT_EQ(v->findEntry("/A/B/C/D/CLUSTER+1.BIN"), v->findEntry("/a/b/c/d/cluster+1.bin"));
+    EXPECT_EQ(v->findEntry("/readme.txt"), v->findEntry("/README.TXT"));
+    auto lower = v->findEntry("/lower.txt");
+    ASSERT_NE(lower, nullptr);
+    EXPECT_EQ(v->findEntry(("/" + lower->short_name_).c_str()), lower);
+    EXPECT_EQ(v->findEntry("/lower.txt/x"), nullptr);
+    std::list<std::string> root_files;
+    EXPECT_EQ(v->listRootFiles(root_files), 3);
+
+    // Loading left nothing for the tools to complain about.
+    v.reset();
+    auto fsck = card.fsck();
+    EXPECT_EQ(fsck.status, 0) << fsck.out;
+  }
+}
+
+TEST(VolumeTree, CreateReportsWhatIsWrongWithTheCard) {
+  struct Row {
+    const char* what;
+    CardSpec spec;
+    int mode;
+    int error;
+  } rows[] = {
+      {"plain FAT32 loads", CardSpec{64, 1, 1, "", true}, velt::kVELTOpMount, velt::kVELTOk},
+      {"second slot", CardSpec{64, 1, 2, "", true}, velt::kVELTOpMount, velt::kVELTOk},
+      {"no file system", CardSpec{64, 1, 1, "", false}, velt::kVELTOpMount, velt::kVELTBadPBR},
+      {"exclusive needs the mark", CardSpec{64, 1, 1, "", true}, velt::kVELTOpExclusive,
+       velt::kVELTNotVELT},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.what);
+    CardImage card(r.spec);
+    ASSERT_TRUE(card.ok()) << card.error();
+    int error = -100;
+    auto v = load(card, &error, r.mode);
+    EXPECT_EQ(error, r.error);
+    EXPECT_EQ(v != nullptr, r.error == velt::kVELTOk);
+    if (v != nullptr) {
+      EXPECT_EQ(v->state_, velt::kVELTStateLoaded);
+      EXPECT_EQ(v->init(), -1) << "a loaded volume is not loaded again";
+      EXPECT_EQ(v->state_, velt::kVELTStateLoaded);
+    }
+  }
+
+  // A card of another partition number than the path names.
+  CardImage card(CardSpec{64, 1, 2, "", true});
+  ASSERT_TRUE(card.ok()) << card.error();
+  CardImage::RootScope scope(card);
+  int error = -100;
+  EXPECT_EQ(velt::VELT::create("/dev/mmcblk0p1", 0, velt::kVELTOpMount, 0, &error), nullptr);
+  EXPECT_EQ(error, velt::kVELTNoFAT32Partition);
+}
+
+TEST(VolumeTree, VersionOfTheMarkDecidesWhetherTheCardLoads) {
+  // Mark a plain card as VELT by hand: OEM name and a format-information record with no
+  // reserved folders.
+  struct Row {
+    int major;
+    int minor;
+    int error;
+  } rows[] = {{3, 1, velt::kVELTOk},
+              {3, 9, velt::kVELTOk},
+              {2, 9, velt::kVELTBadVELT},
+              {4, 0, velt::kVELTBadVELT}};
+  for (const auto& r : rows) {
+    SCOPED_TRACE(std::to_string(r.major) + "." + std::to_string(r.minor));
+    CardImage card(CardSpec{64, 1, 1, "", true});
+    ASSERT_TRUE(card.ok()) << card.error();
+    const int64_t part = card.partitionOffset();
+    for (int64_t sector : {0, 6}) card.writeBytes(part + sector * 512 + 3, "VELT1.0N");
+    velt::FormatInfo info;
+    info.version_major = static_cast<uint16_t>(r.major);
+    info.version_minor = static_cast<uint16_t>(r.minor);
+    info.magic1 = velt::VELT_FSINFO_MAGIC1;
+    info.magic2 = velt::VELT_FSINFO_MAGIC2;
+    memcpy(info.signature, "sig-of-card!", 12);
+    std::string record(velt::VELT_FORMAT_INFO_SIZE, '\0');
+    info.encode(reinterpret_cast<uint8_t*>(record.data()));
+    for (int64_t sector : {1, 7}) card.writeBytes(part + sector * 512 + 4, record);
+
+    int error = -100;
+    auto v = load(card, &error);
+    EXPECT_EQ(error, r.error);
+    if (v == nullptr) continue;
+    EXPECT_TRUE(v->isVELTPartition());
+    char sig[13];
+    EXPECT_EQ(v->getSignature(sig, sizeof(sig)), 12);
+    EXPECT_STREQ(sig, "sig-of-card!");
+  }
+}
