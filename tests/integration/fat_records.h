@@ -1,0 +1,193 @@
+// A small reader and editor of the FAT32 structures of a card image, independent of the code
+// under test: tests use it to find directory records and damage them byte by byte, and to
+// read back what the loader wrote.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "card_image.h"
+
+namespace velt::test {
+
+inline uint32_t getLe(const std::string& s, size_t at, int bytes) {
+  uint32_t v = 0;
+  for (int i = bytes - 1; i >= 0; --i) v = (v << 8) | static_cast<uint8_t>(s[at + i]);
+  return v;
+}
+inline void putLe(std::string* s, size_t at, uint32_t v, int bytes) {
+  for (int i = 0; i < bytes; ++i) (*s)[at + i] = static_cast<char>((v >> (8 * i)) & 0xFF);
+}
+
+// The long-name checksum of an 11-byte record name.
+inline uint8_t nameChecksum(const std::string& name11) {
+  uint8_t sum = 0;
+  for (int i = 0; i < 11; ++i) {
+    sum = static_cast<uint8_t>(((sum & 1) << 7) + (sum >> 1) + static_cast<uint8_t>(name11[i]));
+  }
+  return sum;
+}
+
+// Long-name records for an ASCII name, start record (lowest slot) first.
+inline std::vector<std::string> lfnRecords(const std::string& name, uint8_t checksum) {
+  std::vector<uint16_t> units(name.begin(), name.end());
+  if (units.size() % 13 != 0) units.push_back(0);
+  while (units.size() % 13 != 0) units.push_back(0xFFFF);
+  const int count = static_cast<int>(units.size() / 13);
+  static constexpr int kPos[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
+  std::vector<std::string> out;
+  for (int seq = count; seq >= 1; --seq) {
+    std::string r(32, '\0');
+    r[0] = static_cast<char>(seq | (seq == count ? 0x40 : 0));
+    r[11] = 0x0F;
+    r[13] = static_cast<char>(checksum);
+    for (int k = 0; k < 13; ++k) putLe(&r, kPos[k], units[(seq - 1) * 13 + k], 2);
+    out.push_back(r);
+  }
+  return out;
+}
+
+class FatImage {
+ public:
+  explicit FatImage(const CardImage& card) : card_(card), part_(card.partitionOffset()) {
+    std::string b = card.readBytes(part_, 512);
+    bps_ = getLe(b, 11, 2);
+    spc_ = static_cast<uint8_t>(b[13]);
+    reserved_ = getLe(b, 14, 2);
+    fats_ = static_cast<uint8_t>(b[16]);
+    fat_sectors_ = getLe(b, 36, 4);
+    root_ = getLe(b, 44, 4);
+    fsinfo_ = getLe(b, 48, 2);
+    backup_ = getLe(b, 50, 2);
+    uint32_t total = getLe(b, 32, 4);
+    data_sector_ = reserved_ + fats_ * fat_sectors_;
+    clusters_ = (total - data_sector_) / spc_ + 2;
+  }
+
+  uint32_t rootCluster() const { return root_; }
+  uint32_t clusterBytes() const { return bps_ * spc_; }
+  uint32_t clusterCount() const { return clusters_; }  // one past the highest cluster
+  int64_t clusterOffset(uint32_t c) const {
+    return part_ + (static_cast<int64_t>(data_sector_) + static_cast<int64_t>(c - 2) * spc_) * bps_;
+  }
+  int64_t fatOffset(int copy, uint32_t c) const {
+    return part_ +
+           (static_cast<int64_t>(reserved_) + static_cast<int64_t>(copy) * fat_sectors_) * bps_ +
+           4 * static_cast<int64_t>(c);
+  }
+  uint32_t fat(uint32_t c, int copy = 0) const {
+    return getLe(card_.readBytes(fatOffset(copy, c), 4), 0, 4) & 0x0FFFFFFF;
+  }
+  void setFat(uint32_t c, uint32_t v) const {
+    std::string s(4, '\0');
+    putLe(&s, 0, v, 4);
+    for (uint32_t i = 0; i < fats_; ++i) card_.writeBytes(fatOffset(i, c), s);
+  }
+  std::vector<uint32_t> chain(uint32_t first) const {
+    std::vector<uint32_t> out;
+    for (uint32_t c = first; c >= 2 && c < clusters_ && out.size() < clusters_; c = fat(c)) {
+      out.push_back(c);
+    }
+    return out;
+  }
+  // Card offsets of every record of a directory, in order.
+  std::vector<int64_t> records(uint32_t dir_cluster) const {
+    std::vector<int64_t> out;
+    for (uint32_t c : chain(dir_cluster)) {
+      for (uint32_t i = 0; i < clusterBytes() / 32; ++i) out.push_back(clusterOffset(c) + 32 * i);
+    }
+    return out;
+  }
+  std::string record(int64_t off) const { return card_.readBytes(off, 32); }
+  void putRecord(int64_t off, const std::string& r) const { card_.writeBytes(off, r); }
+  void putByte(int64_t off, uint8_t v) const {
+    card_.writeBytes(off, std::string(1, static_cast<char>(v)));
+  }
+  uint8_t byteAt(int64_t off) const { return static_cast<uint8_t>(card_.readBytes(off, 1)[0]); }
+
+  // FSInfo (primary and backup hold the same after any write of ours).
+  int64_t fsinfoOffset(bool backup = false) const {
+    return part_ + static_cast<int64_t>(backup ? backup_ + 1 : fsinfo_) * bps_;
+  }
+  uint32_t fsinfoFree() const { return getLe(card_.readBytes(fsinfoOffset() + 488, 4), 0, 4); }
+  // Field of reserved-folder descriptor `i` of the format information (offset in the descriptor).
+  int64_t descriptorField(int i, int field, bool backup = false) const {
+    return fsinfoOffset(backup) + 4 + 36 + 52 * i + field;
+  }
+  void setDescriptorField(int i, int field, uint32_t v) const {
+    std::string s(4, '\0');
+    putLe(&s, 0, v, 4);
+    card_.writeBytes(descriptorField(i, field, false), s);
+    card_.writeBytes(descriptorField(i, field, true), s);
+  }
+  uint32_t descriptorValue(int i, int field) const {
+    return getLe(card_.readBytes(descriptorField(i, field), 4), 0, 4);
+  }
+
+  struct Entry {
+    int64_t sfn = 0;           // card offset of the short-name record
+    std::vector<int64_t> lfn;  // long-name records, lowest slot (start record) first
+    uint32_t cluster = 0;
+    std::string name;  // long name, or the short name as "BASE.EXT"
+  };
+  // Live entries of a directory, in slot order (ASCII long names only).
+  std::vector<Entry> entries(uint32_t dir_cluster) const {
+    std::vector<Entry> out;
+    std::vector<int64_t> lfn;
+    std::string lname;
+    for (int64_t off : records(dir_cluster)) {
+      std::string r = record(off);
+      uint8_t first = static_cast<uint8_t>(r[0]);
+      if (first == 0 || first == 0xE5) {
+        lfn.clear();
+        lname.clear();
+        continue;
+      }
+      if ((r[11] & 0x3F) == 0x0F) {
+        if (first & 0x40) {
+          lfn.clear();
+          lname.clear();
+        }
+        static constexpr int kPos[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
+        std::string part;
+        for (int p : kPos) {
+          uint32_t u = getLe(r, p, 2);
+          if (u == 0 || u == 0xFFFF) break;
+          part += static_cast<char>(u);
+        }
+        lname = part + lname;
+        lfn.push_back(off);
+        continue;
+      }
+      Entry e;
+      e.sfn = off;
+      e.lfn = lfn;
+      e.cluster = (getLe(r, 20, 2) << 16) | getLe(r, 26, 2);
+      std::string base = r.substr(0, 8), ext = r.substr(8, 3);
+      base.erase(base.find_last_not_of(' ') + 1);
+      ext.erase(ext.find_last_not_of(' ') + 1);
+      e.name = lfn.empty() ? (ext.empty() ? base : base + "." + ext) : lname;
+      out.push_back(e);
+      lfn.clear();
+      lname.clear();
+    }
+    return out;
+  }
+  std::optional<Entry> find(uint32_t dir_cluster, const std::string& name) const {
+    for (const Entry& e : entries(dir_cluster)) {
+      if (e.name == name) return e;
+    }
+    return std::nullopt;
+  }
+
+ private:
+  const CardImage& card_;
+  int64_t part_;
+  uint32_t bps_ = 0, spc_ = 0, reserved_ = 0, fats_ = 0, fat_sectors_ = 0, root_ = 0;
+  uint32_t fsinfo_ = 0, backup_ = 0, data_sector_ = 0, clusters_ = 0;
+};
+
+}  // namespace velt::test
