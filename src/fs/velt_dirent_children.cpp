@@ -151,7 +151,8 @@ int makeShortName(const char* file_name, const std::function<bool(const std::str
     return -1;
   }
   std::string candidate = ext3.empty() ? base8 : base8 + "." + ext3;
-  if (!altered && candidate.size() == name.size() && !taken(candidate)) {
+  // A record name may not begin with a blank: an empty base always takes a tail.
+  if (!altered && !base8.empty() && candidate.size() == name.size() && !taken(candidate)) {
     *short_name = candidate;
     return 0;
   }

@@ -90,16 +90,36 @@ time_t fatToTime(uint16_t date, uint16_t time) {
   return mktime(&tm);
 }
 
-uint16_t timeToFatDate(time_t t) {
+// Local calendar time of `t`, held to the range FAT can record: 1980-01-01 00:00:00 to
+// 2107-12-31 23:59:58.
+static struct tm fatCalendar(time_t t) {
   struct tm tm;
+  memset(&tm, 0, sizeof(tm));
   localtime_r(&t, &tm);
+  if (tm.tm_year < 80) {
+    tm.tm_year = 80;
+    tm.tm_mon = 0;
+    tm.tm_mday = 1;
+    tm.tm_hour = tm.tm_min = tm.tm_sec = 0;
+  } else if (tm.tm_year > 207) {
+    tm.tm_year = 207;
+    tm.tm_mon = 11;
+    tm.tm_mday = 31;
+    tm.tm_hour = 23;
+    tm.tm_min = 59;
+    tm.tm_sec = 58;
+  }
+  return tm;
+}
+
+uint16_t timeToFatDate(time_t t) {
+  struct tm tm = fatCalendar(t);
   return static_cast<uint16_t>(((tm.tm_year - 80) << 9) | (((tm.tm_mon + 1) & 15) << 5) |
                                (tm.tm_mday & 31));
 }
 
 uint16_t timeToFatTime(time_t t) {
-  struct tm tm;
-  localtime_r(&t, &tm);
+  struct tm tm = fatCalendar(t);
   return static_cast<uint16_t>((tm.tm_hour << 11) | ((tm.tm_min & 63) << 5) |
                                ((tm.tm_sec >> 1) & 31));
 }

@@ -1,0 +1,297 @@
+// Name machinery of directory records: name tables, checksums, the 8.3 form, unique short
+// names, long-name record layout and FAT dates.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
+
+using velt::VELT;
+
+namespace {
+
+std::string name83(const char* short_name) {
+  uint8_t out[11];
+  velt::shortNameToName83(short_name, out);
+  return std::string(reinterpret_cast<char*>(out), 11);
+}
+
+std::string shortName(const char* name, const std::set<std::string>& taken = {}) {
+  std::string out;
+  int r = velt::makeShortName(
+      name, [&taken](const std::string& c) { return taken.count(c) > 0; }, &out);
+  return r < 0 ? "<error>" : out;
+}
+
+time_t localTime(int year, int mon, int mday, int hour, int min, int sec) {
+  struct tm tm;
+  memset(&tm, 0, sizeof(tm));
+  tm.tm_year = year - 1900;
+  tm.tm_mon = mon - 1;
+  tm.tm_mday = mday;
+  tm.tm_hour = hour;
+  tm.tm_min = min;
+  tm.tm_sec = sec;
+  tm.tm_isdst = -1;
+  return mktime(&tm);
+}
+
+// The 13 code units a long-name record holds.
+std::vector<uint16_t> unitsOf(const uint8_t* record) {
+  uint16_t u[13];
+  velt::lfnRecordUnits(record, u);
+  return std::vector<uint16_t>(u, u + 13);
+}
+
+}  // namespace
+
+TEST(DirentNames, NameTables) {
+  struct Row {
+    const char* name;
+    bool long_ok;
+    bool short_ok;
+  } rows[] = {
+      {"", true, true},
+      {"README.TXT", true, false},  // the period is for the long-name table only
+      {"README", true, true},
+      {"a+b", true, true},
+      {"a:b", false, false},
+      {"a*b", false, false},
+      {"a?b", false, false},
+      {"a\"b", false, false},
+      {"a/b", false, false},
+      {"a\\b", false, false},
+      {"a|b", false, false},
+      {"a<b", false, false},
+      {"a>b", false, false},
+      {"a\x1f", false, false},
+      {"a\x7f", true, true},
+      {"a,b", true, false},
+      {"a;b", true, false},
+      {"a=b", true, false},
+      {"a[b]", true, false},
+      {"a b", true, true},
+      {"caf\xc3\xa9", true, true},  // every byte of a UTF-8 sequence passes
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    EXPECT_EQ(velt::isValidFileName(r.name), r.long_ok);
+    EXPECT_EQ(velt::isValidShortName(r.name), r.short_ok);
+  }
+}
+
+TEST(DirentNames, ChecksumsMatchThoseOfMtools) {
+  // Checksums that mtools wrote into the long-name records of these short names.
+  struct Row {
+    const char* name11;
+    uint8_t sum;
+  } rows[] = {
+      {"MYDOCU~1DOC", 0x9B},
+      {"PROFIL~1   ", 0xCE},
+      {"HELLOW~1   ", 0xBE},
+      {"AB~1       ", 0x0F},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name11);
+    EXPECT_EQ(velt::shortNameChecksum(reinterpret_cast<const uint8_t*>(r.name11)), r.sum);
+  }
+}
+
+TEST(DirentNames, ShortNameToName83) {
+  struct Row {
+    const char* short_name;
+    std::string expected;
+  } rows[] = {
+      {"README.TXT", "README  TXT"},
+      {"A", "A          "},
+      {"ABCDEFGHIJ", "ABCDEFGHIJ "},
+      {"ABCDEFGHIJKLM", "ABCDEFGHIJK"},  // reported and cut
+      {"LONGBASE1.TX", "LONGBASETX "},
+      {"A.TEXT", "A       TEX"},  // reported and cut
+      {"A.B.C", "A.B     C  "},
+      {"MYDOCU~1.DOC", "MYDOCU~1DOC"},
+      {"~1.PRO", "~1      PRO"},
+      {".", ".          "},
+      {"..", "..         "},
+      {"\xe5\x80\x80.TXT", "\x05\x80\x80     TXT"},  // 0xE5 would read as deleted
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.short_name);
+    EXPECT_EQ(name83(r.short_name), r.expected);
+  }
+}
+
+TEST(DirentNames, UniqueShortNames) {
+  struct Row {
+    const char* name;
+    std::set<std::string> taken;
+    const char* expected;
+  } rows[] = {
+      {"report.pdf", {}, "REPORT.PDF"},
+      {"REPORT.PDF", {}, "REPORT.PDF"},
+      {"report.pdf", {"REPORT.PDF"}, "REPO~1.PDF"},
+      {"My Document.docx", {}, "MYDOCU~1.DOC"},
+      {"My Document.docx", {"MYDOCU~1.DOC"}, "MYDOCU~2.DOC"},
+      {"My Document.docx",
+       {"MYDOCU~1.DOC", "MYDOCU~2.DOC", "MYDOCU~3.DOC", "MYDOCU~4.DOC", "MYDOCU~5.DOC",
+        "MYDOCU~6.DOC", "MYDOCU~7.DOC", "MYDOCU~8.DOC", "MYDOCU~9.DOC"},
+       "MYDOC~10.DOC"},
+      {".profile", {}, "~1.PRO"},
+      {".profile", {"~1.PRO"}, "~2.PRO"},
+      {".cfg", {}, "~1.CFG"},  // an empty base never stands alone
+      {"a b", {}, "~1"},
+      {"abc d", {}, "AB~1"},
+      {"readme", {}, "README"},
+      {"Makefile", {}, "MAKEFILE"},
+      {"x+y.txt", {}, "X+Y.TXT"},
+      {"a[1].txt", {}, "A_~1.TXT"},
+      {"a.b.c", {}, "A~1.C"},
+      {"archive.tar.gz", {}, "ARCHIV~1.GZ"},
+      {"file.c pp", {}, "FI~1.C P"},  // a blank of the extension is kept
+      {"...dots", {}, "~1.DOT"},
+      {"caf\xc3\xa9.txt", {}, "CAF\xc3\xa9.TXT"},
+      // Three-byte code points: the base keeps what fits into 8 bytes; U+672C has the low
+      // byte 0x2C (a comma) and becomes "_".
+      {"\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e\xe3\x83\x86.txt", {}, "\xe6\x97\xa5_~1.TXT"},
+      {"bad\xff.txt", {}, "<error>"},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    std::string s = shortName(r.name, r.taken);
+    EXPECT_EQ(s, r.expected);
+    if (s != "<error>") {
+      // Whatever the name, its short form fits the 11 bytes of the record.
+      std::string base = s.substr(0, s.find('.'));
+      EXPECT_LE(base.size(), 8u);
+      if (s.find('.') != std::string::npos) EXPECT_LE(s.size() - s.find('.') - 1, 3u);
+    }
+  }
+}
+
+TEST(DirentNames, UniqueShortNamesAgainstChildren) {
+  auto dir = std::make_shared<VELT::DirEntry>(nullptr);
+  dir->is_dir_ = true;
+  for (const char* sn : {"MYDOCU~1.DOC", "MYDOCU~2.DOC"}) {
+    auto c = std::make_shared<VELT::DirEntry>(nullptr);
+    c->short_name_ = sn;
+    ASSERT_EQ(dir->addChild(c), 0);
+  }
+  std::string out;
+  ASSERT_EQ(dir->createUniqueShortName("My Document.docx", &out), 0);
+  EXPECT_EQ(out, "MYDOCU~3.DOC");
+  ASSERT_EQ(dir->createUniqueShortName("notes.txt", &out), 0);
+  EXPECT_EQ(out, "NOTES.TXT");
+  EXPECT_EQ(dir->createUniqueShortName("\xc3(", &out), -1);
+
+  // A name held by a creation that has not yet added its entry counts as taken.
+  velt::ShortNameReservation hold;
+  ASSERT_EQ(hold.reserve(dir.get(), "My Document.docx", nullptr, &out), 0);
+  EXPECT_EQ(out, "MYDOCU~3.DOC");
+  velt::ShortNameReservation second;
+  ASSERT_EQ(second.reserve(dir.get(), "My Document.docx", nullptr, &out), 0);
+  EXPECT_EQ(out, "MYDOCU~4.DOC");
+  hold.release();
+  velt::ShortNameReservation third;
+  ASSERT_EQ(third.reserve(dir.get(), "My Document.docx", nullptr, &out), 0);
+  EXPECT_EQ(out, "MYDOCU~3.DOC");
+}
+
+TEST(DirentNames, LongNameRecordLayout) {
+  const uint8_t* name11 = reinterpret_cast<const uint8_t*>("MYDOCU~1DOC");
+  const uint8_t sum = velt::shortNameChecksum(name11);
+  struct Row {
+    std::string name;
+    int records;
+    std::vector<uint16_t> last_units;  // the record farthest from the short-name record
+  } rows[] = {
+      // 13 characters fill one record exactly: no terminator.
+      {"abcdefghijklm", 1, {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm'}},
+      {"abcdefghijklmn",
+       2,
+       {'n', 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
+        0xFFFF}},
+      {"abcdefghijklmnopqrstuvwxy",
+       2,
+       {'n', 'o', 'p', 'q', 'r', 's', 't', 'u', 'v', 'w', 'x', 'y', 0}},
+      {"a.b",
+       1,
+       {'a', '.', 'b', 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF}},
+      // U+00FC, U+00DF and a code point outside the BMP (a surrogate pair).
+      {"G\xc3\xbc\xc3\x9f\x65 \xf0\x9f\x98\x80",
+       1,
+       {'G', 0xFC, 0xDF, 'e', ' ', 0xD83D, 0xDE00, 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF}},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    std::vector<uint16_t> units;
+    ASSERT_EQ(velt::longNameRecordCount(r.name.c_str(), &units), r.records);
+    for (int seq = 1; seq <= r.records; ++seq) {
+      uint8_t rec[32];
+      memset(rec, 0xAA, sizeof(rec));
+      const bool last = seq == r.records;
+      velt::buildLfnRecord(units, seq, last, sum, rec);
+      EXPECT_EQ(rec[0], seq | (last ? 0x40 : 0));
+      EXPECT_EQ(rec[11], 0x0F);
+      EXPECT_EQ(rec[12], 0);
+      EXPECT_EQ(rec[13], sum);
+      EXPECT_EQ(velt::le16(rec + 26), 0);
+      if (last) EXPECT_EQ(unitsOf(rec), r.last_units);
+    }
+  }
+  // The first record of a two-record name holds units 1 to 13.
+  std::vector<uint16_t> units;
+  velt::longNameRecordCount("abcdefghijklmnopqrstuvwxy", &units);
+  uint8_t rec[32];
+  velt::buildLfnRecord(units, 1, false, sum, rec);
+  EXPECT_EQ(rec[0], 0x01);
+  EXPECT_EQ(unitsOf(rec), std::vector<uint16_t>(
+                              {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm'}));
+  // The characters sit at bytes 1-10, 14-25 and 28-31.
+  EXPECT_EQ(velt::le16(rec + 1), 'a');
+  EXPECT_EQ(velt::le16(rec + 9), 'e');
+  EXPECT_EQ(velt::le16(rec + 14), 'f');
+  EXPECT_EQ(velt::le16(rec + 24), 'k');
+  EXPECT_EQ(velt::le16(rec + 28), 'l');
+  EXPECT_EQ(velt::le16(rec + 30), 'm');
+
+  // 260 units fit the 20 records an entry holds; malformed UTF-8 is refused.
+  EXPECT_EQ(velt::longNameRecordCount(std::string(260, 'x').c_str(), &units), 20);
+  EXPECT_EQ(velt::longNameRecordCount(std::string(261, 'x').c_str(), &units), 21);
+  EXPECT_EQ(velt::longNameRecordCount("a\xc3", &units), -EINVAL);
+}
+
+TEST(DirentNames, FatDatesAndTimes) {
+  struct Row {
+    const char* what;
+    time_t t;
+    uint16_t date;
+    uint16_t time;
+  } rows[] = {
+      {"2000-01-01 12:34:56", localTime(2000, 1, 1, 12, 34, 56), 0x2821, 0x645C},
+      {"first moment", localTime(1980, 1, 1, 0, 0, 0), 0x0021, 0x0000},
+      {"last moment", localTime(2107, 12, 31, 23, 59, 58), 0xFF9F, 0xBF7D},
+      {"odd second", localTime(2107, 12, 31, 23, 59, 59), 0xFF9F, 0xBF7D},
+      {"leap day", localTime(2024, 2, 29, 6, 7, 8), (44 << 9) | (2 << 5) | 29,
+       (6 << 11) | (7 << 5) | 4},
+      {"before 1980", localTime(1979, 12, 31, 23, 59, 58), 0x0021, 0x0000},
+      {"after 2107", localTime(2108, 1, 1, 0, 0, 0), 0xFF9F, 0xBF7D},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.what);
+    EXPECT_EQ(velt::timeToFatDate(r.t), r.date);
+    EXPECT_EQ(velt::timeToFatTime(r.t), r.time);
+  }
+  // Back to calendar time: exact for even seconds inside the range.
+  for (time_t t : {localTime(1980, 1, 1, 0, 0, 0), localTime(2000, 1, 1, 12, 34, 56),
+                   localTime(2024, 2, 29, 23, 59, 58), localTime(2107, 12, 31, 23, 59, 58)}) {
+    EXPECT_EQ(velt::fatToTime(velt::timeToFatDate(t), velt::timeToFatTime(t)), t);
+  }
+  // The defaults of a new entry: 12 October 2101, 00:30:00.
+  VELT::DirEntry e(nullptr);
+  EXPECT_EQ(e.created_, localTime(2101, 10, 12, 0, 30, 0));
+  EXPECT_EQ(e.accessed_, localTime(2101, 10, 12, 0, 0, 0));
+}
