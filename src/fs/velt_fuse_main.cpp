@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -168,7 +169,9 @@ int main(int argc, char* argv[]) {
     struct fuse_loop_config config;
     memset(&config, 0, sizeof(config));
     config.clone_fd = opts.clone_fd;
-    config.max_idle_threads = opts.max_idle_threads;
+    // "Unset" (UINT_MAX) trips a bogus warning in the library's conversion of this older
+    // loop record; 10 is what "unset" meant for it.
+    config.max_idle_threads = opts.max_idle_threads == UINT_MAX ? 10 : opts.max_idle_threads;
     status = fuse_loop_mt(fuse, &config) != 0 ? 1 : 0;
   }
 
