@@ -220,7 +220,7 @@ int cmdRead(int argc, char** argv) {
     }
     offset += static_cast<int64_t>(data.size());
   }
-  client.closeAndWait(fd, 0, timeout_ms);
+  client.close(fd);
   return result;
 }
 
@@ -275,8 +275,8 @@ int cmdSplice(int argc, char** argv) {
   int r = client.sync(in, timeout_ms);
   if (r < 0 && result == 0) result = fail("splice", r);
   int64_t out_size = client.getSize(out, false, timeout_ms);
-  client.closeAndWait(in, 0, timeout_ms);
-  client.closeAndWait(out, 0, timeout_ms);
+  client.close(in);
+  client.close(out);
   if (result == 0)
     printf("%" PRId64 " bytes spliced, %s is %" PRId64 " bytes\n", done, argv[optind + 1],
            out_size);
@@ -294,7 +294,7 @@ int cmdSize(int argc, char** argv) {
   if (fd < 0) return fail(argv[1], fd);
   int64_t size = client.getSize(fd, false, timeout_ms);
   int64_t real = client.getSize(fd, true, timeout_ms);
-  client.closeAndWait(fd, 0, timeout_ms);
+  client.close(fd);
   if (size < 0) return fail("size", static_cast<int>(size));
   if (real < 0) return fail("size", static_cast<int>(real));
   printf("size %" PRId64 "\nreal size %" PRId64 "\n", size, real);

@@ -296,12 +296,15 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // and dropped.
   std::unique_ptr<uint8_t[]> drain_buffer_;
   std::thread pipe_writer_thread_;
-  std::mutex response_mutex_;  // responses_, responder_reset_; always taken last
+  std::mutex response_mutex_;  // responses_, responder_reset_, responder_retry_; taken last
   std::condition_variable response_cv_;
   std::list<VELTWorkItem*> responses_;
   // Set by the receiver when its client went away: the replier drops the connection, and with
   // it stale replies, before the next client is served.
   bool responder_reset_ = false;
+  // Set by the receiver when requests arrive while the replier waits for a reader: the client
+  // has its reading end open by now, so the replier tries again at once.
+  bool responder_retry_ = false;
   std::thread direct_worker_thread_;
   std::mutex request_mutex_;  // the three request queues, last_normal_fetch_, direct_busy_
   std::condition_variable request_cv_;  // wakes the worker

@@ -849,6 +849,11 @@ void VELT::pipe_reader() {
         __queueRequest(item);
       }
       request_cv_.notify_one();
+      if (!responder_open_) {
+        std::lock_guard<std::mutex> lock(response_mutex_);
+        responder_retry_ = true;
+        response_cv_.notify_all();
+      }
     }
     ::close(fd);
     receiver_open_ = false;
@@ -896,8 +901,10 @@ void VELT::pipe_writer() {
       }
       if (direct_stop_) return;
       std::unique_lock<std::mutex> lock(response_mutex_);
-      response_cv_.wait_for(lock, std::chrono::seconds(1),
-                            [this] { return direct_stop_ || responder_reset_; });
+      response_cv_.wait_for(lock, std::chrono::seconds(1), [this] {
+        return direct_stop_ || responder_reset_ || responder_retry_;
+      });
+      responder_retry_ = false;
       if (direct_stop_) return;
     }
     responder_open_ = true;

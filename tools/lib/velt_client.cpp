@@ -20,6 +20,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr int kNoFile = -1;  // file numbers start at 3
+
 // Milliseconds left until `deadline`; -1 for none.
 int remainingMs(bool forever, Clock::time_point deadline) {
   if (forever) return -1;
@@ -346,9 +348,10 @@ int DirectClient::closeAndWait(int fd, uint32_t flags, int timeout_ms) {
   h.param = flags;
   int r = send(h, nullptr, 0);
   if (r < 0) return r;
-  // The file number is unknown once the close is done: a size query after it answers -EBADF,
-  // and a failed close answers before that.
-  int64_t after = getSize(fd, false, timeout_ms);
+  // A close drops the file's requests queued behind it, so the barrier is a size query of a
+  // number that is never a file: its -EBADF answer comes after the close is done, and a failed
+  // close answers before it.
+  int64_t after = getSize(kNoFile, false, timeout_ms);
   if (after != -EBADF && after < 0) return static_cast<int>(after);
   for (auto it = kept_.begin(); it != kept_.end(); ++it) {
     if (it->header.op == kDirectOpError && it->header.fd == fd && it->header.offset == h.offset) {
