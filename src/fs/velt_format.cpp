@@ -199,8 +199,10 @@ int VELT::format(const FormatInfo& info, uint32_t mode, const char* label) {
         "device.\n");
     return -1;
   };
-  const char* new_label = volume_label_.empty() ? nullptr : volume_label_.c_str();
-  if (pbr_->markVELT(new_label) < 0) {
+  // Without a label the boot record says "NO NAME", as FAT tools expect of an unlabelled
+  // volume (blanks read as an invalid label); the root then gets no label record.
+  const char* boot_label = volume_label_.empty() ? "NO NAME" : volume_label_.c_str();
+  if (pbr_->markVELT(boot_label) < 0) {
     LOGE("PBR to VELT failed\n");
     return fail();
   }
