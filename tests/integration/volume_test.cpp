@@ -1,6 +1,10 @@
 // Cards filled by mtools, loaded through VELT::create: the tree, the names, the sizes and the
 // contents the library reads must be what the tools put there.
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -290,4 +294,47 @@ TEST(VolumeTree, VersionOfTheMarkDecidesWhetherTheCardLoads) {
     EXPECT_EQ(v->getSignature(sig, sizeof(sig)), 12);
     EXPECT_STREQ(sig, "sig-of-card!");
   }
+}
+
+TEST(VolumeMount, ExclusiveLoadTakesAnExistingMountAway) {
+  // In a private mount namespace of a child process, so that nothing outside sees the mount:
+  // a tmpfs listed under the card's device path stands for a mount of the partition.
+  CardImage card(CardSpec{64, 1, 1, "", true});
+  ASSERT_TRUE(card.ok()) << card.error();
+  std::string where = card.dir() + "/mnt";
+  ASSERT_EQ(mkdir(where.c_str(), 0700), 0);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    if (unshare(CLONE_NEWNS) != 0) _exit(90);
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(91);
+    auto listed = [&] {
+      velt::VELT probe(card.devicePath(), 1, velt::kVELTOpMount, 0);
+      return probe.findMountedPoint() == 1 && probe.mount_point_ == where;
+    };
+    for (int round = 0; round < 2; ++round) {
+      if (mount(card.devicePath().c_str(), where.c_str(), "tmpfs", 0, nullptr) != 0) _exit(92);
+      if (!listed()) _exit(93);
+      if (round == 0) {
+        velt::VELT v(card.devicePath(), 1, velt::kVELTOpMount, 0);
+        if (v.umount() != 0) _exit(94);
+      } else {
+        CardImage::RootScope scope(card);
+        int error = -100;
+        auto v = velt::VELT::create(card.devicePath(), 0, velt::kVELTOpExclusive, 0, &error);
+        if (v != nullptr || error != velt::kVELTNotVELT) _exit(95);
+      }
+      if (listed()) _exit(96 + round);
+    }
+    velt::VELT v(card.devicePath(), 1, velt::kVELTOpMount, 0);
+    _exit(v.umount() == 0 ? 0 : 98);  // nothing mounted: nothing to do
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 90 || WEXITSTATUS(status) == 91 || WEXITSTATUS(status) == 92) {
+    GTEST_SKIP() << "no private mount namespace here";
+  }
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  rmdir(where.c_str());
 }
