@@ -82,6 +82,9 @@ VELT::VELT(const std::string& device_path, int partition_number, int op_mode, in
       extra_(extra) {}
 
 VELT::~VELT() {
+  // The channel's worker may be finishing a request that walks a path under mutex_: stop it
+  // before taking the mutex (unload's own stop then finds nothing running).
+  stopDirectWriter();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     unload();
