@@ -204,9 +204,12 @@ static ::testing::AssertionResult judge(const ShellResult& fsck,
   }
   CardImage::RootScope scope(card);
   int error = 0;
+  testing::internal::CaptureStdout();  // the load's log and folder table
   std::shared_ptr<VELT> volume = VELT::create(card.devicePath(), 0, kVELTOpMount, 0, &error);
+  std::string log = testing::internal::GetCapturedStdout();
   if (volume == nullptr) {
-    return ::testing::AssertionFailure() << "the card does not load: result " << error;
+    return ::testing::AssertionFailure() << "the card does not load: result " << error << "\n"
+                                         << log;
   }
   ReservedFsckReport expected = expectedReservedReport(*volume, card);
   volume.reset();
