@@ -1,0 +1,188 @@
+// The direct channel's wire format: header and splice records byte by byte, the write
+// parameter, the marker search, and the work item's buffer operations.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "fs/velt.h"
+#include "fs/velt_pipe.h"
+
+using velt::DirectHeader;
+using velt::DirectMarkerSearch;
+using velt::DirectSplice;
+using velt::VELTWorkItem;
+
+TEST(PipeWire, HeaderBytesAreLittleEndianAfterTheMarker) {
+  DirectHeader h;
+  h.length = 0x01020304;
+  h.fd = -2;
+  h.op = velt::kDirectOpSplice;
+  h.offset = 0x1122334455667788ll;
+  h.param = 0xA0B0C0D0;
+  uint8_t bytes[28];
+  velt::encodeDirectHeader(h, bytes);
+  const uint8_t expect[28] = {0xFD, 0xEC, 0xB9, 0xA8, 0x04, 0x03, 0x02, 0x01, 0xFE, 0xFF,
+                              0xFF, 0xFF, 0x0B, 0x00, 0x00, 0x00, 0x88, 0x77, 0x66, 0x55,
+                              0x44, 0x33, 0x22, 0x11, 0xD0, 0xC0, 0xB0, 0xA0};
+  EXPECT_EQ(0, memcmp(bytes, expect, sizeof(expect)));
+  EXPECT_TRUE(velt::hasDirectMarker(bytes));
+
+  // Round trip, including the values a hostile client may send.
+  const DirectHeader rows[] = {
+      {28, 3, velt::kDirectOpOpen, 0, 0},
+      {0xFFFFFFFF, INT32_MIN, 0xFFFFFFFF, INT64_MIN, 0xFFFFFFFF},
+      {0, INT32_MAX, 0, -1, 1},
+  };
+  for (const auto& r : rows) {
+    velt::encodeDirectHeader(r, bytes);
+    DirectHeader back = velt::decodeDirectHeader(bytes);
+    EXPECT_EQ(back.length, r.length);
+    EXPECT_EQ(back.fd, r.fd);
+    EXPECT_EQ(back.op, r.op);
+    EXPECT_EQ(back.offset, r.offset);
+    EXPECT_EQ(back.param, r.param);
+  }
+  bytes[3] = 0xA9;
+  EXPECT_FALSE(velt::hasDirectMarker(bytes));
+}
+
+TEST(PipeWire, WriteParameterAndSplicePayload) {
+  constexpr uint32_t param = velt::directWriteParam(16, velt::kDirectFlagSecure);
+  static_assert(param == 0x00080010);
+  EXPECT_EQ(velt::directWriteNewSizeOffset(param), 16u);
+  EXPECT_EQ(velt::directWriteFlags(param), velt::kDirectFlagSecure);
+  EXPECT_EQ(velt::directWriteFlags(velt::directWriteParam(0xFFFF, 0xFFFF)), 0xFFFFu);
+
+  DirectSplice s;
+  s.out_fd = 9;
+  s.out_offset = -5;
+  s.size = 0x80000001;
+  uint8_t bytes[16];
+  velt::encodeDirectSplice(s, bytes);
+  const uint8_t expect[16] = {9,    0,    0,    0,    0xFB, 0xFF, 0xFF, 0xFF,
+                              0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0x00, 0x00, 0x80};
+  EXPECT_EQ(0, memcmp(bytes, expect, 16));
+  DirectSplice back;
+  ASSERT_TRUE(velt::decodeDirectSplice(bytes, 16, &back));
+  EXPECT_EQ(back.out_fd, 9u);
+  EXPECT_EQ(back.out_offset, -5);
+  EXPECT_EQ(back.size, 0x80000001u);
+  for (size_t wrong : {0, 15, 17, 28}) {
+    uint8_t big[28] = {};
+    EXPECT_FALSE(velt::decodeDirectSplice(big, wrong, &back)) << wrong;
+  }
+  EXPECT_FALSE(velt::decodeDirectSplice(nullptr, 16, &back));
+}
+
+TEST(PipeWire, OperationClassesPickTheQueues) {
+  struct Row {
+    uint32_t op;
+    uint32_t param;
+    bool event;
+    bool control;
+  } rows[] = {
+      {velt::kDirectOpWrite, 0, false, false},
+      {velt::kDirectOpWriteEvent, 0, true, false},
+      {velt::kDirectOpClose, 0, false, false},
+      {velt::kDirectOpClose, 1, true, false},
+      {velt::kDirectOpClose, 4, false, false},
+      {velt::kDirectOpError, 1, false, false},
+      {velt::kDirectOpOpen, 1, false, true},
+      {velt::kDirectOpCreate, 0, false, true},
+      {velt::kDirectOpRead, 1, false, false},
+      {velt::kDirectOpReadEvent, 0, true, false},
+      {velt::kDirectOpGetSize, 0, false, false},
+      {velt::kDirectOpSpliceEvent, 0, true, false},
+      {99, 1, false, false},
+  };
+  for (const auto& r : rows) {
+    EXPECT_EQ(velt::isDirectEventQueueOp(r.op, r.param), r.event) << r.op << "/" << r.param;
+    EXPECT_EQ(velt::isDirectControlOp(r.op), r.control) << r.op;
+  }
+}
+
+TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
+  struct Row {
+    std::vector<uint8_t> bytes;
+    int completes_at;  // index of the byte that completes the marker; -1 none
+  } rows[] = {
+      {{0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 4},
+      {{0xFD, 0xEC, 0xB9, 0xA8}, 3},
+      // The byte that breaks a partial match is not tried as the first marker byte.
+      {{0xFD, 0xFD, 0xEC, 0xB9, 0xA8}, -1},
+      {{0xFD, 0xEC, 0xFD, 0xEC, 0xB9, 0xA8}, -1},
+      {{0xFD, 0xEC, 0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 6},
+      {{0xA8, 0xB9, 0xEC, 0xFD}, -1},
+      {{0xFD, 0xEC, 0xB9, 0x00, 0xA8}, -1},
+  };
+  for (const auto& r : rows) {
+    DirectMarkerSearch search;
+    int at = -1;
+    for (size_t i = 0; i < r.bytes.size(); ++i) {
+      if (search.push(r.bytes[i])) {
+        at = static_cast<int>(i);
+        break;
+      }
+    }
+    EXPECT_EQ(at, r.completes_at) << "row of " << r.bytes.size() << " bytes";
+  }
+  // After a completed marker the search starts over.
+  DirectMarkerSearch search;
+  for (uint8_t b : {0xFD, 0xEC, 0xB9}) EXPECT_FALSE(search.push(b));
+  EXPECT_EQ(search.matched(), 3);
+  EXPECT_TRUE(search.push(0xA8));
+  EXPECT_EQ(search.matched(), 0);
+  EXPECT_FALSE(search.push(0xEC));
+}
+
+TEST(PipeWire, WorkItemMergesWritesOverTheProvisionalTail) {
+  std::vector<uint8_t> a(4096), b(4096), c(100);
+  for (size_t i = 0; i < a.size(); ++i) a[i] = static_cast<uint8_t>(i);
+  for (size_t i = 0; i < b.size(); ++i) b[i] = static_cast<uint8_t>(0x80 + i * 3);
+  for (size_t i = 0; i < c.size(); ++i) c[i] = static_cast<uint8_t>(0xC0 ^ i);
+
+  VELTWorkItem item(5, velt::kDirectOpWrite, 0, 0, 4096);
+  memcpy(item.data_, a.data(), a.size());
+  item.new_size_offset_ = 16;
+  const uint64_t created = item.created_;
+  EXPECT_EQ(item.updated_, created);
+
+  ASSERT_TRUE(item.appendData(b.data(), 4096, 8));
+  EXPECT_EQ(item.size_, 8176u);  // the first write's last 16 bytes are overwritten
+  EXPECT_GE(item.data_length_, item.size_);
+  EXPECT_EQ(item.new_size_offset_, 8u);
+  EXPECT_GE(item.updated_, created);
+  EXPECT_EQ(0, memcmp(item.data_, a.data(), 4080));
+  EXPECT_EQ(0, memcmp(item.data_ + 4080, b.data(), 4096));
+
+  ASSERT_TRUE(item.appendData(c.data(), 100, 0));
+  EXPECT_EQ(item.size_, 8176u - 8 + 100);
+  EXPECT_EQ(0, memcmp(item.data_ + 8168, c.data(), 100));
+  EXPECT_EQ(0, memcmp(item.data_ + 4080, b.data(), 4088)) << "earlier bytes untouched";
+
+  // Any other item simply grows.
+  VELTWorkItem other(5, velt::kDirectOpRead, 0, 0, 10);
+  memset(other.data_, 1, 10);
+  other.new_size_offset_ = 4;
+  ASSERT_TRUE(other.appendData(c.data(), 5, 0));
+  EXPECT_EQ(other.size_, 15u);
+  EXPECT_EQ(0, memcmp(other.data_ + 10, c.data(), 5));
+}
+
+TEST(PipeWire, WorkItemReplyBuffers) {
+  VELTWorkItem empty(3, velt::kDirectOpRead, 100, 512, 0);
+  EXPECT_EQ(empty.data_, nullptr);
+  EXPECT_EQ(empty.size_, 0u);
+  EXPECT_EQ(empty.param_, 512);
+  ASSERT_TRUE(empty.allocData(512));
+  EXPECT_NE(empty.data_, nullptr);
+  EXPECT_EQ(empty.size_, 512u);
+  EXPECT_EQ(empty.data_length_, 512u);
+  memset(empty.data_, 0x5A, 512);  // the whole buffer is usable
+
+  ASSERT_TRUE(empty.allocData(0)) << "a second allocation replaces the first (reported)";
+  EXPECT_EQ(empty.data_, nullptr);
+  EXPECT_EQ(empty.size_, 0u);
+}
