@@ -156,7 +156,7 @@ TEST_F(ReservedTest, FreeFilesAreTakenLowestFirstAndDeletionGivesThemBack) {
   EXPECT_FALSE(table[1].used_);
   EXPECT_EQ(folder_->velt_folder_->used, 2);
   EXPECT_EQ(usedOnCard(), 2);
-  EXPECT_EQ(folder_->findChild("two.avi"), nullptr);
+  EXPECT_TRUE(folder_->findChild("two.avi") == nullptr);
   EXPECT_EQ(fatCopies(), fat_before) << "a deleted reserved file keeps its chain";
   EXPECT_EQ(volume_->pbr_->getClusterCount(start), kFileBytes / volume_->pbr_->cluster_length_);
   EXPECT_TRUE(fsckHolds());
@@ -193,7 +193,7 @@ TEST_F(ReservedTest, RecyclesTheOldestIdleFile) {
   auto e = create("e.avi");
   ASSERT_NE(e, nullptr);
   EXPECT_EQ(slotOf(e), 1);
-  EXPECT_EQ(folder_->findChild("b.avi"), nullptr) << "the previous occupant left the folder";
+  EXPECT_TRUE(folder_->findChild("b.avi") == nullptr) << "the previous occupant left the folder";
   EXPECT_EQ(table[1].taken_time, static_cast<uint32_t>(e->created_));
   EXPECT_EQ(folder_->velt_folder_->used, 4);
   EXPECT_EQ(usedOnCard(), 4);
@@ -204,8 +204,8 @@ TEST_F(ReservedTest, RecyclesTheOldestIdleFile) {
   auto f = create("f.avi");
   ASSERT_NE(f, nullptr);
   EXPECT_EQ(slotOf(f), 3);
-  EXPECT_NE(folder_->findChild("c.avi"), nullptr);
-  EXPECT_EQ(folder_->findChild("d.avi"), nullptr);
+  EXPECT_TRUE(folder_->findChild("c.avi") != nullptr);
+  EXPECT_TRUE(folder_->findChild("d.avi") == nullptr);
 
   // All open: nothing to take.
   std::vector<std::shared_ptr<VELT::File>> open{open3};
