@@ -153,11 +153,14 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
                                         uint8_t* entry_buffer, int* error = nullptr);
   int createUniqueShortName(const char* file_name, std::string* short_name);
   int delChild(const std::shared_ptr<DirEntry>& child);
-  // Slot helpers of creation and moves. claimReservedSlot turns a slot taken by alloc into
-  // `value`; giveBackSlots returns the slots of a failed creation (those already written, or
+  // Slot helpers of creation, deletion and moves. claimReservedSlot turns a slot taken by alloc
+  // into `value`; giveBackSlots returns the slots of a failed creation (those already written, or
   // followed by records in use, are marked deleted); writeLongNameRecords places `entry`'s
   // long-name records from slot `first` on (into `entry_buffer` when given).
   int claimReservedSlot(int entry_index, uint8_t value);
+  // Marks the long-name records of `child` (a child of this directory) deleted on the card and
+  // in the map, so that no orphaned long name is left behind its deleted short-name record.
+  void deleteLongNameRecords(const DirEntry& child);
   void giveBackSlots(int first, int count, int written, uint8_t* entry_buffer);
   int writeLongNameRecords(const std::shared_ptr<DirEntry>& entry,
                            const std::vector<uint16_t>& units, int lfn_count, int first,

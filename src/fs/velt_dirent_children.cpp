@@ -245,6 +245,28 @@ int VELT::DirEntry::claimReservedSlot(int entry_index, uint8_t value) {
   return 0;
 }
 
+void VELT::DirEntry::deleteLongNameRecords(const DirEntry& child) {
+  const int count = std::min<int>(child.lfn_ent_count_, child.lfn_disk_offsets_.size());
+  for (int k = 0; k < count; ++k) {
+    const int64_t off = child.lfn_disk_offsets_[k];
+    if (off <= 0) continue;
+    {
+      std::lock_guard<std::mutex> lock(map_mutex_);
+      int index = __diskOffsetToEntryIndex(off);
+      if (index >= 0 && static_cast<size_t>(index) < entry_map_.size()) {
+        entry_map_[index] = DIR_ENTRY_DELETED;
+      }
+    }
+    uint8_t record[DIR_RECORD_SIZE];
+    if (velt_->read(record, DIR_RECORD_SIZE, off) < DIR_RECORD_SIZE) continue;
+    record[rec::kLfnSeq] = DIR_ENTRY_DELETED;
+    if (velt_->write(record, DIR_RECORD_SIZE, off, true) != DIR_RECORD_SIZE) {
+      int e = errno ? errno : EIO;
+      LOGE("[%s] delete error %d(%s)\n", child.getPath().c_str(), e, strerror(e));
+    }
+  }
+}
+
 void VELT::DirEntry::giveBackSlots(int first, int count, int written, uint8_t* entry_buffer) {
   std::vector<int> marked;
   {
@@ -529,9 +551,10 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
   }
 
   if (velt_folder_ != nullptr && child->isArchive()) {
-    // The clusters stay with the reserved file.
+    // The records and clusters stay with the reserved file.
     delReservedChild(child);
   } else {
+    deleteLongNameRecords(*child);
     velt_->pbr_->freeClusterChains(child->start_cluster_, false);
   }
   removeChild(child, true);

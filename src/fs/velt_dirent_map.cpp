@@ -180,11 +180,15 @@ int VELT::DirEntry::alloc(int request_dir_entry_count, bool reserve_it) {
                      request_dir_entry_count, per_cluster);
     return -1;
   }
+  // Each growth adds one zero-filled cluster of free slots. Concurrent creators may take the
+  // new slots before this one looks again, so a few growths are allowed, each scan going on
+  // from where the previous one stopped.
+  constexpr int kGrowths = 8;
   size_t stop = 0;
-  for (int pass = 0; pass < 2; ++pass) {
+  for (int pass = 0; pass <= kGrowths; ++pass) {
     {
       std::lock_guard<std::mutex> lock(map_mutex_);
-      int first = findFreeRun(entry_map_, pass == 0 ? 0 : stop, request_dir_entry_count, &stop);
+      int first = findFreeRun(entry_map_, stop, request_dir_entry_count, &stop);
       if (first >= 0) {
         if (reserve_it) {
           for (int i = 0; i < request_dir_entry_count; ++i) {
@@ -194,8 +198,7 @@ int VELT::DirEntry::alloc(int request_dir_entry_count, bool reserve_it) {
         return first;
       }
     }
-    // Full: grow by one zero-filled cluster, whose slots are all free.
-    if (pass == 0 && allocClusters(1, true) < 0) break;
+    if (pass == kGrowths || allocClusters(1, true) < 0) break;
   }
   LOGE("alloc(#%d) FAILED\n", request_dir_entry_count);
   return -1;

@@ -97,7 +97,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
       return -ENOSPC;
     }
 
-    // Mark the old short-name record deleted; its long-name records stay as they are.
+    // Mark the old records deleted.
     uint8_t old_name11[11];
     shortNameToName83(child->short_name_.c_str(), old_name11);
     if (changeEntryMapValue(child, child->dir_ent_disk_off_, old_name11[0], DIR_ENTRY_DELETED) <
@@ -119,6 +119,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
       to_parent->giveBackSlots(first, slots, 0, nullptr);
       return -e;
     }
+    deleteLongNameRecords(*child);
     removeChild(child, false);
 
     child->short_name_ = short_name;

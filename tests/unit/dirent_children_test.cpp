@@ -311,9 +311,10 @@ TEST(DirentChildren, DeletionMarksTheRecordAndFreesTheChain) {
   EXPECT_EQ(u8(r, 13), 'D');
   EXPECT_EQ(clusterOf(r), first);
   EXPECT_EQ(c.root->entry_map_[slot], 0xE5);
-  // The long-name record stays, and so does its map byte.
-  EXPECT_EQ(c.slot(*c.root, slot - 1), lfn_before);
-  EXPECT_EQ(c.root->entry_map_[slot - 1], 0x41);
+  // Its long-name record is marked deleted too, the rest of it kept.
+  EXPECT_EQ(u8(c.slot(*c.root, slot - 1), 0), 0xE5);
+  EXPECT_EQ(c.slot(*c.root, slot - 1).substr(1), lfn_before.substr(1));
+  EXPECT_EQ(c.root->entry_map_[slot - 1], 0xE5);
   EXPECT_EQ(c.pbr->fat1_[first], 0u);
   EXPECT_EQ(c.pbr->fat1_[second], 0u);
   EXPECT_EQ(c.pbr->free_cluster_count_, free_before + 2);
@@ -344,6 +345,8 @@ TEST(DirentChildren, MovesWithinAndAcrossDirectories) {
   EXPECT_EQ(u8(old, 0), 0xE5);
   EXPECT_EQ(u8(old, 13), 'A');
   EXPECT_EQ(c.root->entry_map_[old_slot], 0xE5);
+  EXPECT_EQ(c.root->entry_map_[old_slot - 1], 0xE5);  // its long-name record
+  EXPECT_EQ(u8(c.slot(*c.root, old_slot - 1), 0), 0xE5);
   EXPECT_EQ(a->name_, "b.txt");
   EXPECT_EQ(a->short_name_, "B.TXT");
   EXPECT_EQ(a->lfn_ent_count_, 1);

@@ -1,0 +1,449 @@
+// Directory entries on cards made by mkfs.fat: files and directories created, written, renamed,
+// moved and deleted through our code, then judged by mdir, mtype and fsck.fat.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "card_image.h"
+#include "fs/velt.h"
+#include "fs/velt_dirent.h"
+#include "fs/velt_file.h"
+
+using velt::VELT;
+using velt::test::CardImage;
+using velt::test::CardSpec;
+using Entry = std::shared_ptr<VELT::DirEntry>;
+
+namespace {
+
+// 64 MiB card with 512-byte clusters: 16 slots a cluster, so directories grow often and runs
+// of records cross cluster boundaries.
+CardSpec smallClusters() {
+  CardSpec spec;
+  spec.size_mb = 64;
+  spec.sectors_per_cluster = 1;
+  return spec;
+}
+
+// The card opened through VELT_ROOT with a root entry of our own, its slot map read from the
+// card the way the loader reads it.
+struct Volume {
+  explicit Volume(const CardImage& card) {
+    CardImage::RootScope scope(card);
+    int error = 0;
+    v = VELT::create(card.devicePath(), 0, velt::kVELTOpMount, 0, &error);
+    EXPECT_EQ(error, 0);
+    if (v == nullptr) return;
+    root = std::make_shared<VELT::DirEntry>(v.get());
+    root->is_dir_ = true;
+    root->attr_ = velt::kAttrDirectory;
+    root->start_cluster_ = v->pbr_->root_cluster_;
+    EXPECT_EQ(root->loadClusterMap(), 0);
+    std::vector<uint8_t> cluster(v->pbr_->cluster_length_);
+    for (uint32_t c : root->cluster_map_) {
+      EXPECT_EQ(v->read(cluster.data(), static_cast<int>(cluster.size()), v->clusterOffset(c)),
+                static_cast<int>(cluster.size()));
+      for (size_t i = 0; i < cluster.size(); i += 32) root->entry_map_.push_back(cluster[i]);
+    }
+  }
+  ~Volume() { close(); }
+  // FATs, FSInfo and the write buffer reach the card.
+  void close() {
+    if (v == nullptr) return;
+    v->lockFAT();
+    v->unlockFAT();
+    v->flush();
+    root.reset();
+    v.reset();
+  }
+  Entry create(const Entry& dir, const std::string& name, bool is_dir = false) {
+    int err = 0;
+    Entry e = dir->createChild(name.c_str(), false, is_dir, nullptr, &err);
+    EXPECT_NE(e, nullptr) << name << ": " << err;
+    return e;
+  }
+  // Writes `data` as the file's content and records its size and modification time.
+  void fill(const Entry& e, const std::string& data, time_t mtime) {
+    const size_t len = v->pbr_->cluster_length_;
+    for (size_t i = 0; i * len < data.size(); ++i) {
+      int64_t c = e->getCluster(static_cast<uint32_t>(i), true);
+      ASSERT_GE(c, 2);
+      const uint32_t piece = static_cast<uint32_t>(std::min(len, data.size() - i * len));
+      ASSERT_EQ(
+          v->write(data.data() + i * len, piece, v->clusterOffset(static_cast<uint32_t>(c)), true),
+          static_cast<int>(piece));
+    }
+    e->size_ = e->real_size_ = static_cast<int64_t>(data.size());
+    ASSERT_EQ(e->touch(mtime, mtime), 0);
+  }
+  std::shared_ptr<VELT> v;
+  Entry root;
+};
+
+time_t localTime(int year, int mon, int mday, int hour, int min, int sec) {
+  struct tm tm;
+  memset(&tm, 0, sizeof(tm));
+  tm.tm_year = year - 1900;
+  tm.tm_mon = mon - 1;
+  tm.tm_mday = mday;
+  tm.tm_hour = hour;
+  tm.tm_min = min;
+  tm.tm_sec = sec;
+  tm.tm_isdst = -1;
+  return mktime(&tm);
+}
+
+std::string content(const std::string& seed, size_t size) {
+  std::string s;
+  while (s.size() < size) s += seed + " " + std::to_string(s.size()) + "\n";
+  return s.substr(0, size);
+}
+
+// One line of `mdir -/ -a`.
+struct Listed {
+  std::string long_name;   // empty when the entry has none
+  std::string short_name;  // "NAME.EXT" as mdir shows it
+  int64_t size = -1;       // -1 for a directory
+  std::string date, time;
+};
+
+// Directory ("::", "::/a/b") -> its entries in listing order, dot entries left out.
+struct Listing {
+  std::map<std::string, std::vector<Listed>> dirs;
+  // The n-th entry (0-based) listed under that long (or else short) name; null when absent.
+  const Listed* find(const std::string& dir, const std::string& name, int n = 0) const {
+    auto d = dirs.find(dir);
+    if (d == dirs.end()) return nullptr;
+    for (const auto& e : d->second) {
+      if ((e.long_name.empty() ? e.short_name : e.long_name) == name && n-- == 0) return &e;
+    }
+    return nullptr;
+  }
+  size_t count(const std::string& dir) const {
+    auto d = dirs.find(dir);
+    return d == dirs.end() ? 0 : d->second.size();
+  }
+};
+
+Listing listCard(const CardImage& card) {
+  auto r = card.mtools("mdir -/ -a ::/");
+  EXPECT_EQ(r.status, 0) << r.err;
+  Listing out;
+  std::string dir;
+  static const std::regex line(
+      R"(^(\S+)(?: +(\S{1,3}))? +(\d+|<DIR>) +(\d{4}-\d\d-\d\d) +(\d+:\d\d)(?: +(.*))?$)");
+  std::istringstream in(r.out);
+  for (std::string s; std::getline(in, s);) {
+    if (s.rfind("Directory for ", 0) == 0) {
+      dir = s.substr(14);
+      while (!dir.empty() && dir.back() == '/') dir.pop_back();
+      out.dirs[dir];
+      continue;
+    }
+    std::smatch m;
+    if (!std::regex_match(s, m, line)) continue;
+    Listed l;
+    l.short_name = m[2].length() ? m[1].str() + "." + m[2].str() : m[1].str();
+    if (l.short_name == "." || l.short_name == "..") continue;
+    l.long_name = m[6];
+    l.size = m[3] == "<DIR>" ? -1 : std::stoll(m[3]);
+    l.date = m[4];
+    l.time = m[5];
+    out.dirs[dir].push_back(l);
+  }
+  return out;
+}
+
+std::string fatDate(time_t t) {
+  char buf[16];
+  struct tm tm;
+  localtime_r(&t, &tm);
+  strftime(buf, sizeof(buf), "%Y-%m-%d", &tm);
+  return buf;
+}
+
+}  // namespace
+
+TEST(DirentCard, CreatedEntriesAsTheFatToolsSeeThem) {
+  CardImage card(smallClusters());
+  ASSERT_TRUE(card.ok()) << card.error();
+  const time_t mtime = localTime(2019, 7, 4, 13, 45, 30);
+  struct Row {
+    std::string dir;  // "" for the root
+    std::string name;
+    bool is_dir;
+    size_t size;
+    std::string short_name;
+  } rows[] = {
+      {"", "report.pdf", false, 700, "REPORT.PDF"},
+      {"", "My Document.docx", false, 1500, "MYDOCU~1.DOC"},
+      {"", "My Document.docx", false, 10, "MYDOCU~2.DOC"},
+      {"", "README.TXT", false, 33, "README.TXT"},
+      {"", ".profile", false, 12, "~1.PRO"},
+      {"", "a b", false, 3, "~1"},
+      {"", "abcdefghijklm", false, 513, "ABCDEF~1"},
+      {"", "abcdefghijklmn", false, 512, "ABCDEF~2"},
+      {"", std::string(100, 'L') + ".log", false, 2000, "LLLLLL~1.LOG"},
+      // Outside ASCII (mtools shows no code point beyond the BMP, so none is used here).
+      {"",
+       "Gr\xc3\xbc\xc3\x9f\x65 \xce\xa9\xce\xbc\xce\xad\xce\xb3\xce\xb1 "
+       "\xe6\x97\xa5\xe6\x9c\xac.txt",
+       false, 64, ""},
+      {"", "photos", true, 0, "PHOTOS"},
+      {"photos", "2024 holidays", true, 0, "2024HO~1"},
+      {"photos/2024 holidays", "beach at sunset.jpg", false, 4096, "BEACHA~1.JPG"},
+      {"photos/2024 holidays", "x+y.txt", false, 5, "X+Y.TXT"},
+  };
+  {
+    Volume vol(card);
+    ASSERT_NE(vol.v, nullptr);
+    std::map<std::string, Entry> dirs{{"", vol.root}};
+    for (const auto& r : rows) {
+      SCOPED_TRACE(r.name);
+      Entry e = vol.create(dirs[r.dir], r.name, r.is_dir);
+      ASSERT_NE(e, nullptr);
+      if (!r.short_name.empty()) EXPECT_EQ(e->short_name_, r.short_name);
+      if (r.is_dir) {
+        dirs[r.dir.empty() ? r.name : r.dir + "/" + r.name] = e;
+      } else {
+        vol.fill(e, content(r.name, r.size), mtime);
+      }
+    }
+  }
+
+  Listing l = listCard(card);
+  std::map<std::string, int> seen;
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    const std::string dir = r.dir.empty() ? "::" : "::/" + r.dir;
+    const Listed* got = l.find(dir, r.name, seen[dir + "/" + r.name]++);
+    ASSERT_NE(got, nullptr) << "not listed in " << dir << card.mtools("mdir -a " + dir).out;
+    if (!r.short_name.empty()) EXPECT_EQ(got->short_name, r.short_name);
+    EXPECT_EQ(got->size, r.is_dir ? -1 : static_cast<int64_t>(r.size));
+    if (r.is_dir) {
+      EXPECT_EQ(got->date, fatDate(time(nullptr)));
+    } else {
+      EXPECT_EQ(got->date, "2019-07-04");
+      EXPECT_EQ(got->time, "13:45");
+    }
+  }
+  EXPECT_EQ(l.count("::"), 11u);
+  struct Typed {
+    const char* path;
+    std::string expected;
+  } typed[] = {
+      {"::/MYDOCU~1.DOC", content("My Document.docx", 1500)},
+      {"::/MYDOCU~2.DOC", content("My Document.docx", 10)},
+      {"::/photos/2024 holidays/beach at sunset.jpg", content("beach at sunset.jpg", 4096)},
+      {"::/abcdefghijklm", content("abcdefghijklm", 513)},
+  };
+  for (const auto& t : typed) {
+    SCOPED_TRACE(t.path);
+    auto out = card.mtools(std::string("mtype \"") + t.path + "\"");
+    EXPECT_EQ(out.status, 0) << out.err;
+    EXPECT_TRUE(out.out == t.expected);
+  }
+  auto fsck = card.fsck("-n");
+  EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
+}
+
+TEST(DirentCard, RenamesMovesAndDeletions) {
+  CardImage card(smallClusters());
+  ASSERT_TRUE(card.ok()) << card.error();
+  const time_t mtime = localTime(2021, 2, 28, 8, 0, 0);
+  int64_t moved_dir_off = 0;
+  {
+    Volume vol(card);
+    ASSERT_NE(vol.v, nullptr);
+    Entry docs = vol.create(vol.root, "documents", true);
+    Entry music = vol.create(vol.root, "music", true);
+    Entry album = vol.create(music, "best album ever", true);
+    Entry old = vol.create(vol.root, "old name.txt");
+    Entry traveller = vol.create(docs, "travelling file.bin");
+    Entry same = vol.create(vol.root, "same.txt");
+    Entry gone = vol.create(docs, "to be deleted.txt");
+    Entry empty = vol.create(vol.root, "empty dir", true);
+    Entry track = vol.create(album, "track 01.flac");
+    ASSERT_TRUE(docs && music && album && old && traveller && same && gone && empty && track);
+    vol.fill(old, content("old", 900), mtime);
+    vol.fill(traveller, content("traveller", 3000), mtime);
+    vol.fill(same, content("same", 20), mtime);
+    vol.fill(gone, content("gone", 1200), mtime);
+    vol.fill(track, content("track", 777), mtime);
+
+    // Within one directory, across directories, to its own short name, and directories with
+    // their contents in both directions.
+    EXPECT_EQ(vol.root->moveChild(old, vol.root, "a much longer new name for the file.txt"), 0);
+    EXPECT_EQ(docs->moveChild(traveller, album, "arrived.bin"), 0);
+    EXPECT_EQ(vol.root->moveChild(same, vol.root, "SAME2.TXT"), 0);
+    EXPECT_EQ(same->lfn_ent_count_, 0);
+    EXPECT_EQ(music->moveChild(album, vol.root, "album at the top"), 0);
+    EXPECT_EQ(vol.root->moveChild(empty, docs, "empty dir moved"), 0);
+    moved_dir_off = vol.v->clusterOffset(album->start_cluster_);
+
+    // Deletions: a file, then the emptied directory.
+    EXPECT_EQ(docs->delChild(gone), 0);
+    EXPECT_EQ(docs->delChild(empty), 0);
+    EXPECT_EQ(vol.root->findChild("music")->getChildCount(), 0);
+    EXPECT_EQ(vol.root->delChild(music), 0);
+  }
+
+  Listing l = listCard(card);
+  EXPECT_EQ(l.find("::", "old name.txt"), nullptr);
+  EXPECT_EQ(l.find("::", "music"), nullptr);
+  EXPECT_EQ(l.find("::", "same.txt"), nullptr);
+  const Listed* renamed = l.find("::", "a much longer new name for the file.txt");
+  ASSERT_NE(renamed, nullptr);
+  EXPECT_EQ(renamed->size, 900);
+  EXPECT_EQ(renamed->short_name, "AMUCHL~1.TXT");
+  const Listed* same = l.find("::", "SAME2.TXT");
+  ASSERT_NE(same, nullptr);
+  EXPECT_EQ(same->size, 20);
+  EXPECT_TRUE(same->long_name.empty());
+  const Listed* album = l.find("::", "album at the top");
+  ASSERT_NE(album, nullptr);
+  EXPECT_EQ(album->size, -1);
+  const Listed* arrived = l.find("::/album at the top", "arrived.bin");
+  ASSERT_NE(arrived, nullptr);
+  EXPECT_EQ(arrived->size, 3000);
+  // A moved entry takes today's date as its modification.
+  EXPECT_EQ(arrived->date, fatDate(time(nullptr)));
+  EXPECT_NE(l.find("::/album at the top", "track 01.flac"), nullptr);
+  EXPECT_EQ(l.count("::/documents"), 0u);
+  EXPECT_EQ(l.count("::"), 4u);  // documents, the renamed file, SAME2.TXT, the album
+
+  auto t = card.mtools("mtype \"::/album at the top/arrived.bin\"");
+  EXPECT_EQ(t.out, content("traveller", 3000));
+  t = card.mtools("mtype \"::/album at the top/track 01.flac\"");
+  EXPECT_EQ(t.out, content("track", 777));
+
+  // The moved directory's ".." names its new parent: the root (0) here.
+  std::string dotdot = card.readBytes(moved_dir_off + 32, 32);
+  EXPECT_EQ(dotdot.substr(0, 11), "..         ");
+  EXPECT_EQ(dotdot.substr(20, 2) + dotdot.substr(26, 2), std::string(4, '\0'));
+
+  auto fsck = card.fsck("-n");
+  EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
+}
+
+TEST(DirentCard, MovedDirectoryParentLinkPassesFsck) {
+  CardImage card(smallClusters());
+  ASSERT_TRUE(card.ok()) << card.error();
+  {
+    Volume vol(card);
+    ASSERT_NE(vol.v, nullptr);
+    Entry a = vol.create(vol.root, "a", true);
+    Entry b = vol.create(vol.root, "b", true);
+    Entry child = vol.create(a, "child dir", true);
+    Entry f = vol.create(child, "file.txt");
+    ASSERT_TRUE(a && b && child && f);
+    vol.fill(f, "payload", time(nullptr));
+    // Root -> b -> back under a: ".." must follow each time.
+    ASSERT_EQ(a->moveChild(child, b, "child dir"), 0);
+    ASSERT_EQ(b->moveChild(child, vol.root, "top"), 0);
+    ASSERT_EQ(vol.root->moveChild(child, b, "deeper"), 0);
+  }
+  Listing l = listCard(card);
+  EXPECT_NE(l.find("::/b/deeper", "file.txt"), nullptr);
+  EXPECT_EQ(l.count("::/a"), 0u);
+  auto fsck = card.fsck("-n");
+  EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
+}
+
+TEST(DirentCard, DeletionRefusalsLeaveTheCardUnchanged) {
+  CardImage card(smallClusters());
+  ASSERT_TRUE(card.ok()) << card.error();
+  Volume vol(card);
+  ASSERT_NE(vol.v, nullptr);
+  Entry full = vol.create(vol.root, "full", true);
+  Entry inside = vol.create(full, "inside.txt");
+  Entry open = vol.create(vol.root, "open.txt");
+  Entry rec = vol.create(vol.root, "rec", true);
+  ASSERT_TRUE(full && inside && open && rec);
+  vol.fill(inside, "inside", time(nullptr));
+  vol.fill(open, "open", time(nullptr));
+  auto file = std::make_shared<VELT::File>(vol.v.get(), 5, false, false, true, open.get());
+  ASSERT_EQ(open->addFile(file), 0);
+  velt::ReservedFolderDesc desc;
+  rec->velt_folder_ = &desc;
+
+  vol.v->flush();
+  const std::string image = card.readBytes(0, 64 << 20);
+  EXPECT_EQ(vol.root->delChild(full), -ENOTEMPTY);
+  EXPECT_EQ(vol.root->delChild(open), -EBUSY);
+  EXPECT_EQ(vol.root->delChild(rec), -EACCES);
+  vol.v->flush();
+  EXPECT_TRUE(card.readBytes(0, 64 << 20) == image) << "the card changed";
+
+  // Once closed and emptied, both go.
+  rec->velt_folder_ = nullptr;
+  ASSERT_EQ(open->removeFile(file), 0);
+  EXPECT_EQ(vol.root->delChild(open), 0);
+  EXPECT_EQ(full->delChild(inside), 0);
+  EXPECT_EQ(vol.root->delChild(full), 0);
+  vol.close();
+  Listing l = listCard(card);
+  EXPECT_EQ(l.count("::"), 1u);
+  EXPECT_NE(l.find("::", "rec"), nullptr);
+  auto fsck = card.fsck("-n");
+  EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
+}
+
+TEST(DirentCard, ConcurrentCreatorsInOneDirectory) {
+  CardImage card(smallClusters());
+  ASSERT_TRUE(card.ok()) << card.error();
+  constexpr int kThreads = 4, kEach = 40;
+  {
+    Volume vol(card);
+    ASSERT_NE(vol.v, nullptr);
+    Entry dir = vol.create(vol.root, "shared recordings", true);
+    ASSERT_NE(dir, nullptr);
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
+        for (int i = 0; i < kEach; ++i) {
+          std::string name = "camera " + std::to_string(t) + " clip " + std::to_string(i) + ".mp4";
+          Entry e = dir->createChild(name.c_str(), false, false, nullptr);
+          if (e == nullptr) {
+            ++failures;
+            continue;
+          }
+          std::string data = content(name, 100 + i);
+          const uint32_t len = static_cast<uint32_t>(data.size());
+          if (vol.v->write(data.data(), len, vol.v->clusterOffset(e->start_cluster_), true) !=
+              static_cast<int>(len)) {
+            ++failures;
+          }
+          e->size_ = e->real_size_ = len;
+          if (e->update2(true, true) != 0) ++failures;
+        }
+      });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(dir->getChildCount(), kThreads * kEach);
+  }
+  Listing l = listCard(card);
+  EXPECT_EQ(l.count("::/shared recordings"), static_cast<size_t>(kThreads * kEach));
+  std::set<std::string> shorts;
+  for (int t = 0; t < kThreads; ++t) {
+    for (int i = 0; i < kEach; ++i) {
+      std::string name = "camera " + std::to_string(t) + " clip " + std::to_string(i) + ".mp4";
+      const Listed* e = l.find("::/shared recordings", name);
+      ASSERT_NE(e, nullptr) << name;
+      EXPECT_EQ(e->size, 100 + i);
+      EXPECT_TRUE(shorts.insert(e->short_name).second) << e->short_name;
+    }
+  }
+  auto fsck = card.fsck("-n");
+  EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
+}
