@@ -261,8 +261,8 @@ TEST(OpenFile, CloseStampsTheRecordAndTheLastWriterWritesFSInfo) {
   ASSERT_TRUE(fa && fb && fr && fd);
   EXPECT_EQ(c.v.pbr_->fat_locked_count_, 2);
 
-  std::vector<uint8_t> data(5000, 0x77);
-  ASSERT_EQ(fa->write(data.data(), data.size(), 0), 5000);
+  std::vector<uint8_t> data(3 * c.len, 0x77);
+  ASSERT_EQ(fa->write(data.data(), 5000, 0), 5000);
   ASSERT_EQ(fb->write(data.data(), 3 * c.len, 0), static_cast<int>(3 * c.len));
   const int64_t fsinfo_at = c.v.pbr_->sectorOffset(c.v.pbr_->fsinfo_sector_);
   auto fsinfoFree = [&] { return velt::le32(c.f.disk->data() + fsinfo_at + 488); };
