@@ -35,23 +35,22 @@ std::shared_ptr<VELT> VELTFuse::velt_;
 
 namespace {
 
-// Runs a callback body; an exception becomes a log line and an errno answer.
-template <typename Body>
-int guarded(const char* function, Body&& body) {
+// The answer to an exception that reached a callback: a log line and an errno. Called from a
+// catch block, so the exception is still current.
+int exceptionAnswer(const char* function) {
   try {
-    return body();
+    throw;
   } catch (const std::bad_alloc&) {
     nerio::logPrint(nerio::kLogError, kLogTag, function, NERIO_FILE_, __LINE__, "out of memory\n");
     return -ENOMEM;
   } catch (const std::exception& e) {
     nerio::logPrint(nerio::kLogError, kLogTag, function, NERIO_FILE_, __LINE__, "exception: %s\n",
                     e.what());
-    return -EIO;
   } catch (...) {
     nerio::logPrint(nerio::kLogError, kLogTag, function, NERIO_FILE_, __LINE__,
                     "unknown exception\n");
-    return -EIO;
   }
+  return -EIO;
 }
 
 // Path resolution works on its own copy: findEntry cuts components in place.
@@ -99,7 +98,7 @@ void VELTFuse::setVolume(std::shared_ptr<VELT> volume) {
 // ---- Lookups and listing ----
 
 int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info* /*fi*/) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     DirEntryPtr entry = resolve(*velt, path);
@@ -122,19 +121,23 @@ int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info
     st->st_atime = entry->accessed_;
     st->st_mtime = entry->modified_;
     return 0;
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__access(const char* path, int /*mask*/) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     return resolve(*velt, path) ? 0 : -ENOENT;
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__opendir(const char* path, struct fuse_file_info* fi) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     DirEntryPtr entry = resolve(*velt, path);
@@ -144,12 +147,14 @@ int VELTFuse::__opendir(const char* path, struct fuse_file_info* fi) {
     if (!file) return lastError(-ENOMEM);
     fi->fh = file->file_no_;
     return 0;
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler, off_t /*offset*/,
                         struct fuse_file_info* fi, enum fuse_readdir_flags /*flags*/) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
@@ -178,23 +183,27 @@ int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler,
       }
     }
     return 0;
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__releasedir(const char* /*path*/, struct fuse_file_info* fi) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
     NERIO_ASSERT(file != nullptr);
     if (!file) return -EBADF;
     return velt->freeFile(static_cast<uint32_t>(fi->fh));
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
                         struct fuse_file_info* /*fi*/) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -EINVAL;
     DirEntryPtr entry = resolve(*velt, path);
@@ -212,13 +221,15 @@ int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
       }
     }
     return entry->touch(seconds[0], seconds[1]);
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 // ---- File data ----
 
 int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     DirEntryPtr entry = resolve(*velt, path);
@@ -229,12 +240,14 @@ int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
     file->setUsage(true, false);
     fi->fh = file->file_no_;
     return 0;
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
                      struct fuse_file_info* fi) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
@@ -250,23 +263,27 @@ int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
     }
     if (remaining < 1) return 0;
     return file->read(buf, size, offset);
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t offset,
                       struct fuse_file_info* fi) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -EINVAL;
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
     NERIO_ASSERT(file != nullptr);
     if (!file) return -ENOENT;
     return file->write(buf, size, offset);
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__flush(const char* /*path*/, struct fuse_file_info* fi) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -EINVAL;
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
@@ -274,18 +291,22 @@ int VELTFuse::__flush(const char* /*path*/, struct fuse_file_info* fi) {
     if (!file) return -EBADF;
     file->flush();
     return 0;
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__release(const char* /*path*/, struct fuse_file_info* fi) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
     NERIO_ASSERT(file != nullptr);
     if (!file) return -EBADF;
     return file->close();
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__fsync(const char* /*path*/, int /*datasync*/, struct fuse_file_info* /*fi*/) {
@@ -295,7 +316,7 @@ int VELTFuse::__fsync(const char* /*path*/, int /*datasync*/, struct fuse_file_i
 // ---- Namespace changes ----
 
 int VELTFuse::__mkdir(const char* path, mode_t /*mode*/) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     std::string parent_path, leaf;
@@ -307,11 +328,13 @@ int VELTFuse::__mkdir(const char* path, mode_t /*mode*/) {
     if (!parent) return -ENOENT;
     DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), true);
     return entry ? 0 : -ENOMEM;
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info* fi) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     if (DirEntryPtr existing = resolve(*velt, path)) {
@@ -333,11 +356,13 @@ int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info*
     file->setUsage(true, true);
     fi->fh = file->file_no_;
     return 0;
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__unlink(const char* path) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -EINVAL;
     DirEntryPtr entry = resolve(*velt, path);
@@ -345,11 +370,13 @@ int VELTFuse::__unlink(const char* path) {
     if (entry->parent_ == nullptr || entry->is_dir_ || entry->is_volume_) return -EINVAL;
     DirEntryPtr parent = entry->parent_->shared_from_this();
     return parent->delChild(entry);
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__rmdir(const char* path) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     DirEntryPtr entry = resolve(*velt, path);
@@ -357,11 +384,13 @@ int VELTFuse::__rmdir(const char* path) {
     if (entry->parent_ == nullptr || !(entry->is_dir_ || entry->is_volume_)) return -EINVAL;
     DirEntryPtr parent = entry->parent_->shared_from_this();
     return parent->delChild(entry);
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
-  return guarded(__func__, [&]() -> int {
+  try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
     NERIO_ASSERT(from && to);
@@ -440,7 +469,9 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       }
     }
     return from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
-  });
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 // ---- Volume lifetime ----
