@@ -259,7 +259,17 @@ int VELT::File::close() {
   }
   int result = velt_ != nullptr ? velt_->freeFile(handle) : -ENODEV;
   if (update && velt_ != nullptr) {
-    if (written_ && velt_->pbr_ != nullptr) velt_->pbr_->flushFATs();
+    if (written_ && velt_->pbr_ != nullptr) {
+      PBR* pbr = velt_->pbr_;
+      pbr->flushFATs();
+      // A writer without a FAT-lock count (an existing file opened again, a direct file) took
+      // its clusters with the FAT written at once; the free count in FSInfo must follow. While
+      // others hold counts this is deferred to the last release.
+      if (!fat_locked_) {
+        std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
+        pbr->updateFSInfo();
+      }
+    }
     std::lock_guard<std::mutex> lock(entry_->files_mutex_);
     entry_->update2(accessed_ != 0, written_ != 0);
     velt_->flush();

@@ -164,7 +164,6 @@ TEST(OpenFileOnCard, ExistingFilesPatchedAndExtended) {
       {"/across.bin", content(5 * cl, 2), cl - 3, content(2 * cl + 6, 12)},
       {"/tail.bin", content(cl + 1, 3), cl - 1, content(4 * cl + 5, 13)},
       {"/one.bin", "z", 1, content(3 * cl + 5, 14)},
-      {"/empty.bin", "", 0, content(2 * cl + 9, 15)},
       {"/exact.bin", content(2 * cl, 4), 2 * cl, content(1, 16)},
   };
   for (const auto& r : rows) put(card, r.path, r.before);
@@ -227,4 +226,26 @@ TEST(OpenFileOnCard, TwoWritersAtOnceKeepTheFatConsistent) {
   EXPECT_EQ(fsck.status, 0) << fsck.out;
   EXPECT_TRUE(mtype(card, "/writer a.bin") == a);
   EXPECT_TRUE(mtype(card, "/writer b.bin") == b);
+}
+
+TEST(OpenFileOnCard, AnEmptyFileGainsItsFirstCluster) {
+  // The tools store an empty file without a cluster; the record must name the chain it gets.
+  CardImage card(CardSpec{64, 1, 1, "", true});
+  ASSERT_TRUE(card.ok()) << card.error();
+  put(card, "/empty.bin", "");
+  const std::string data = content(2 * 512 + 9, 15);
+  {
+    auto v = load(card);
+    ASSERT_NE(v, nullptr);
+    auto e = v->findEntry("/empty.bin");
+    ASSERT_NE(e, nullptr);
+    EXPECT_EQ(e->start_cluster_, 0u);
+    auto file = v->newFile(false, false, false, e);
+    ASSERT_NE(file, nullptr);
+    ASSERT_EQ(file->write(data.data(), data.size(), 0), static_cast<int>(data.size()));
+    EXPECT_EQ(file->close(), 0);
+  }
+  auto fsck = card.fsck();
+  EXPECT_EQ(fsck.status, 0) << fsck.out;
+  EXPECT_TRUE(mtype(card, "/empty.bin") == data) << "mtype shows other bytes";
 }
