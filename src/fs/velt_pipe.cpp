@@ -817,10 +817,12 @@ void VELT::pipe_reader() {
         param = static_cast<int32_t>(directWriteFlags(h.param));
       }
       VELTWorkItem* item = nullptr;
-      try {
-        item = new VELTWorkItem(h.fd, h.op, h.offset, param, payload);
-      } catch (const std::exception&) {
-        item = nullptr;
+      if (payload <= kDirectPayloadMax) {
+        try {
+          item = new VELTWorkItem(h.fd, h.op, h.offset, param, payload);
+        } catch (const std::exception&) {
+          item = nullptr;
+        }
       }
       if (item == nullptr) {
         LOGE("got exception when creating direct writer buffer %zd bytes\n",

@@ -37,6 +37,9 @@ constexpr uint64_t kDirectGrowUs = 33334;
 constexpr uint32_t kDirectMergeMax = 0xFFFFF;
 // A normal request waiting this long is taken ahead of a stream of event requests.
 constexpr uint64_t kDirectFairnessUs = 333330;
+// Largest payload the receiver buffers; a longer one is read and dropped like one that finds
+// no memory (no client needs more; a stray length must not make the daemon take gigabytes).
+constexpr uint32_t kDirectPayloadMax = 64u << 20;
 // Receiver's wait for data before it looks at the stop flag again.
 constexpr int kDirectSelectUs = 300000;
 
