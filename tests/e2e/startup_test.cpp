@@ -186,6 +186,7 @@ TEST(Startup, VolumeRejectedByInitEndsTheLoopAndUnmounts) {
 
 TEST(Startup, MountsReportsFreeSpaceAndRefusesASecondDaemon) {
   MountedCard mounted;
+  mounted.daemon().keepDefaultName();
   // -d is the device path here, never the library's debug switch.
   ASSERT_TRUE(mounted.start(CardKind::kPlain, {"-d", "/dev/mmcblk0p1", "-c", "1M"}))
       << mounted.error();

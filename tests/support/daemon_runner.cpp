@@ -121,7 +121,9 @@ int runQuietly(const std::vector<std::string>& args) {
 
 }  // namespace
 
-std::string daemonBinary() { return std::string(VELT_BINARY_DIR) + "/velt.fuse"; }
+std::string daemonBinary() {
+  return std::string(VELT_BINARY_DIR) + "/velt.fuse";
+}
 
 bool isMounted(const std::string& mount_point) {
   std::ifstream in("/proc/mounts");
@@ -219,9 +221,8 @@ bool TestCard::create(CardKind kind) {
   std::string cmd = "truncate -s " + std::to_string(kCardBytes) + " " + img +
                     " && echo 'start=2048, type=c' | sfdisk -q " + img;
   if (kind == CardKind::kPlain) {
-    cmd += " && mkfs.fat -F 32 -s " + std::to_string(kPlainClusterBytes / 512) +
-           " --offset 2048 " + img + " " +
-           std::to_string((kCardBytes - kPartitionOffset) / 1024);
+    cmd += " && mkfs.fat -F 32 -s " + std::to_string(kPlainClusterBytes / 512) + " --offset 2048 " +
+           img + " " + std::to_string((kCardBytes - kPartitionOffset) / 1024);
   } else {
     cmd += " && VELT_ROOT=" + shellQuote(veltRoot()) + " " +
            shellQuote(std::string(VELT_BINARY_DIR) + "/mkfs.velt") + " /dev/mmcblk0p1 " +
@@ -238,9 +239,9 @@ bool TestCard::create(CardKind kind) {
 bool TestCard::fsckClean(std::string* report) const {
   // fsck.fat wants the partition alone; a sparse copy is quick and needs no loop device.
   std::string part = dir_.path() + "/partition.img";
-  ShellResult r = runShell("dd if=" + shellQuote(image()) + " of=" + shellQuote(part) +
-                           " bs=1M skip=1 conv=sparse status=none && fsck.fat -n " +
-                           shellQuote(part));
+  ShellResult r =
+      runShell("dd if=" + shellQuote(image()) + " of=" + shellQuote(part) +
+               " bs=1M skip=1 conv=sparse status=none && fsck.fat -n " + shellQuote(part));
   unlink(part.c_str());
   *report = r.out + r.err;
   return r.status == 0;
@@ -258,6 +259,7 @@ bool DaemonRunner::start(const std::string& velt_root, const std::string& mount_
   mount_point_ = mount_point;
   exit_status_ = -1;
   std::vector<std::string> full{"-f"};
+  if (!default_name_) full.insert(full.end(), {"-o", "fsname=velt-test"});
   full.insert(full.end(), args.begin(), args.end());
   full.push_back(mount_point);
   pid_ = spawn(full, velt_root, log_dir_);
@@ -324,8 +326,12 @@ int DaemonRunner::stop(int timeout_ms) {
   return exit_status_;
 }
 
-std::string DaemonRunner::out() const { return readWhole(log_dir_ + "/stdout"); }
+std::string DaemonRunner::out() const {
+  return readWhole(log_dir_ + "/stdout");
+}
 
-std::string DaemonRunner::err() const { return readWhole(log_dir_ + "/stderr"); }
+std::string DaemonRunner::err() const {
+  return readWhole(log_dir_ + "/stderr");
+}
 
 }  // namespace velt::test

@@ -110,6 +110,10 @@ class DaemonRunner {
   // Starts `velt.fuse -f <args...> <mount_point>` with VELT_ROOT = velt_root and waits until
   // the mount is listed and answers a stat, or until the daemon ends or timeout_ms pass.
   // Returns true when the file system is usable.
+  //
+  // The mount is listed under the name "velt-test" instead of the program's name: opening a
+  // card exclusively (formatting, say) unmounts every mount listed as "velt.fuse", and tests
+  // running side by side must not take each other's mounts away.
   bool start(const std::string& velt_root, const std::string& mount_point,
              const std::vector<std::string>& args = {}, int timeout_ms = 30000);
 
@@ -120,6 +124,9 @@ class DaemonRunner {
   // Waits for the daemon to end by itself (after a failed start, say), at most timeout_ms.
   // Returns its exit status, or -1 when it is still running.
   int waitExit(int timeout_ms);
+
+  // The next start keeps the library's default name ("velt.fuse") in the mount table.
+  void keepDefaultName() { default_name_ = true; }
 
   bool running() const { return pid_ > 0; }
   pid_t pid() const { return pid_; }
@@ -134,6 +141,7 @@ class DaemonRunner {
   pid_t pid_ = -1;
   int exit_status_ = -1;
   std::string mount_point_;
+  bool default_name_ = false;
   std::string log_dir_;  // holds the captured stdout and stderr
 };
 
