@@ -179,8 +179,11 @@ int VELT::DirEntry::update2(bool is_accessed, bool is_modified) {
   shortNameToName83(short_name_.c_str(), r + rec::kName);
   stampNow(*this, is_accessed, is_modified);
   putLe16(r + rec::kAccessDate, access_date_);
+  // The first cluster too: a file created empty gets it with its first write.
+  putLe16(r + rec::kClusterHigh, static_cast<uint16_t>(start_cluster_ >> 16));
   putLe16(r + rec::kWriteTime, write_time_);
   putLe16(r + rec::kWriteDate, write_date_);
+  putLe16(r + rec::kClusterLow, static_cast<uint16_t>(start_cluster_ & 0xFFFF));
   putLe32(r + rec::kSize, static_cast<uint32_t>(size_));
   if (velt_->write(r, DIR_RECORD_SIZE, dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
     int err = errno ? errno : EIO;

@@ -459,7 +459,9 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::createChild(const char* file_nam
       int r = writeLongNameRecords(entry, units, lfn_count, first, record, buffer, &written);
       if (r < 0) return undo(r);
     }
-    if (!is_dot) {
+    // A plain file stays without clusters until data arrives (its first write allocates one):
+    // an empty file with a cluster is an error to other FAT tools.
+    if (!is_dot && (is_dir || reserved)) {
       if (entry->start_cluster_ != 0) NERIO_ASSERT_TEXT("entry->start_cluster_ == 0");
       int r = entry->allocClusters(1, is_dir);
       if (r < 0) return undo(r == -ENOSPC ? -ENOSPC : -EIO);

@@ -138,8 +138,24 @@ Listing listCard(const CardImage& card) {
   EXPECT_EQ(r.status, 0) << r.err;
   Listing out;
   std::string dir;
-  static const std::regex line(
-      R"(^(\S+)(?: +(\S{1,3}))? +(\d+|<DIR>) +(\d{4}-\d\d-\d\d) +(\d+:\d\d)(?: +(.*))?$)");
+  // "NAME     EXT      size date  time  long name": the 8.3 columns hold code points.
+  static const std::regex line(R"(^(.+?) +(\d+|<DIR>) +(\d{4}-\d\d-\d\d) +(\d+:\d\d)(?: +(.*))?$)");
+  auto column = [](const std::string& text, size_t from, size_t count) {
+    size_t begin = std::string::npos, end = text.size(), point = 0;
+    for (size_t i = 0; i <= text.size(); ++i) {
+      if (i < text.size() && (static_cast<uint8_t>(text[i]) & 0xC0) == 0x80) continue;
+      if (point == from) begin = i;
+      if (point == from + count) {
+        end = i;
+        break;
+      }
+      ++point;
+    }
+    if (begin == std::string::npos || begin >= text.size()) return std::string();
+    std::string c = text.substr(begin, end - begin);
+    while (!c.empty() && c.back() == ' ') c.pop_back();
+    return c;
+  };
   std::istringstream in(r.out);
   for (std::string s; std::getline(in, s);) {
     if (s.rfind("Directory for ", 0) == 0) {
@@ -149,14 +165,15 @@ Listing listCard(const CardImage& card) {
       continue;
     }
     std::smatch m;
-    if (!std::regex_match(s, m, line)) continue;
+    if (!std::regex_match(s, m, line) || s[0] == ' ') continue;
     Listed l;
-    l.short_name = m[2].length() ? m[1].str() + "." + m[2].str() : m[1].str();
+    const std::string base = column(m[1], 0, 8), ext = column(m[1], 9, 3);
+    l.short_name = ext.empty() ? base : base + "." + ext;
     if (l.short_name == "." || l.short_name == "..") continue;
-    l.long_name = m[6];
-    l.size = m[3] == "<DIR>" ? -1 : std::stoll(m[3]);
-    l.date = m[4];
-    l.time = m[5];
+    l.long_name = m[5];
+    l.size = m[2] == "<DIR>" ? -1 : std::stoll(m[2]);
+    l.date = m[3];
+    l.time = m[4];
     out.dirs[dir].push_back(l);
   }
   return out;
@@ -419,8 +436,10 @@ TEST(DirentCard, ConcurrentCreatorsInOneDirectory) {
           }
           std::string data = content(name, 100 + i);
           const uint32_t len = static_cast<uint32_t>(data.size());
-          if (vol.v->write(data.data(), len, vol.v->clusterOffset(e->start_cluster_), true) !=
-              static_cast<int>(len)) {
+          const int64_t cluster = e->getCluster(0, true);
+          if (cluster < 2 ||
+              vol.v->write(data.data(), len, vol.v->clusterOffset(static_cast<uint32_t>(cluster)),
+                           true) != static_cast<int>(len)) {
             ++failures;
           }
           e->size_ = e->real_size_ = len;
@@ -444,6 +463,36 @@ TEST(DirentCard, ConcurrentCreatorsInOneDirectory) {
       EXPECT_TRUE(shorts.insert(e->short_name).second) << e->short_name;
     }
   }
+  auto fsck = card.fsck("-n");
+  EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
+}
+
+TEST(DirentCard, EmptyFilesAndOddNamesPassFsck) {
+  CardImage card(smallClusters());
+  ASSERT_TRUE(card.ok()) << card.error();
+  {
+    Volume vol(card);
+    ASSERT_NE(vol.v, nullptr);
+    for (const char* name : {"empty.txt", "x+y;z.txt", "EMPTY2", "semi;colon", "sp ace.t x t"}) {
+      Entry e = vol.create(vol.root, name);
+      ASSERT_NE(e, nullptr);
+      EXPECT_EQ(e->start_cluster_, 0u);
+    }
+    // A file written and then closed names its first cluster in its record.
+    Entry later = vol.create(vol.root, "written later.bin");
+    ASSERT_NE(later, nullptr);
+    const int64_t c = later->getCluster(0, true);
+    ASSERT_GE(c, 3);
+    ASSERT_EQ(vol.v->write("abc", 3, vol.v->clusterOffset(static_cast<uint32_t>(c)), true), 3);
+    later->size_ = later->real_size_ = 3;
+    ASSERT_EQ(later->update2(true, true), 0);
+  }
+  Listing l = listCard(card);
+  EXPECT_EQ(l.count("::"), 6u) << card.mtools("mdir -a ::/").out;
+  const Listed* e = l.find("::", "empty.txt");
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->size, 0);
+  EXPECT_EQ(card.mtools("mtype \"::/written later.bin\"").out, "abc");
   auto fsck = card.fsck("-n");
   EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
 }
