@@ -49,7 +49,7 @@ Loaded load(const CardImage& card, int mode = velt::kVELTOpMount) {
 CardSpec spec() {
   CardSpec s;
   s.size_mb = 64;
-  s.sectors_per_cluster = 8;
+  s.sectors_per_cluster = 1;  // enough clusters for mtools to take it for FAT32
   return s;
 }
 
@@ -359,4 +359,38 @@ TEST_F(ReservedLoad, FatalDamageDropsTheFolderAndMakesItAnew) {
     again.volume.reset();
     EXPECT_TRUE(velt::test::fsckShowsOnlyReservedFiles(*card));
   }
+}
+
+TEST_F(ReservedLoad, MissingFolderIsMadeAgainExceptInExclusiveMode) {
+  auto card = copy();
+  FatImage img(*card);
+  Folder old = folderOf(img);
+  // Another FAT tool removes the folder: it sees the two published files and nothing else, so
+  // the free reserved files' chains stay behind, reached by nothing.
+  auto r = card->mtools("mdeltree ::/REC");
+  ASSERT_EQ(r.status, 0) << r.err;
+  const uint32_t lost = (velt::test::getLe(img.record(old.sfn(files_ - 1)), 20, 2) << 16) |
+                        velt::test::getLe(img.record(old.sfn(files_ - 1)), 26, 2);
+  ASSERT_NE(img.fat(lost), 0u);
+
+  std::string before = readImage(*card);
+  Loaded x = load(*card, velt::kVELTOpExclusive);
+  EXPECT_EQ(x.error, velt::kVELTNeedFormat) << x.log;
+  EXPECT_NE(x.log.find("VELT reserved folder \"/REC\" not found\n"), std::string::npos) << x.log;
+  EXPECT_EQ(x.log.find("try to create it now"), std::string::npos) << x.log;
+  EXPECT_TRUE(readImage(*card) == before) << "exclusive mode wrote to the card";
+
+  Loaded l = load(*card);
+  ASSERT_EQ(l.error, 0) << l.log;
+  EXPECT_NE(l.log.find("VELT reserved folder \"/REC\" not found\n"), std::string::npos);
+  EXPECT_NE(l.log.find("VELT reserved folder \"/REC\" not found, try to create it now..."),
+            std::string::npos);
+  EXPECT_NE(l.log.find("       REC   10%     1 MB #" + std::to_string(files_)), std::string::npos)
+      << l.log;
+  auto folder = l.volume->findEntry("/REC");
+  ASSERT_NE(folder, nullptr);
+  EXPECT_EQ(folder->velt_reserved_files_.size(), static_cast<size_t>(files_));
+  l.volume.reset();
+  EXPECT_EQ(img.descriptorValue(0, kUsed), 0u);
+  EXPECT_TRUE(velt::test::fsckShowsOnlyReservedFiles(*card));
 }

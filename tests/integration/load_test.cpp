@@ -13,6 +13,7 @@
 #include "fat_records.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
+#include "fs/velt_file.h"
 
 using velt::VELT;
 using velt::test::CardImage;
@@ -407,4 +408,100 @@ TEST(LoadTree, LostClustersAreFreedAndFsInfoCountsThem) {
   ASSERT_TRUE(f.count("total_clusters"));
   EXPECT_EQ(img.fsinfoFree(), f["total_clusters"] - f["used_clusters"]);
   EXPECT_EQ(free_in_memory, img.fsinfoFree());
+}
+
+TEST(BuildRoot, DifferingFatCopiesAreMadeEqual) {
+  CardImage card(smallCard());
+  ASSERT_TRUE(card.ok()) << card.error();
+  ASSERT_NO_FATAL_FAILURE(fill(card));
+  FatImage img(card);
+  // The second copy alone claims a cluster (and names another successor for a used one).
+  auto alpha = *img.find(img.rootCluster(), "alpha long name file.txt");
+  std::string v(4, '\0');
+  velt::test::putLe(&v, 0, 0x0FFFFFF8, 4);
+  card.writeBytes(img.fatOffset(1, 1000), v);
+  const uint32_t alpha_next = img.fat(alpha.cluster);
+  velt::test::putLe(&v, 0, 1001, 4);
+  card.writeBytes(img.fatOffset(1, alpha.cluster), v);
+
+  Loaded l = load(card);
+  ASSERT_EQ(l.error, 0) << l.log;
+  EXPECT_NE(l.log.find("clear damaged FATs"), std::string::npos) << l.log;
+  l.volume.reset();
+  const int64_t fat_bytes = img.fatOffset(1, 0) - img.fatOffset(0, 0);
+  EXPECT_TRUE(card.readBytes(img.fatOffset(0, 0), fat_bytes) ==
+              card.readBytes(img.fatOffset(1, 0), fat_bytes));
+  EXPECT_EQ(img.fat(1000, 1), 0u);
+  EXPECT_EQ(img.fat(alpha.cluster, 1), alpha_next);
+  EXPECT_EQ(card.fsck("-n").status, 0);
+}
+
+TEST(BuildRoot, FormatModeKeepsTheRootFilesOrNothing) {
+  CardImage pristine(smallCard());
+  ASSERT_TRUE(pristine.ok()) << pristine.error();
+  ASSERT_NO_FATAL_FAILURE(fill(pristine));
+  const std::set<std::string> root_files = {"alpha long name file.txt",
+                                            "bravo has a much longer name here.txt",
+                                            "charlie.txt",
+                                            "README.TXT",
+                                            "foxtrot number one.txt",
+                                            "foxtrot number two.txt",
+                                            "echo file with long name.txt"};
+  struct Row {
+    int extra;        // bit 0: the format keeps the root's files
+    bool keep_files;  // what rebuildRoot is asked for
+  } rows[] = {{1, true}, {1, false}, {0, false}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE("extra " + std::to_string(row.extra) + " keep " + std::to_string(row.keep_files));
+    CardImage card(smallCard());
+    ASSERT_TRUE(card.ok());
+    ASSERT_EQ(runShell("cp --sparse=always " + shellQuote(pristine.image()) + " " +
+                       shellQuote(card.image()))
+                  .status,
+              0);
+    std::string expected_data = card.mtools("mtype ::/README.TXT").out;
+    CardImage::RootScope scope(card);
+    int error = 0;
+    testing::internal::CaptureStdout();
+    auto v = VELT::create(card.devicePath(), 0, velt::kVELTOpFormat, row.extra, &error);
+    std::string log = testing::internal::GetCapturedStdout();
+    ASSERT_NE(v, nullptr) << log;
+    // In format mode the root's folders are never loaded; with extra bit 0 clear nothing is.
+    std::set<std::string> loaded = childNames(v->root_);
+    EXPECT_EQ(loaded, row.extra & 1 ? root_files : std::set<std::string>{});
+    if ((row.extra & 1) == 0) {
+      EXPECT_EQ(v->pbr_->free_cluster_count_, v->pbr_->num_clusters_ - 2);
+    }
+
+    // An open file stops the rebuild.
+    if (row.extra & 1) {
+      auto file = v->newFile(false, false, false, v->findEntry("/README.TXT"));
+      ASSERT_NE(file, nullptr);
+      testing::internal::CaptureStdout();
+      EXPECT_EQ(v->rebuildRoot(row.keep_files), -1);
+      EXPECT_NE(testing::internal::GetCapturedStdout().find("file(s) exist."), std::string::npos);
+      EXPECT_EQ(v->freeFile(file->file_no_), 0);
+    }
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(v->rebuildRoot(row.keep_files), 0);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(childNames(v->root_), row.keep_files ? root_files : std::set<std::string>{});
+    testing::internal::CaptureStdout();
+    v.reset();  // releases the format's FAT lock: FATs and FSInfo are written
+    testing::internal::GetCapturedStdout();
+
+    auto fsck = card.fsck("-n -v");
+    EXPECT_EQ(fsck.status, 0) << fsck.out;
+    auto f = velt::test::parseFsckVerbose(fsck.out);
+    EXPECT_EQ(FatImage(card).fsinfoFree(), f["total_clusters"] - f["used_clusters"]);
+    auto dir = card.mtools("mdir -b ::/");
+    EXPECT_EQ(dir.out.find("delta"), std::string::npos) << dir.out;
+    if (row.keep_files) {
+      EXPECT_EQ(f["files"], static_cast<int64_t>(root_files.size()));
+      EXPECT_EQ(card.mtools("mtype ::/README.TXT").out, expected_data);
+    } else {
+      EXPECT_EQ(f["files"], 0) << fsck.out;
+      EXPECT_EQ(f["used_clusters"], 1) << "only the root's cluster";
+    }
+  }
 }
