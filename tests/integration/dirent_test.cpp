@@ -496,3 +496,53 @@ TEST(DirentCard, EmptyFilesAndOddNamesPassFsck) {
   auto fsck = card.fsck("-n");
   EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
 }
+
+TEST(DirentCard, PackingADirectoryFreesItsSurplusClusters) {
+  CardSpec spec = smallClusters();
+  spec.label = "MYCARD";  // the boot sector's label, which the label record must repeat
+  CardImage card(spec);
+  ASSERT_TRUE(card.ok()) << card.error();
+  std::vector<uint32_t> old_chain;
+  {
+    Volume vol(card);
+    ASSERT_NE(vol.v, nullptr);
+    std::vector<Entry> files;
+    for (int i = 0; i < 40; ++i) {
+      files.push_back(vol.create(vol.root, "file " + std::to_string(i) + ".txt"));
+      ASSERT_NE(files.back(), nullptr);
+    }
+    vol.fill(files[7], "seven", time(nullptr));
+    vol.fill(files[33], "thirty-three", time(nullptr));
+    for (int i = 0; i < 40; ++i) {
+      if (i != 7 && i != 33) ASSERT_EQ(vol.root->delChild(files[i]), 0);
+    }
+    old_chain = vol.root->cluster_map_;
+    uint8_t name7[11], name33[11];
+    velt::shortNameToName83(files[7]->short_name_.c_str(), name7);
+    velt::shortNameToName83(files[33]->short_name_.c_str(), name33);
+    ASSERT_EQ(old_chain.size(), 6u);  // the label and 80 records, 16 a cluster
+
+    // Two files of one long-name record each and a label: 2 x 2 + 1 + 1 records.
+    ASSERT_EQ(vol.root->rebuildDirCluster("MYCARD"), 0);
+    EXPECT_EQ(vol.v->pbr_->getClusterCount(vol.root->start_cluster_), 1);
+    for (size_t i = 1; i < old_chain.size(); ++i) EXPECT_EQ(vol.v->pbr_->fat1_[old_chain[i]], 0u);
+    std::string slots(6 * 32, '\0');
+    ASSERT_EQ(vol.v->read(slots.data(), 6 * 32, vol.v->clusterOffset(old_chain[0])), 6 * 32);
+    EXPECT_EQ(static_cast<uint8_t>(slots[0]), 0x41);
+    EXPECT_EQ(slots.substr(32, 11), std::string(reinterpret_cast<char*>(name7), 11));
+    EXPECT_EQ(static_cast<uint8_t>(slots[64]), 0x41);
+    EXPECT_EQ(slots.substr(96, 11), std::string(reinterpret_cast<char*>(name33), 11));
+    EXPECT_EQ(slots.substr(128, 12), std::string("MYCARD     \x08", 12));
+    EXPECT_EQ(slots.substr(160, 32), std::string(32, '\0'));
+    // The directory was read again: its children sit at their new places.
+    Entry seven = vol.root->findChild("file 7.txt");
+    ASSERT_NE(seven, nullptr);
+    EXPECT_EQ(seven->dir_ent_disk_off_, vol.v->clusterOffset(old_chain[0]) + 32);
+  }
+  Listing l = listCard(card);
+  EXPECT_EQ(l.count("::"), 2u);
+  EXPECT_EQ(card.mtools("mtype \"::/file 33.txt\"").out, "thirty-three");
+  EXPECT_NE(card.mtools("mdir ::/").out.find("Volume in drive : is MYCARD"), std::string::npos);
+  auto fsck = card.fsck("-n");
+  EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
+}
