@@ -86,6 +86,14 @@ int PBR::format() {
   memcpy(fs_type_, "FAT32   ", 8);
   data_sectors_ = total_sectors_ - kReserved - 2 * fat_sectors_;
   num_clusters_ = data_sectors_ / sectors_per_cluster_ + 2;
+  // The size above can leave the FAT an entry or two short of the data area (it does not count
+  // the two reserved entries); other FAT32 tools refuse such a volume, so grow the FAT until
+  // every data cluster has its entry.
+  while (num_clusters_ > 128 * fat_sectors_) {
+    ++fat_sectors_;
+    data_sectors_ = total_sectors_ - kReserved - 2 * fat_sectors_;
+    num_clusters_ = data_sectors_ / sectors_per_cluster_ + 2;
+  }
   data_start_sector_ = kReserved + 2 * fat_sectors_;
 
   memset(boot_sector_, 0, sizeof(boot_sector_));

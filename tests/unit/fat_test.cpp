@@ -109,8 +109,8 @@ TEST(Fat, LockedWritesReachEveryCopyAsMergedRuns) {
     if (r.kind == 'w') ends.push_back(r.start + static_cast<uint32_t>(r.count));
   }
   EXPECT_EQ(ends, (std::vector<uint32_t>{fat1 + 32, fat2 + 32, 2048 + 2, 2048 + 8}));
-  EXPECT_EQ(0, memcmp(x.f.driver->data_.data() + static_cast<size_t>(fat2) * 512,
-                      pbr->fat1_.data(), 32 * 512));
+  EXPECT_EQ(0, memcmp(x.f.driver->data_.data() + static_cast<size_t>(fat2) * 512, pbr->fat1_.data(),
+                      32 * 512));
 }
 
 TEST(Fat, FreeingAndWalkingChains) {
@@ -224,6 +224,17 @@ TEST(Format, GeometryByPartitionSize) {
   EXPECT_EQ(0, memcmp(pbr.volume_label_, "           ", 11));
   EXPECT_TRUE(pbr.is_velt_partition_);
   EXPECT_EQ(pbr.write(), -1) << "refused outside a format operation";
+
+  // Whatever the size, every data cluster has its FAT entry (other tools refuse a volume
+  // whose FAT is shorter than its data area).
+  for (uint32_t sectors : {33554432u, 33552384u + 63, 4192256u, 16777216u, 8000000u}) {
+    setPartition(sectors);
+    ASSERT_EQ(pbr.format(), 0) << sectors;
+    uint32_t clusters = pbr.data_sectors_ / pbr.sectors_per_cluster_;
+    EXPECT_LE(clusters + 2, pbr.bytes_per_sector_ * pbr.fat_sectors_ / 4) << sectors;
+    EXPECT_GE(clusters, 65525u) << sectors;
+    EXPECT_EQ(pbr.num_clusters_, clusters + 2) << sectors;
+  }
 
   // A 1 GiB card gets a partition of 2,095,104 sectors at 2048.
   f.driver->reported_sectors = 2097152;
