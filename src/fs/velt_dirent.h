@@ -193,6 +193,7 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   // back to the reserved file instead of freeing them.
   int delReservedChild(const std::shared_ptr<DirEntry>& child);
 
+  // Laid out by size to keep padding out: the whole tree stays in memory.
   std::string name_;
   std::string short_name_;
   VELT* velt_;  // owning volume, not owned
@@ -207,19 +208,19 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   int64_t size_ = 0;
   int64_t real_size_ = 0;  // valid data; below size_ while a reserved file is filled
   int64_t dir_ent_disk_off_ = 0;  // card offset of the short-name record; 0 for the root
-  int32_t lfn_ent_count_ = 0;
   // Card offsets of the long-name records, by sequence number - 1 (element 0 sits next to the
   // short-name record). Only as long as the entry has long-name records.
   std::vector<int64_t> lfn_disk_offsets_;
-  uint8_t record_[DIR_RECORD_SIZE] = {};
-  int32_t lfs_entry_start_index_ = -1;
   // Long-name records built by a reserved-file takeover, in slot order; rare, so out of line.
   std::unique_ptr<std::array<std::array<uint8_t, DIR_RECORD_SIZE>, kLfnRecordsMax>> lfn_records_;
-  uint16_t create_time_, create_date_, access_date_, write_date_, write_time_;
   time_t created_, accessed_, modified_;
+  uint8_t record_[DIR_RECORD_SIZE] = {};
+  int32_t lfn_ent_count_ = 0;
+  int32_t lfs_entry_start_index_ = -1;
   uint32_t start_cluster_ = 0;
+  uint16_t create_time_, create_date_, access_date_, write_date_, write_time_;
+  bool cluster_map_loaded_ = false;  // guarded by map_mutex_
   std::mutex map_mutex_;  // cluster_map_loaded_, cluster_map_, entry_map_
-  bool cluster_map_loaded_ = false;
   std::vector<uint32_t> cluster_map_;
   std::vector<uint8_t> entry_map_;
   std::mutex children_mutex_;  // children_
