@@ -388,6 +388,15 @@ TEST(DirentChildren, MovesWithinAndAcrossDirectories) {
   ASSERT_EQ(other->moveChild(sub, c.root, "sub again"), 0);
   EXPECT_EQ(clusterOf(c.slot(*sub, 1)), 0u);
 
+  // Onto the name of an existing directory: both stay, with different short names.
+  Entry x = c.create("x.txt");
+  ASSERT_NE(x, nullptr);
+  ASSERT_EQ(c.root->moveChild(x, c.root, "other"), 0);
+  int named = 0;
+  for (const auto& child : c.root->children_) named += child->name_ == "other";
+  EXPECT_EQ(named, 2);
+  EXPECT_NE(x->short_name_, other->short_name_);
+
   // A name too long for 20 records is refused before the card changes.
   const auto card = c.snapshot();
   EXPECT_EQ(c.root->moveChild(sub, c.root, std::string(300, 's').c_str()), -ENAMETOOLONG);

@@ -1,0 +1,184 @@
+// An entry's own short-name record over a fake card: filling an entry from a record, and the
+// three ways of writing it back (touch, update, update2).
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "fake_driver.h"
+#include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
+
+using velt::VELT;
+using velt_test::FakeVolume;
+using Entry = std::shared_ptr<VELT::DirEntry>;
+
+namespace {
+
+struct Card {
+  Card() : f(131072) {
+    EXPECT_TRUE(f.formatInMemory());
+    v = f.volume.get();
+    pbr = v->pbr_;
+    root = std::make_shared<VELT::DirEntry>(v);
+    root->is_dir_ = true;
+    root->name_ = "";
+    root->start_cluster_ = pbr->root_cluster_;
+    pbr->setClusterChainUsed(pbr->root_cluster_);
+    EXPECT_EQ(root->loadClusterMap(), 0);
+    root->entry_map_.assign(pbr->cluster_length_ / 32, 0);
+  }
+  std::string rec(int64_t off) {
+    std::string r(32, '\0');
+    EXPECT_EQ(v->read(r.data(), 32, off), 32);
+    return r;
+  }
+  FakeVolume f;
+  VELT* v;
+  velt::PBR* pbr;
+  Entry root;
+};
+
+// A short-name record: name, attribute, cluster and size; times 2010-05-06 07:08:10.
+std::vector<uint8_t> record(const char* name11, uint8_t attr, uint32_t cluster, uint32_t size) {
+  std::vector<uint8_t> r(32, 0);
+  memcpy(r.data(), name11, 11);
+  r[11] = attr;
+  r[12] = 0x18;  // lower-case flags as another system may leave them
+  r[13] = 77;
+  const uint16_t date = (30 << 9) | (5 << 5) | 6, time = (7 << 11) | (8 << 5) | 5;
+  velt::putLe16(&r[14], time);
+  velt::putLe16(&r[16], date);
+  velt::putLe16(&r[18], date);
+  velt::putLe16(&r[20], static_cast<uint16_t>(cluster >> 16));
+  velt::putLe16(&r[22], time);
+  velt::putLe16(&r[24], date);
+  velt::putLe16(&r[26], static_cast<uint16_t>(cluster & 0xFFFF));
+  velt::putLe32(&r[28], size);
+  return r;
+}
+
+}  // namespace
+
+TEST(DirentRecords, InitFromARecord) {
+  Card c;
+  const int64_t chain = c.pbr->allocCluster(false);  // a one-cluster chain
+  ASSERT_GE(chain, 3);
+  const uint32_t cl = static_cast<uint32_t>(chain);
+  const uint32_t big = c.pbr->num_clusters_ + 5;  // beyond the FAT
+  struct Row {
+    const char* what;
+    uint8_t attr;
+    uint32_t cluster;
+    uint32_t size;
+    int result;
+    bool is_dir, is_volume, read_only;
+  } rows[] = {
+      {"file", 0x20, cl, 100, 0, false, false, false},
+      {"read-only file", 0x21, cl, 100, 0, false, false, true},
+      {"empty file", 0x20, 0, 0, 0, false, false, false},
+      {"directory", 0x10, cl, 0, 0, true, false, false},
+      {"volume label", 0x08, 0, 0, 0, false, true, false},
+      {"directory with a size", 0x10, cl, 5, -1, true, false, false},
+      {"both type bits", 0x18, cl, 0, -1, false, false, false},
+      {"size beyond its chain", 0x20, cl, c.pbr->cluster_length_ + 1, -1, false, false, false},
+      {"cluster beyond the FAT", 0x20, big, 10, -1, false, false, false},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.what);
+    Entry e = std::make_shared<VELT::DirEntry>(c.v);
+    auto raw = record("NAME    TXT", r.attr, r.cluster, r.size);
+    EXPECT_EQ(e->init("name.txt", "NAME.TXT", r.attr, raw.data()), r.result);
+    EXPECT_EQ(e->valid_, r.result == 0);
+    EXPECT_EQ(e->name_, "name.txt");
+    EXPECT_EQ(e->short_name_, "NAME.TXT");
+    EXPECT_EQ(e->is_dir_, r.is_dir);
+    EXPECT_EQ(e->is_volume_, r.is_volume);
+    if (r.result != 0) continue;
+    EXPECT_EQ(e->read_only_, r.read_only);
+    EXPECT_EQ(e->start_cluster_, r.cluster);
+    EXPECT_EQ(e->size_, r.size);
+    EXPECT_EQ(e->real_size_, r.size);
+    EXPECT_EQ(e->write_date_, (30 << 9) | (5 << 5) | 6);
+    EXPECT_EQ(e->modified_, velt::fatToTime(e->write_date_, e->write_time_));
+    EXPECT_EQ(0, memcmp(e->record_, raw.data(), 32));
+  }
+  // The high half of the cluster number counts.
+  Entry e = std::make_shared<VELT::DirEntry>(c.v);
+  auto raw = record("NAME    TXT", 0x20, 0x00010000, 0);
+  e->init("n", "N", 0x20, raw.data());
+  EXPECT_EQ(e->start_cluster_, 0x00010000u);
+}
+
+TEST(DirentRecords, TouchUpdateAndUpdate2) {
+  Card c;
+  int err = 0;
+  Entry e = c.root->createChild("clip.mp4", false, false, nullptr, &err);
+  ASSERT_NE(e, nullptr) << err;
+  const int64_t off = e->dir_ent_disk_off_;
+  // Another system's bytes 12 and 13 on the card.
+  std::string card = c.rec(off);
+  card[12] = 0x08;
+  card[13] = 42;
+  ASSERT_EQ(c.v->write(card.data(), 32, off, true), 32);
+
+  struct tm tm = {};
+  tm.tm_year = 118;
+  tm.tm_mon = 2;
+  tm.tm_mday = 4;
+  tm.tm_hour = 5;
+  tm.tm_min = 6;
+  tm.tm_sec = 8;
+  tm.tm_isdst = -1;
+  const time_t mtime = mktime(&tm);
+  ASSERT_EQ(e->touch(mtime - 86400, mtime), 0);
+  std::string r = c.rec(off);
+  const auto* p = reinterpret_cast<const uint8_t*>(r.data());
+  EXPECT_EQ(r.substr(0, 11), "CLIP    MP4");
+  EXPECT_EQ(p[12], 0x08);
+  EXPECT_EQ(p[13], 42);
+  EXPECT_EQ(velt::le16(p + 24), velt::timeToFatDate(mtime));
+  EXPECT_EQ(velt::le16(p + 22), velt::timeToFatTime(mtime));
+  EXPECT_EQ(velt::le16(p + 18), velt::timeToFatDate(mtime - 86400));
+  EXPECT_EQ(e->modified_, mtime);
+  EXPECT_EQ(0, memcmp(e->record_, r.data(), 32));
+  EXPECT_EQ(c.root->touch(mtime, mtime), -EINVAL);
+
+  // update into a caller's record: no card change, bytes 12 and 13 left alone.
+  const std::string before = c.rec(off);
+  uint8_t out[32];
+  memset(out, 0xAB, sizeof(out));
+  e->size_ = 4096;
+  ASSERT_EQ(e->update(true, true, out), 0);
+  EXPECT_EQ(c.rec(off), before);
+  EXPECT_EQ(out[12], 0xAB);
+  EXPECT_EQ(out[13], 0xAB);
+  EXPECT_EQ(velt::le32(out + 28), 4096u);
+  EXPECT_EQ(velt::le16(out + 24), velt::timeToFatDate(time(nullptr)));
+
+  // update2 of a taken-over reserved file not yet secured: nothing is written.
+  e->is_reserved_ = true;
+  e->size_ = 777;
+  ASSERT_EQ(e->update2(true, true), 0);
+  EXPECT_EQ(c.rec(off), before);
+  // Secured (or an ordinary file): the record is written from memory, the card not read.
+  std::string changed = c.rec(off);
+  changed[13] = 99;
+  ASSERT_EQ(c.v->write(changed.data(), 32, off, true), 32);
+  e->is_secured_ = true;
+  ASSERT_EQ(e->update2(false, true), 0);
+  r = c.rec(off);
+  p = reinterpret_cast<const uint8_t*>(r.data());
+  EXPECT_EQ(velt::le32(p + 28), 777u);
+  EXPECT_EQ(p[13], 42);  // from the record last read or built, not from the card
+  EXPECT_EQ(velt::le16(p + 24), velt::timeToFatDate(time(nullptr)));
+
+  // The path names every ancestor.
+  Entry d = c.root->createChild("dir", false, true, nullptr);
+  ASSERT_NE(d, nullptr);
+  Entry f = d->createChild("f.txt", false, false, nullptr);
+  ASSERT_NE(f, nullptr);
+  c.root->name_ = "mnt";
+  EXPECT_EQ(f->getPath(), "/mnt/dir/f.txt");
+}
