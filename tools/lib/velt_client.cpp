@@ -49,6 +49,11 @@ void DirectClient::disconnect() {
   kept_.clear();
 }
 
+void DirectClient::dropReplyPipe() {
+  if (reply_fd_ >= 0) ::close(reply_fd_);
+  reply_fd_ = -1;
+}
+
 int DirectClient::openRequestPipe(int timeout_ms) {
   const std::string path = platformPath(kDirectRequestPipe);
   const bool forever = timeout_ms < 0;

@@ -6,8 +6,11 @@
 // fd, size queries and closes in offset) and keeps replies it is not waiting for yet; error
 // replies of writes, closes and splices are collected for takeErrors().
 //
-// One client per process and pipe pair; not thread-safe. connect() ignores SIGPIPE for the
-// process so that a daemon that goes away shows up as an error, not a signal.
+// A client object is not thread-safe. connect() ignores SIGPIPE for the process so that a
+// daemon that goes away shows up as an error, not a signal. A record of at most PIPE_BUF
+// (4,096) bytes reaches the request pipe in one piece, so several clients may send such
+// records at the same time; only one of them may read replies (the others drop their reply
+// pipe once they have what they need, see dropReplyPipe).
 #pragma once
 
 #include <cstdint>
@@ -36,6 +39,8 @@ class DirectClient {
   // receiver. The paths honour VELT_ROOT. 0 or a negative errno.
   int connect(int timeout_ms = 5000);
   void disconnect();
+  // Closes the reading end of the reply pipe: from now on this client only sends.
+  void dropReplyPipe();
   bool connected() const { return request_fd_ >= 0 && reply_fd_ >= 0; }
 
   // One record; header.length is set from the payload size. 0 or a negative errno.
