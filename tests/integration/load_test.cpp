@@ -14,6 +14,7 @@
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
+#include "fs/velt_load.h"
 
 using velt::VELT;
 using velt::test::CardImage;
@@ -504,4 +505,19 @@ TEST(BuildRoot, FormatModeKeepsTheRootFilesOrNothing) {
       EXPECT_EQ(f["used_clusters"], 1) << "only the root's cluster";
     }
   }
+}
+
+TEST(LoadTree, RecordDumpShowsOffsetsBytesAndCharacters) {
+  uint8_t data[20];
+  for (int i = 0; i < 20; ++i) data[i] = static_cast<uint8_t>(i < 16 ? 'A' + i : 0x7F + i);
+  data[3] = 0x1F;
+  testing::internal::CaptureStdout();
+  velt::dumpRecords("InvLFN", data, 20);
+  std::string out = testing::internal::GetCapturedStdout();
+  char head[96];
+  snprintf(head, sizeof(head), "dump of InvLFN, __data=%p, __size=20:\n", static_cast<void*>(data));
+  EXPECT_EQ(out,
+            std::string(head) +
+                "   00000000  41 42 43 1f 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50   ABC.EFGHIJKLMNOP\n"
+                "   00000010  8f 90 91 92   ....\n");
 }
