@@ -22,9 +22,12 @@ VELT::DirEntry::DirEntry(VELT* velt)
       access_date_(kDefaultDate),
       write_date_(kDefaultDate),
       write_time_(kDefaultTime) {
-  created_ = fatToTime(create_date_, create_time_);
-  accessed_ = fatToTime(access_date_, 0);
-  modified_ = fatToTime(write_date_, write_time_);
+  // The same for every entry: converted once, not three mktime calls per entry of a tree.
+  static const time_t kDefaultMoment = fatToTime(kDefaultDate, kDefaultTime);
+  static const time_t kDefaultDay = fatToTime(kDefaultDate, 0);
+  created_ = kDefaultMoment;
+  accessed_ = kDefaultDay;
+  modified_ = kDefaultMoment;
 }
 
 std::string VELT::DirEntry::getPath() const {
