@@ -270,7 +270,15 @@ int writeRequest(VELT::File& file, VELTWorkItem* request) {
         NERIO_ASSERT_TEXT("request->offset_ == file->direct_offset_");
       }
     }
+    // Clusters allocated for this request reach the FAT together, right after the data,
+    // instead of one FAT write per cluster.
+    PBR* pbr = file.velt_ != nullptr ? file.velt_->pbr_ : nullptr;
+    if (pbr != nullptr) pbr->lockFAT();
     result = file.write(request->data_, request->size_, request->offset_);
+    if (pbr != nullptr) {
+      pbr->unlockFAT(false);
+      pbr->flushFATs();
+    }
     if (result < 0) return result;
   }
   if ((static_cast<uint32_t>(request->param_) & kDirectFlagSecure) != 0) {
