@@ -917,6 +917,8 @@ void VELT::pipe_writer() {
       responder_retry_ = false;
       if (direct_stop_) return;
     }
+    // Room for a whole read reply in the pipe; a refusal only costs speed.
+    fcntl(fd, F_SETPIPE_SZ, static_cast<int>(VELT_BUFFER_SIZE));
     responder_open_ = true;
     if (direct_stop_) {
       ::close(fd);

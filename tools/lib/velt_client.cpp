@@ -258,25 +258,35 @@ int DirectClient::create(const std::string& path, int cache_mode, int timeout_ms
   return r < 0 ? r : static_cast<int32_t>(reply.header.param);
 }
 
-int DirectClient::read(int fd, int64_t offset, int32_t size, std::vector<uint8_t>* out, bool event,
-                       int timeout_ms) {
+int DirectClient::sendRead(int fd, int64_t offset, int32_t size, bool event) {
   DirectHeader h;
   h.fd = fd;
   h.op = event ? kDirectOpReadEvent : kDirectOpRead;
   h.offset = offset;
   h.param = static_cast<uint32_t>(size);
-  int r = send(h, nullptr, 0);
-  if (r < 0) return r;
+  return send(h, nullptr, 0);
+}
+
+int DirectClient::waitRead(int fd, int64_t offset, std::vector<uint8_t>* out, bool event,
+                           int timeout_ms) {
+  const uint32_t op = event ? kDirectOpReadEvent : kDirectOpRead;
   Reply reply;
-  r = waitFor(
+  int r = waitFor(
       [&](const Reply& x) {
         return x.header.fd == fd && x.header.offset == offset &&
-               (x.header.op == h.op || x.header.op == kDirectOpError);
+               (x.header.op == op || x.header.op == kDirectOpError);
       },
       &reply, timeout_ms);
   if (r < 0) return r;
   if (out != nullptr) *out = std::move(reply.payload);
   return static_cast<int32_t>(reply.header.param);
+}
+
+int DirectClient::read(int fd, int64_t offset, int32_t size, std::vector<uint8_t>* out, bool event,
+                       int timeout_ms) {
+  int r = sendRead(fd, offset, size, event);
+  if (r < 0) return r;
+  return waitRead(fd, offset, out, event, timeout_ms);
 }
 
 int64_t DirectClient::getSize(int fd, bool real_size, int timeout_ms) {

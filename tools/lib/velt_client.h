@@ -59,6 +59,11 @@ class DirectClient {
   // waits in the daemon until the data arrives.
   int read(int fd, int64_t offset, int32_t size, std::vector<uint8_t>* out, bool event = false,
            int timeout_ms = -1);
+  // The two halves of read, for keeping several reads of data already written in flight (a
+  // file holds at most one read that waits for data; a second one is refused with -EBUSY).
+  int sendRead(int fd, int64_t offset, int32_t size, bool event = false);
+  int waitRead(int fd, int64_t offset, std::vector<uint8_t>* out, bool event = false,
+               int timeout_ms = -1);
   int64_t getSize(int fd, bool real_size, int timeout_ms = -1);
 
   // Operations without a reply on success; 0 when sent.
