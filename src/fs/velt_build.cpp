@@ -52,9 +52,13 @@ int VELT::buildRoot() {
     if (exclusive) {
       if (r != 0) return r;
       if (!pbr_->is_velt_partition_) return 0;
-    } else {
+    } else if (r == 0) {
       pbr_->releaseUnusedClusters(true);
-      if (r != 0) result = r;
+    } else {
+      // A root that could not be read reaches nothing: freeing what it did not mark would
+      // wipe the card. Leave the FAT as it is and let the mount fail.
+      LOGE("root directory not loaded (%d), unreached clusters kept\n", r);
+      result = r;
     }
   }
 

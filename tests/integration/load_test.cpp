@@ -412,6 +412,20 @@ TEST(LoadTree, LostClustersAreFreedAndFsInfoCountsThem) {
   EXPECT_EQ(free_in_memory, img.fsinfoFree());
 }
 
+TEST(BuildRoot, AnUnreadableRootLeavesTheFatAlone) {
+  CardImage card(smallCard());
+  ASSERT_TRUE(card.ok()) << card.error();
+  ASSERT_NO_FATAL_FAILURE(fill(card));
+  FatImage img(card);
+  img.setFat(2, 0x0FFFFFF7);  // the root chain runs into a bad cluster: the root cannot be read
+  const std::string before = readImage(card);
+
+  Loaded l = load(card);
+  EXPECT_EQ(l.error, velt::kVELTNeedFormat) << l.log;
+  EXPECT_EQ(l.volume, nullptr);
+  EXPECT_TRUE(readImage(card) == before) << "the files' clusters must not be freed";
+}
+
 TEST(BuildRoot, DifferingFatCopiesAreMadeEqual) {
   CardImage card(smallCard());
   ASSERT_TRUE(card.ok()) << card.error();
