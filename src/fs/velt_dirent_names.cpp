@@ -77,15 +77,46 @@ void shortNameToName83(const char* short_name, uint8_t* out) {
   if (out[0] == DIR_ENTRY_DELETED) out[0] = 0x05;
 }
 
+// Days from 1970-01-01 to a date of the proleptic Gregorian calendar (month 1..12).
+static int64_t daysSinceEpoch(int64_t year, int month, int day) {
+  year -= month <= 2;
+  const int64_t era = (year >= 0 ? year : year - 399) / 400;
+  const int64_t year_of_era = year - era * 400;
+  const int64_t day_of_year = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
+  const int64_t day_of_era = year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year;
+  return era * 146097 + day_of_era - 719468;
+}
+
+// FAT stamps are local time. mktime would do, but it consults the time-zone file on every call
+// and a load converts several stamps per entry; the zone's offset from localtime_r gives the
+// same answer. Fields out of their ranges are left to mktime's normalisation.
 time_t fatToTime(uint16_t date, uint16_t time) {
+  const int sec = (time & 31) * 2, min = (time >> 5) & 63, hour = time >> 11;
+  const int day = date & 31, month = (date >> 5) & 15, year = (date >> 9) + 1980;
+  static constexpr int kMonthDays[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  const bool leap = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
+  if (sec < 60 && min < 60 && hour < 24 && month >= 1 && month <= 12 && day >= 1 &&
+      day <= kMonthDays[month - 1] && (month != 2 || day < 29 || leap)) {
+    const time_t wall = static_cast<time_t>(daysSinceEpoch(year, month, day) * 86400 + hour * 3600 +
+                                            min * 60 + sec);
+    struct tm lt;
+    if (localtime_r(&wall, &lt) != nullptr) {
+      time_t t = wall - lt.tm_gmtoff;
+      const long offset = lt.tm_gmtoff;
+      if (localtime_r(&t, &lt) != nullptr) {
+        if (lt.tm_gmtoff != offset) t = wall - lt.tm_gmtoff;  // a DST change lies in between
+        return t;
+      }
+    }
+  }
   struct tm tm;
   memset(&tm, 0, sizeof(tm));
-  tm.tm_sec = (time & 31) * 2;
-  tm.tm_min = (time >> 5) & 63;
-  tm.tm_hour = time >> 11;
-  tm.tm_mday = date & 31;
-  tm.tm_mon = ((date >> 5) & 15) - 1;
-  tm.tm_year = (date >> 9) + 80;
+  tm.tm_sec = sec;
+  tm.tm_min = min;
+  tm.tm_hour = hour;
+  tm.tm_mday = day;
+  tm.tm_mon = month - 1;
+  tm.tm_year = year - 1900;
   tm.tm_isdst = -1;
   return mktime(&tm);
 }
