@@ -327,7 +327,16 @@ int VELTFuse::__mkdir(const char* path, mode_t /*mode*/) {
     DirEntryPtr parent = resolve(*velt, parent_path);
     if (!parent) return -ENOENT;
     DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), true);
-    return entry ? 0 : -ENOMEM;
+    if (!entry) return -ENOMEM;
+    // The directory's first cluster was taken with the FAT written at once; the free count in
+    // FSInfo must follow, or other FAT tools find it wrong. While open writers hold FAT-lock
+    // counts this does nothing and their last release writes it.
+    if (PBR* pbr = velt->pbr_) {
+      std::lock_guard<std::mutex> reserved_lock(velt->reserved_mutex_);
+      std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
+      pbr->updateFSInfo();
+    }
+    return 0;
   } catch (...) {
     return exceptionAnswer(__func__);
   }
