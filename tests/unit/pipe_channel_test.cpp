@@ -135,8 +135,8 @@ void expectUnknownFileReply(DirectClient& client, int32_t fd) {
 }  // namespace
 
 TEST(PipeChannel, FramingFindsTheMarkerAndRecoversFromBrokenHeaders) {
+  LogCapture log;  // outlives the channel's threads
   Channel ch;
-  LogCapture log;
   ASSERT_EQ(ch.v->startDirectWriter(), 0);
   DirectClient client;
   ASSERT_EQ(client.connect(5000), 0);
@@ -179,8 +179,8 @@ TEST(PipeChannel, FramingFindsTheMarkerAndRecoversFromBrokenHeaders) {
 }
 
 TEST(PipeChannel, HostileClientIsAnsweredOrIgnoredAndTheNextClientIsServed) {
+  LogCapture log;  // outlives the channel's threads
   Channel ch;
-  LogCapture log;
   ASSERT_EQ(ch.v->startDirectWriter(), 0);
   {
     DirectClient hostile;
@@ -273,8 +273,8 @@ TEST(PipeChannel, HostileClientIsAnsweredOrIgnoredAndTheNextClientIsServed) {
 }
 
 TEST(PipeChannel, AClientThatDiesLosesNothingItSent) {
+  LogCapture log;  // outlives the channel's threads
   Channel ch;
-  LogCapture log;
   ASSERT_EQ(ch.v->startDirectWriter(), 0);
   const int64_t total = 3 * 1024 * 1024 + 1234;
   {
@@ -299,6 +299,7 @@ TEST(PipeChannel, AClientThatDiesLosesNothingItSent) {
   for (const char* name : {"/a.bin", "/b.bin"}) {
     auto e = ch.v->findEntry(name);
     ASSERT_NE(e, nullptr);
+    std::lock_guard<std::mutex> lock(e->files_mutex_);
     EXPECT_EQ(e->size_, total) << name;
   }
   std::list<std::shared_ptr<VELT::File>> files;
@@ -385,8 +386,8 @@ TEST(PipeChannel, RepliesWaitForAReader) {
 }
 
 TEST(PipeChannel, StartOnceAndStopWithinBounds) {
+  LogCapture log;  // outlives the channel's threads
   Channel ch;
-  LogCapture log;
   ASSERT_EQ(ch.v->startDirectWriter(), 0);
   EXPECT_EQ(ch.v->startDirectWriter(), -1);
   EXPECT_EQ(log.count("direct pipe reader already started"), 1);
