@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
@@ -19,68 +19,23 @@ using Entry = velt::VELT::DirEntry;
 
 namespace {
 
-std::string content(size_t size, unsigned seed) {
-  std::string s(size, '\0');
-  uint32_t x = seed * 2654435761u + 7;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1664525u + 1013904223u;
-    s[i] = static_cast<char>(x >> 24);
-  }
-  return s;
-}
-
-void put(const CardImage& card, const std::string& path, const std::string& bytes) {
-  std::string host = card.dir() + "/put.bin";
-  std::ofstream(host, std::ios::binary) << bytes;
-  auto r = card.mtools("mcopy -o " + shellQuote(host) + " " + shellQuote("::" + path));
-  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
-  unlink(host.c_str());
-}
-
-// The file's bytes as mtype prints them.
-std::string mtype(const CardImage& card, const std::string& path) {
-  std::string host = card.dir() + "/typed.bin";
-  auto r = card.mtools("mtype " + shellQuote("::" + path) + " > " + shellQuote(host));
-  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
-  std::ifstream in(host, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  unlink(host.c_str());
-  return ss.str();
-}
+using velt::test::patternBytes;
 
 // Leaves the card's free space in holes of `hole` clusters and points the allocation hint at
 // the start, so that a growing file is laid down in pieces.
 void fragmentFreeSpace(const CardImage& card, size_t cluster, int holes, int hole) {
-  auto r = card.mtools("mmd ::/fill");
-  ASSERT_EQ(r.status, 0) << r.err;
+  card.mkdir("/fill");
   for (int i = 0; i < 2 * holes; ++i) {
-    put(card, "/fill/f" + std::to_string(i), content(hole * cluster, 1000 + i));
+    card.put("/fill/f" + std::to_string(i), patternBytes(hole * cluster, 1000 + i));
   }
-  for (int i = 0; i < 2 * holes; i += 2) {
-    r = card.mtools("mdel ::/fill/f" + std::to_string(i));
-    ASSERT_EQ(r.status, 0) << r.err;
-  }
-  std::string fsinfo = card.readBytes(card.partitionOffset() + 512, 512);
-  fsinfo[492] = 2;
-  fsinfo[493] = fsinfo[494] = fsinfo[495] = 0;
-  card.writeBytes(card.partitionOffset() + 512, fsinfo);
+  for (int i = 0; i < 2 * holes; i += 2) card.del("/fill/f" + std::to_string(i));
+  card.rewindAllocationHint();
 }
 
 std::shared_ptr<velt::VELT> load(const CardImage& card) {
-  CardImage::RootScope scope(card);
-  int error = -100;
-  auto v = velt::VELT::create(card.devicePath(), 0, velt::kVELTOpMount, 0, &error);
-  EXPECT_EQ(error, 0);
-  return v;
-}
-
-int runsOf(const Entry& e) {
-  int runs = e.cluster_map_.empty() ? 0 : 1;
-  for (size_t i = 1; i < e.cluster_map_.size(); ++i) {
-    runs += e.cluster_map_[i] != e.cluster_map_[i - 1] + 1;
-  }
-  return runs;
+  velt::test::Loaded l = velt::test::loadCard(card);
+  EXPECT_EQ(l.error, 0) << l.log;
+  return l.volume;
 }
 
 // Writes `data` through `file` in pieces of the given sizes, cycling; false on a failure.
@@ -114,7 +69,7 @@ TEST(OpenFileOnCard, NewFileWrittenInOddPiecesReadsBackWithTheTools) {
     ASSERT_TRUE(card.ok()) << card.error();
     const size_t cluster = 512u * r.spc;
     fragmentFreeSpace(card, cluster, 40, 7);
-    const std::string data = content(r.bytes, r.spc);
+    const std::string data = patternBytes(r.bytes, r.spc);
     {
       auto v = load(card);
       ASSERT_NE(v, nullptr);
@@ -126,13 +81,13 @@ TEST(OpenFileOnCard, NewFileWrittenInOddPiecesReadsBackWithTheTools) {
       ASSERT_NE(file, nullptr);
       ASSERT_TRUE(writeInPieces(*file, data, pieces));
       EXPECT_EQ(file->fileSize(), static_cast<int64_t>(data.size()));
-      EXPECT_GT(runsOf(*e), 10) << "the file fills the holes";
+      EXPECT_GT(velt::test::clusterRuns(*e), 10) << "the file fills the holes";
       EXPECT_EQ(file->close(), 0);
       EXPECT_EQ(v->pbr_->fat_locked_count_, 0);
     }
     auto fsck = card.fsck();
     EXPECT_EQ(fsck.status, 0) << fsck.out;
-    EXPECT_TRUE(mtype(card, "/Written Here/a long name for a file written in pieces.bin") == data)
+    EXPECT_TRUE(card.type("/Written Here/a long name for a file written in pieces.bin") == data)
         << "mtype shows other bytes";
 
     // Loaded again, the library reads the same bytes in one call.
@@ -160,15 +115,15 @@ TEST(OpenFileOnCard, ExistingFilesPatchedAndExtended) {
     int64_t at;
     std::string bytes;
   } rows[] = {
-      {"/middle.bin", content(3 * cl, 1), 700, content(100, 11)},
-      {"/across.bin", content(5 * cl, 2), cl - 3, content(2 * cl + 6, 12)},
-      {"/tail.bin", content(cl + 1, 3), cl - 1, content(4 * cl + 5, 13)},
-      {"/one.bin", "z", 1, content(3 * cl + 5, 14)},
-      {"/exact.bin", content(2 * cl, 4), 2 * cl, content(1, 16)},
+      {"/middle.bin", patternBytes(3 * cl, 1), 700, patternBytes(100, 11)},
+      {"/across.bin", patternBytes(5 * cl, 2), cl - 3, patternBytes(2 * cl + 6, 12)},
+      {"/tail.bin", patternBytes(cl + 1, 3), cl - 1, patternBytes(4 * cl + 5, 13)},
+      {"/one.bin", "z", 1, patternBytes(3 * cl + 5, 14)},
+      {"/exact.bin", patternBytes(2 * cl, 4), 2 * cl, patternBytes(1, 16)},
   };
-  for (const auto& r : rows) put(card, r.path, r.before);
+  for (const auto& r : rows) card.put(r.path, r.before);
   // Something after them, so that growing files cannot simply run on.
-  put(card, "/after.bin", content(4 * cl, 5));
+  card.put("/after.bin", patternBytes(4 * cl, 5));
   {
     auto v = load(card);
     ASSERT_NE(v, nullptr);
@@ -191,17 +146,17 @@ TEST(OpenFileOnCard, ExistingFilesPatchedAndExtended) {
     std::string want = r.before;
     if (want.size() < r.at + r.bytes.size()) want.resize(r.at + r.bytes.size());
     want.replace(r.at, r.bytes.size(), r.bytes);
-    EXPECT_TRUE(mtype(card, r.path) == want) << "mtype shows other bytes";
+    EXPECT_TRUE(card.type(r.path) == want) << "mtype shows other bytes";
   }
-  EXPECT_TRUE(mtype(card, "/after.bin") == content(4 * cl, 5));
+  EXPECT_TRUE(card.type("/after.bin") == patternBytes(4 * cl, 5));
 }
 
 TEST(OpenFileOnCard, TwoWritersAtOnceKeepTheFatConsistent) {
   CardImage card(CardSpec{64, 1, 1, "", true});
   ASSERT_TRUE(card.ok()) << card.error();
   fragmentFreeSpace(card, 512, 30, 3);
-  const std::string a = content(1500000, 21);
-  const std::string b = content(1200003, 22);
+  const std::string a = patternBytes(1500000, 21);
+  const std::string b = patternBytes(1200003, 22);
   {
     auto v = load(card);
     ASSERT_NE(v, nullptr);
@@ -224,16 +179,16 @@ TEST(OpenFileOnCard, TwoWritersAtOnceKeepTheFatConsistent) {
   }
   auto fsck = card.fsck();
   EXPECT_EQ(fsck.status, 0) << fsck.out;
-  EXPECT_TRUE(mtype(card, "/writer a.bin") == a);
-  EXPECT_TRUE(mtype(card, "/writer b.bin") == b);
+  EXPECT_TRUE(card.type("/writer a.bin") == a);
+  EXPECT_TRUE(card.type("/writer b.bin") == b);
 }
 
 TEST(OpenFileOnCard, AnEmptyFileGainsItsFirstCluster) {
   // The tools store an empty file without a cluster; the record must name the chain it gets.
   CardImage card(CardSpec{64, 1, 1, "", true});
   ASSERT_TRUE(card.ok()) << card.error();
-  put(card, "/empty.bin", "");
-  const std::string data = content(2 * 512 + 9, 15);
+  card.put("/empty.bin", "");
+  const std::string data = patternBytes(2 * 512 + 9, 15);
   {
     auto v = load(card);
     ASSERT_NE(v, nullptr);
@@ -247,5 +202,5 @@ TEST(OpenFileOnCard, AnEmptyFileGainsItsFirstCluster) {
   }
   auto fsck = card.fsck();
   EXPECT_EQ(fsck.status, 0) << fsck.out;
-  EXPECT_TRUE(mtype(card, "/empty.bin") == data) << "mtype shows other bytes";
+  EXPECT_TRUE(card.type("/empty.bin") == data) << "mtype shows other bytes";
 }

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_endian.h"
@@ -22,55 +22,6 @@ constexpr int64_t kMiB = 1ll << 20;
 // clusters that is a proper FAT32 (more than 65524 clusters), which mtools insists on.
 constexpr int64_t kCardMiB = 1100;
 constexpr int64_t kPartitionBytes = 1099 * kMiB;
-
-struct Folder {
-  const char* name;
-  uint32_t percent;
-  uint32_t size_mb;
-};
-
-FormatInfo makeInfo(std::initializer_list<Folder> folders, uint32_t flags = 0) {
-  FormatInfo info;
-  for (const Folder& f : folders) {
-    ReservedFolderDesc& d = info.folders[info.folder_count++];
-    strncpy(d.name, f.name, sizeof(d.name) - 1);
-    d.percent = f.percent;
-    d.size_mb = f.size_mb;
-  }
-  info.flags = flags;
-  return info;
-}
-
-// Opens the card for formatting, formats it and unloads it (which writes the FATs and FSInfo).
-// Returns format's result (or 100 + the open's result code); `out` gets what was printed.
-int formatCard(const CardImage& card, const FormatInfo& info, uint32_t mode, const char* label,
-               int extra, std::string* out) {
-  CardImage::RootScope scope(card);
-  testing::internal::CaptureStdout();
-  int error = 0;
-  int result;
-  {
-    std::shared_ptr<VELT> volume = VELT::create(card.devicePath(), 0, kVELTOpFormat, extra, &error);
-    if (volume == nullptr) {
-      result = 100 + error;
-    } else {
-      volume->skip_umount_ = true;  // other tests' daemons may be mounted on this machine
-      result = volume->format(info, mode, label);
-    }
-  }
-  *out = testing::internal::GetCapturedStdout();
-  return result;
-}
-
-std::shared_ptr<VELT> mount(const CardImage& card, std::string* out = nullptr) {
-  CardImage::RootScope scope(card);
-  if (out != nullptr) testing::internal::CaptureStdout();
-  int error = 0;
-  std::shared_ptr<VELT> volume = VELT::create(card.devicePath(), 0, kVELTOpMount, 0, &error);
-  if (out != nullptr) *out = testing::internal::GetCapturedStdout();
-  EXPECT_NE(volume, nullptr) << "load result " << error;
-  return volume;
-}
 
 // The format-information record as FSInfo holds it on the card.
 FormatInfo cardFormatInfo(const CardImage& card) {
@@ -98,8 +49,8 @@ TEST(Format, EmptyCardGetsReservedFoldersThatOtherToolsSeeEmpty) {
   ASSERT_TRUE(card.ok()) << card.error();
 
   std::string out;
-  ASSERT_EQ(formatCard(card, makeInfo({{"REC", 40, 8}, {"EVT", 20, 4}}), kVELTFormatModeP, "CAM", 0,
-                       &out),
+  ASSERT_EQ(formatCard(card, formatInfo({{"REC", 40, 8}, {"EVT", 20, 4}}), kVELTFormatModeP, "CAM",
+                       0, &out),
             0)
       << out;
   // 40% of 1099 MiB in 8 MiB files and 20% in 4 MiB files: 54 files each, 451 MiB left.
@@ -137,9 +88,10 @@ TEST(Format, EmptyCardGetsReservedFoldersThatOtherToolsSeeEmpty) {
     EXPECT_NE(list.out.find("2 files"), std::string::npos) << list.out;  // "." and ".."
   }
 
-  std::string log;
-  std::shared_ptr<VELT> volume = mount(card, &log);
-  ASSERT_NE(volume, nullptr);
+  Loaded loaded = loadCard(card);
+  const std::string& log = loaded.log;
+  std::shared_ptr<VELT> volume = std::move(loaded.volume);
+  ASSERT_NE(volume, nullptr) << loaded.error;
   const uint32_t cluster = volume->pbr_->cluster_length_;
   EXPECT_EQ(volume->disk_size_, kPartitionBytes);
   for (int i = 0; i < 2; ++i) {
@@ -217,13 +169,13 @@ TEST(Format, FolderSharesAreTakenOfTheWholeFreeSpace) {
       // 80% of 16 GiB in 64 MiB files: 204 files, 3328 MiB left.
       {"16 GiB",
        16 * 1024 + 1,
-       makeInfo({{"REC", 80, 64}}),
+       formatInfo({{"REC", 80, 64}}),
        {"       REC   80%    64 MB #204 \n", "    (free)        3328 MB\n"},
        true},
       // Both halves are taken of the whole free space, not of what the first one left.
       {"two halves",
        kCardMiB,
-       makeInfo({{"A", 50, 8}, {"B", 50, 8}}),
+       formatInfo({{"A", 50, 8}, {"B", 50, 8}}),
        {"         A   50%     8 MB #68  \n", "         B   50%     8 MB #68  \n",
         "    (free)          11 MB\n"},
        true},
@@ -231,14 +183,14 @@ TEST(Format, FolderSharesAreTakenOfTheWholeFreeSpace) {
       // negative (the card then cannot hold the second folder's files).
       {"over 100%",
        kCardMiB,
-       makeInfo({{"A", 60, 8}, {"B", 60, 8}}),
+       formatInfo({{"A", 60, 8}, {"B", 60, 8}}),
        {"         A   60%     8 MB #82  \n", "         B   60%     8 MB #82  \n",
         "    (free)        -213 MB\n"},
        false},
       // A share smaller than one file gets no files.
       {"share below one file",
        kCardMiB,
-       makeInfo({{"TINY", 1, 64}}),
+       formatInfo({{"TINY", 1, 64}}),
        {"      TINY    1%    64 MB #0   \n"},
        true},
   };
@@ -256,7 +208,7 @@ TEST(Format, FolderSharesAreTakenOfTheWholeFreeSpace) {
     FormatInfo info = cardFormatInfo(card);
     ASSERT_TRUE(info.valid());
     if (!c.fits) continue;
-    std::shared_ptr<VELT> volume = mount(card);
+    std::shared_ptr<VELT> volume = loadCard(card).volume;
     ASSERT_NE(volume, nullptr);
     for (uint32_t i = 0; i < info.folder_count; ++i) {
       auto folder = volume->findEntry((std::string("/") + info.folders[i].name).c_str());
@@ -294,7 +246,7 @@ TEST(Format, RefusesBadRequests) {
       std::shared_ptr<VELT> volume = VELT::create(card.devicePath(), 0, c.op_mode, 0, &error);
       if (volume != nullptr) {
         volume->skip_umount_ = true;
-        result = volume->format(makeInfo({{"REC", 10, 8}}), c.mode, c.label);
+        result = volume->format(formatInfo({{"REC", 10, 8}}), c.mode, c.label);
       }
     }
     std::string out = testing::internal::GetCapturedStdout();
@@ -321,21 +273,14 @@ TEST(Format, RootFilesStayOnlyWhenAsked) {
     CardImage card(spec);
     ASSERT_TRUE(card.ok()) << card.error();
     const std::string text(100000, 'x');
-    std::string src = card.dir() + "/big.bin";
-    ASSERT_EQ(runShell("head -c 100000 /dev/zero | tr '\\0' x > " + shellQuote(src) +
-                       " && printf 'hello velt' > " + shellQuote(card.dir() + "/hello.txt"))
-                  .status,
-              0);
-    ASSERT_EQ(card.mtools("mcopy " + shellQuote(src) + " ::/big.bin").status, 0);
-    ASSERT_EQ(
-        card.mtools("mcopy " + shellQuote(card.dir() + "/hello.txt") + " ::/hello.txt").status, 0);
-    ASSERT_EQ(card.mtools("mmd ::/DIR").status, 0);
-    ASSERT_EQ(
-        card.mtools("mcopy " + shellQuote(card.dir() + "/hello.txt") + " ::/DIR/in.txt").status, 0);
+    card.put("/big.bin", text);
+    card.put("/hello.txt", "hello velt");
+    card.mkdir("/DIR");
+    card.put("/DIR/in.txt", "hello velt");
 
     std::string out;
     ASSERT_EQ(
-        formatCard(card, makeInfo({{"REC", 10, 8}}, c.flags), kVELTFormatModeN, nullptr, 1, &out),
+        formatCard(card, formatInfo({{"REC", 10, 8}}, c.flags), kVELTFormatModeN, nullptr, 1, &out),
         0)
         << out;
     EXPECT_NE(out.find("root size 100010 bytes"), std::string::npos) << out;

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fat_records.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
@@ -22,29 +22,13 @@ using velt::VELT;
 using velt::test::CardImage;
 using velt::test::CardSpec;
 using velt::test::FatImage;
-using velt::test::runShell;
-using velt::test::shellQuote;
+using velt::test::Loaded;
 
 namespace {
 
 // Descriptor fields (offsets inside a descriptor of the format information).
 constexpr int kCount = 20, kUsed = 24, kStart = 28;
 constexpr uint32_t kFileBytes = 1u << 20;
-
-struct Loaded {
-  int error = 0;
-  std::shared_ptr<VELT> volume;
-  std::string log;
-};
-
-Loaded load(const CardImage& card, int mode = velt::kVELTOpMount) {
-  CardImage::RootScope scope(card);
-  Loaded l;
-  testing::internal::CaptureStdout();
-  l.volume = VELT::create(card.devicePath(), 0, mode, 0, &l.error);
-  l.log = testing::internal::GetCapturedStdout();
-  return l;
-}
 
 CardSpec spec() {
   CardSpec s;
@@ -57,24 +41,8 @@ CardSpec spec() {
 // and publishes them: "clip number one of the day.avi" (three long-name records) and "c.avi" (one
 // record behind two fillers).
 void makeVeltCard(const CardImage& card) {
-  {
-    CardImage::RootScope scope(card);
-    int error = 0;
-    testing::internal::CaptureStdout();
-    auto v = VELT::create(card.devicePath(), 0, velt::kVELTOpFormat, 0, &error);
-    ASSERT_NE(v, nullptr) << error;
-    v->skip_umount_ = true;
-    velt::FormatInfo info;
-    info.folder_count = 1;
-    memcpy(info.folders[0].name, "REC", 3);
-    info.folders[0].percent = 10;
-    info.folders[0].size_mb = 1;
-    int r = v->format(info, velt::kVELTFormatModeN, nullptr);
-    v.reset();
-    testing::internal::GetCapturedStdout();
-    ASSERT_EQ(r, 0);
-  }
-  Loaded l = load(card);
+  ASSERT_EQ(velt::test::formatCard(card, velt::test::formatInfo({{"REC", 10, 1}})), 0);
+  Loaded l = velt::test::loadCard(card);
   ASSERT_EQ(l.error, 0) << l.log;
   auto folder = l.volume->findEntry("/REC");
   ASSERT_NE(folder, nullptr);
@@ -83,10 +51,6 @@ void makeVeltCard(const CardImage& card) {
     ASSERT_NE(e, nullptr) << name;
     ASSERT_EQ(e->secure2(), 0) << name;
   }
-}
-
-std::string readImage(const CardImage& card) {
-  return card.readBytes(0, static_cast<size_t>(64) << 20);
 }
 
 // The folder's records on the card: slot i of group g is slots[2 + 4 g + i].
@@ -235,11 +199,7 @@ class ReservedLoad : public testing::Test {
   // A copy of the pristine card.
   std::unique_ptr<CardImage> copy() {
     auto card = std::make_unique<CardImage>(spec());
-    EXPECT_TRUE(card->ok());
-    EXPECT_EQ(runShell("cp --sparse=always " + shellQuote(pristine_.image()) + " " +
-                       shellQuote(card->image()))
-                  .status,
-              0);
+    EXPECT_TRUE(card->ok() && card->copyFrom(pristine_));
     return card;
   }
 
@@ -252,7 +212,7 @@ class ReservedLoad : public testing::Test {
 TEST_F(ReservedLoad, TableIsRebuiltFromTheRecords) {
   FatImage img(pristine_);
   Folder f = folderOf(img);
-  Loaded l = load(pristine_);
+  Loaded l = velt::test::loadCard(pristine_);
   ASSERT_EQ(l.error, 0) << l.log;
   EXPECT_EQ(l.log.find("FATAL"), std::string::npos) << l.log;
   auto folder = l.volume->findEntry("/REC");
@@ -294,7 +254,7 @@ TEST_F(ReservedLoad, SavedCountsAreReconciledAndAMovedFolderIsKept) {
   Folder f = folderOf(img);
   img.setDescriptorField(0, kUsed, 5);
   img.setDescriptorField(0, kStart, f.record.cluster + 7);
-  Loaded l = load(*card);
+  Loaded l = velt::test::loadCard(*card);
   ASSERT_EQ(l.error, 0) << l.log;
   EXPECT_NE(l.log.find("used count mismatched. saved#5, detected#2"), std::string::npos) << l.log;
   EXPECT_NE(l.log.find("moved? cluster mismatach"), std::string::npos) << l.log;
@@ -319,12 +279,12 @@ TEST_F(ReservedLoad, FatalDamageDropsTheFolderAndMakesItAnew) {
       auto card = copy();
       FatImage img(*card);
       c.damage(img, folderOf(img), files_);
-      std::string before = readImage(*card);
-      Loaded x = load(*card, velt::kVELTOpExclusive);
+      std::string before = card->contents();
+      Loaded x = velt::test::loadCard(*card, velt::kVELTOpExclusive);
       EXPECT_EQ(x.error, velt::kVELTNeedFormat) << x.log;
       EXPECT_NE(x.log.find(c.message), std::string::npos) << x.log;
       x.volume.reset();
-      EXPECT_TRUE(readImage(*card) == before) << "exclusive mode wrote to the card";
+      EXPECT_TRUE(card->contents() == before) << "exclusive mode wrote to the card";
     }
 
     // Mount mode: the folder is dropped, then made again from its descriptor.
@@ -332,7 +292,7 @@ TEST_F(ReservedLoad, FatalDamageDropsTheFolderAndMakesItAnew) {
     FatImage img(*card);
     Folder old = folderOf(img);
     c.damage(img, old, files_);
-    Loaded l = load(*card);
+    Loaded l = velt::test::loadCard(*card);
     ASSERT_EQ(l.error, 0) << l.log;
     EXPECT_NE(l.log.find(c.message), std::string::npos) << l.log;
     EXPECT_NE(l.log.find("REC] failed, mark deleted one"), std::string::npos) << l.log;
@@ -352,7 +312,7 @@ TEST_F(ReservedLoad, FatalDamageDropsTheFolderAndMakesItAnew) {
     EXPECT_EQ(img.descriptorValue(0, kStart), folderOf(img).record.cluster);
 
     // The new folder passes the checks, and fsck.fat sees nothing but reserved files.
-    Loaded again = load(*card);
+    Loaded again = velt::test::loadCard(*card);
     ASSERT_EQ(again.error, 0) << again.log;
     EXPECT_EQ(again.log.find("FATAL"), std::string::npos) << again.log;
     EXPECT_EQ(again.log.find("modified, flush now"), std::string::npos) << again.log;
@@ -373,14 +333,14 @@ TEST_F(ReservedLoad, MissingFolderIsMadeAgainExceptInExclusiveMode) {
                         velt::test::getLe(img.record(old.sfn(files_ - 1)), 26, 2);
   ASSERT_NE(img.fat(lost), 0u);
 
-  std::string before = readImage(*card);
-  Loaded x = load(*card, velt::kVELTOpExclusive);
+  std::string before = card->contents();
+  Loaded x = velt::test::loadCard(*card, velt::kVELTOpExclusive);
   EXPECT_EQ(x.error, velt::kVELTNeedFormat) << x.log;
   EXPECT_NE(x.log.find("VELT reserved folder \"/REC\" not found\n"), std::string::npos) << x.log;
   EXPECT_EQ(x.log.find("try to create it now"), std::string::npos) << x.log;
-  EXPECT_TRUE(readImage(*card) == before) << "exclusive mode wrote to the card";
+  EXPECT_TRUE(card->contents() == before) << "exclusive mode wrote to the card";
 
-  Loaded l = load(*card);
+  Loaded l = velt::test::loadCard(*card);
   ASSERT_EQ(l.error, 0) << l.log;
   EXPECT_NE(l.log.find("VELT reserved folder \"/REC\" not found\n"), std::string::npos);
   EXPECT_NE(l.log.find("VELT reserved folder \"/REC\" not found, try to create it now..."),

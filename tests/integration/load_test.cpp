@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fat_records.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
@@ -21,29 +21,9 @@ using velt::VELT;
 using velt::test::CardImage;
 using velt::test::CardSpec;
 using velt::test::FatImage;
-using velt::test::runShell;
-using velt::test::shellQuote;
+using velt::test::Loaded;
 
 namespace {
-
-struct Loaded {
-  int error = 0;
-  std::shared_ptr<VELT> volume;
-  std::string log;
-};
-
-Loaded load(const CardImage& card, int mode = velt::kVELTOpMount) {
-  CardImage::RootScope scope(card);
-  Loaded l;
-  testing::internal::CaptureStdout();
-  l.volume = VELT::create(card.devicePath(), 0, mode, 0, &l.error);
-  l.log = testing::internal::GetCapturedStdout();
-  return l;
-}
-
-std::string readImage(const CardImage& card) {
-  return card.readBytes(0, static_cast<size_t>(64) << 20);
-}
 
 // 64 MiB, 512-byte clusters: directories span several clusters quickly.
 CardSpec smallCard() {
@@ -57,16 +37,9 @@ CardSpec smallCard() {
 // with a file and a subfolder, filler files so the root spans two clusters, and a long name as
 // the last entry.
 void fill(const CardImage& card) {
-  std::string data = card.dir() + "/data.bin";
-  runShell("head -c 3000 /dev/urandom > " + shellQuote(data));
-  auto copy = [&](const std::string& to) {
-    auto r = card.mtools("mcopy " + shellQuote(data) + " " + shellQuote("::" + to));
-    ASSERT_EQ(r.status, 0) << r.err;
-  };
-  auto mkdir = [&](const std::string& to) {
-    auto r = card.mtools("mmd " + shellQuote("::" + to));
-    ASSERT_EQ(r.status, 0) << r.err;
-  };
+  const std::string data = velt::test::patternBytes(3000, 1);
+  auto copy = [&](const std::string& to) { card.put("/" + to, data); };
+  auto mkdir = [&](const std::string& to) { card.mkdir("/" + to); };
   copy("alpha long name file.txt");
   copy("bravo has a much longer name here.txt");
   copy("charlie.txt");
@@ -78,19 +51,6 @@ void fill(const CardImage& card) {
   copy("foxtrot number one.txt");
   copy("foxtrot number two.txt");
   copy("echo file with long name.txt");
-}
-
-void formatVelt(const CardImage& card, const velt::FormatInfo& info) {
-  CardImage::RootScope scope(card);
-  int error = 0;
-  testing::internal::CaptureStdout();
-  auto v = VELT::create(card.devicePath(), 0, velt::kVELTOpFormat, 0, &error);
-  ASSERT_NE(v, nullptr) << error;
-  v->skip_umount_ = true;
-  int r = v->format(info, velt::kVELTFormatModeN, nullptr);
-  v.reset();
-  testing::internal::GetCapturedStdout();
-  ASSERT_EQ(r, 0);
 }
 
 std::set<std::string> childNames(const std::shared_ptr<VELT::DirEntry>& dir) {
@@ -116,18 +76,6 @@ struct RepairCase {
   std::function<Outcome(const FatImage&)> damage;
 };
 
-std::vector<uint32_t> chainOf(const FatImage& img, uint32_t first) {
-  return img.chain(first);
-}
-
-std::string shortOf(const FatImage& img, int64_t sfn) {
-  std::string r = img.record(sfn);
-  std::string base = r.substr(0, 8), ext = r.substr(8, 3);
-  base.erase(base.find_last_not_of(' ') + 1);
-  ext.erase(ext.find_last_not_of(' ') + 1);
-  return ext.empty() ? base : base + "." + ext;
-}
-
 const std::vector<RepairCase>& repairCases() {
   static const std::vector<RepairCase> cases = {
       {"long-name order missing", "invalid LFN order number seq 1", false,
@@ -138,7 +86,7 @@ const std::vector<RepairCase>& repairCases() {
          img.putByte(e.lfn[0], 0xE5);
          Outcome o;
          o.deleted = {e.lfn[1], e.lfn[2]};
-         o.present = {shortOf(img, e.sfn)};
+         o.present = {img.shortName(e.sfn)};
          o.absent = {e.name};
          return o;
        }},
@@ -152,7 +100,7 @@ const std::vector<RepairCase>& repairCases() {
          Outcome o;
          o.deleted = e.lfn;
          o.absent = {e.name};
-         o.freed = chainOf(img, e.cluster);
+         o.freed = img.chain(e.cluster);
          return o;
        }},
       {"first-cluster field set in a long-name record",
@@ -162,7 +110,7 @@ const std::vector<RepairCase>& repairCases() {
          img.putByte(e.lfn[1] + 26, 5);
          Outcome o;
          o.deleted = e.lfn;
-         o.present = {shortOf(img, e.sfn)};
+         o.present = {img.shortName(e.sfn)};
          o.absent = {e.name};
          return o;
        }},
@@ -173,8 +121,8 @@ const std::vector<RepairCase>& repairCases() {
          Outcome o;
          o.deleted = e.lfn;
          o.deleted.push_back(e.sfn);
-         o.absent = {e.name, shortOf(img, e.sfn)};
-         o.freed = chainOf(img, e.cluster);
+         o.absent = {e.name, img.shortName(e.sfn)};
+         o.freed = img.chain(e.cluster);
          return o;
        }},
       {"comma in a short name (a plus sign is fine)", "SFN name has invalid character", true,
@@ -190,22 +138,22 @@ const std::vector<RepairCase>& repairCases() {
          o.deleted = e.lfn;
          o.deleted.push_back(e.sfn);
          o.present = {"READ+E.TXT"};
-         o.absent = {e.name, shortOf(img, e.sfn)};
-         o.freed = chainOf(img, e.cluster);
+         o.absent = {e.name, img.shortName(e.sfn)};
+         o.freed = img.chain(e.cluster);
          return o;
        }},
       {"subdirectory whose chain is broken", "bad cluster chain", true,
        [](const FatImage& img) {
          auto e = *img.find(img.rootCluster(), "delta dir");
          Outcome o;
-         o.freed = chainOf(img, e.cluster);
+         o.freed = img.chain(e.cluster);
          for (const auto& inner : img.entries(e.cluster)) {
-           for (uint32_t c : chainOf(img, inner.cluster)) o.freed.push_back(c);
+           for (uint32_t c : img.chain(inner.cluster)) o.freed.push_back(c);
          }
          img.setFat(e.cluster, 0x0FFFFFF7);
          o.deleted = e.lfn;
          o.deleted.push_back(e.sfn);
-         o.absent = {e.name, shortOf(img, e.sfn)};
+         o.absent = {e.name, img.shortName(e.sfn)};
          return o;
        }},
       {"subdirectory pointing back at the root", "loading [", true,
@@ -214,7 +162,7 @@ const std::vector<RepairCase>& repairCases() {
          auto e = *img.find(delta.cluster, "DEEPER");
          Outcome o;
          o.dir = "/delta dir";
-         o.freed = chainOf(img, e.cluster);
+         o.freed = img.chain(e.cluster);
          std::string r = img.record(e.sfn);
          velt::test::putLe(&r, 20, img.rootCluster() >> 16, 2);
          velt::test::putLe(&r, 26, img.rootCluster() & 0xFFFF, 2);
@@ -231,7 +179,7 @@ const std::vector<RepairCase>& repairCases() {
          img.putByte(e.lfn[0], 0x40 | 21);
          Outcome o;
          o.deleted = e.lfn;
-         o.present = {shortOf(img, e.sfn)};
+         o.present = {img.shortName(e.sfn)};
          o.absent = {e.name};
          return o;
        }},
@@ -243,8 +191,8 @@ const std::vector<RepairCase>& repairCases() {
          Outcome o;
          o.deleted = e.lfn;
          o.deleted.push_back(e.sfn);
-         o.absent = {e.name, shortOf(img, e.sfn)};
-         o.freed = chainOf(img, e.cluster);
+         o.absent = {e.name, img.shortName(e.sfn)};
+         o.freed = img.chain(e.cluster);
          return o;
        }},
   };
@@ -276,7 +224,7 @@ TEST(LoadTree, CleanCardLoadsEveryEntryAndWritesNoDirectory) {
       before += card.readBytes(img.clusterOffset(c), img.clusterBytes());
   }
 
-  Loaded l = load(card);
+  Loaded l = velt::test::loadCard(card);
   ASSERT_EQ(l.error, 0) << l.log;
   EXPECT_EQ(l.log.find("modified, flush now"), std::string::npos) << l.log;
   EXPECT_EQ(childNames(l.volume->root_),
@@ -320,7 +268,7 @@ TEST(LoadTree, DamagedRecordsAreRepairedAndFsckAgrees) {
   ASSERT_NO_FATAL_FAILURE(fill(plain));
   CardImage velt_card(smallCard());
   ASSERT_TRUE(velt_card.ok()) << velt_card.error();
-  ASSERT_NO_FATAL_FAILURE(formatVelt(velt_card, velt::FormatInfo()));
+  ASSERT_EQ(velt::test::formatCard(velt_card, velt::FormatInfo()), 0);
   ASSERT_NO_FATAL_FAILURE(fill(velt_card));
   ASSERT_EQ(plain.fsck().status, 0);
   ASSERT_EQ(velt_card.fsck().status, 0);
@@ -330,14 +278,11 @@ TEST(LoadTree, DamagedRecordsAreRepairedAndFsckAgrees) {
     // Mount mode on the plain card: repaired, written back, fsck.fat finds nothing.
     CardImage card(smallCard());
     ASSERT_TRUE(card.ok());
-    ASSERT_EQ(
-        runShell("cp --sparse=always " + shellQuote(plain.image()) + " " + shellQuote(card.image()))
-            .status,
-        0);
+    ASSERT_TRUE(card.copyFrom(plain));
     FatImage img(card);
     Outcome o = c.damage(img);
 
-    Loaded l = load(card);
+    Loaded l = velt::test::loadCard(card);
     ASSERT_EQ(l.error, 0) << l.log;
     EXPECT_NE(l.log.find(c.message), std::string::npos) << l.log;
     EXPECT_NE(l.log.find("modified, flush now"), std::string::npos);
@@ -354,7 +299,7 @@ TEST(LoadTree, DamagedRecordsAreRepairedAndFsckAgrees) {
     auto fsck = card.fsck("-n");
     EXPECT_EQ(fsck.status, 0) << fsck.out;
     // A second load finds nothing left to repair.
-    Loaded again = load(card);
+    Loaded again = velt::test::loadCard(card);
     ASSERT_EQ(again.error, 0);
     EXPECT_EQ(again.log.find("modified, flush now"), std::string::npos) << again.log;
     again.volume.reset();
@@ -362,14 +307,11 @@ TEST(LoadTree, DamagedRecordsAreRepairedAndFsckAgrees) {
     // Exclusive mode on the VELT card: refused or loaded, and the card is left as it was.
     CardImage vcard(smallCard());
     ASSERT_TRUE(vcard.ok());
-    ASSERT_EQ(runShell("cp --sparse=always " + shellQuote(velt_card.image()) + " " +
-                       shellQuote(vcard.image()))
-                  .status,
-              0);
+    ASSERT_TRUE(vcard.copyFrom(velt_card));
     FatImage vimg(vcard);
     c.damage(vimg);
-    std::string image_before = readImage(vcard);
-    Loaded x = load(vcard, velt::kVELTOpExclusive);
+    std::string image_before = vcard.contents();
+    Loaded x = velt::test::loadCard(vcard, velt::kVELTOpExclusive);
     if (c.exclusive_refused) {
       EXPECT_EQ(x.error, velt::kVELTNeedFormat) << x.log;
       EXPECT_EQ(x.volume, nullptr);
@@ -378,7 +320,7 @@ TEST(LoadTree, DamagedRecordsAreRepairedAndFsckAgrees) {
       EXPECT_NE(x.log.find("skip this entry (not error)"), std::string::npos) << x.log;
     }
     x.volume.reset();
-    EXPECT_TRUE(readImage(vcard) == image_before) << "exclusive mode wrote to the card";
+    EXPECT_TRUE(vcard.contents() == image_before) << "exclusive mode wrote to the card";
   }
 }
 
@@ -396,7 +338,7 @@ TEST(LoadTree, LostClustersAreFreedAndFsInfoCountsThem) {
   img.setFat(1001, 1000);
   ASSERT_NE(card.fsck("-n").status, 0);
 
-  Loaded l = load(card);
+  Loaded l = velt::test::loadCard(card);
   ASSERT_EQ(l.error, 0) << l.log;
   const uint32_t free_in_memory = l.volume->pbr_->free_cluster_count_;
   l.volume.reset();
@@ -418,12 +360,12 @@ TEST(BuildRoot, AnUnreadableRootLeavesTheFatAlone) {
   ASSERT_NO_FATAL_FAILURE(fill(card));
   FatImage img(card);
   img.setFat(2, 0x0FFFFFF7);  // the root chain runs into a bad cluster: the root cannot be read
-  const std::string before = readImage(card);
+  const std::string before = card.contents();
 
-  Loaded l = load(card);
+  Loaded l = velt::test::loadCard(card);
   EXPECT_EQ(l.error, velt::kVELTNeedFormat) << l.log;
   EXPECT_EQ(l.volume, nullptr);
-  EXPECT_TRUE(readImage(card) == before) << "the files' clusters must not be freed";
+  EXPECT_TRUE(card.contents() == before) << "the files' clusters must not be freed";
 }
 
 TEST(BuildRoot, DifferingFatCopiesAreMadeEqual) {
@@ -440,7 +382,7 @@ TEST(BuildRoot, DifferingFatCopiesAreMadeEqual) {
   velt::test::putLe(&v, 0, 1001, 4);
   card.writeBytes(img.fatOffset(1, alpha.cluster), v);
 
-  Loaded l = load(card);
+  Loaded l = velt::test::loadCard(card);
   ASSERT_EQ(l.error, 0) << l.log;
   EXPECT_NE(l.log.find("clear damaged FATs"), std::string::npos) << l.log;
   l.volume.reset();
@@ -471,17 +413,12 @@ TEST(BuildRoot, FormatModeKeepsTheRootFilesOrNothing) {
     SCOPED_TRACE("extra " + std::to_string(row.extra) + " keep " + std::to_string(row.keep_files));
     CardImage card(smallCard());
     ASSERT_TRUE(card.ok());
-    ASSERT_EQ(runShell("cp --sparse=always " + shellQuote(pristine.image()) + " " +
-                       shellQuote(card.image()))
-                  .status,
-              0);
-    std::string expected_data = card.mtools("mtype ::/README.TXT").out;
+    ASSERT_TRUE(card.copyFrom(pristine));
+    std::string expected_data = card.type("/README.TXT");
     CardImage::RootScope scope(card);
-    int error = 0;
-    testing::internal::CaptureStdout();
-    auto v = VELT::create(card.devicePath(), 0, velt::kVELTOpFormat, row.extra, &error);
-    std::string log = testing::internal::GetCapturedStdout();
-    ASSERT_NE(v, nullptr) << log;
+    Loaded l = velt::test::loadCard(card, velt::kVELTOpFormat, row.extra);
+    auto v = std::move(l.volume);
+    ASSERT_NE(v, nullptr) << l.log;
     // In format mode the root's folders are never loaded; with extra bit 0 clear nothing is.
     std::set<std::string> loaded = childNames(v->root_);
     EXPECT_EQ(loaded, row.extra & 1 ? root_files : std::set<std::string>{});
@@ -514,7 +451,7 @@ TEST(BuildRoot, FormatModeKeepsTheRootFilesOrNothing) {
     EXPECT_EQ(dir.out.find("delta"), std::string::npos) << dir.out;
     if (row.keep_files) {
       EXPECT_EQ(f["files"], static_cast<int64_t>(root_files.size()));
-      EXPECT_EQ(card.mtools("mtype ::/README.TXT").out, expected_data);
+      EXPECT_EQ(card.type("/README.TXT"), expected_data);
     } else {
       EXPECT_EQ(f["files"], 0) << fsck.out;
       EXPECT_EQ(f["used_clusters"], 1) << "only the root's cluster";
@@ -546,10 +483,7 @@ TEST(LoadTree, RandomDirectoryBytesAreSurvivedAndRepairedOnce) {
     SCOPED_TRACE("round " + std::to_string(round));
     CardImage card(smallCard());
     ASSERT_TRUE(card.ok());
-    ASSERT_EQ(runShell("cp --sparse=always " + shellQuote(pristine.image()) + " " +
-                       shellQuote(card.image()))
-                  .status,
-              0);
+    ASSERT_TRUE(card.copyFrom(pristine));
     FatImage img(card);
     auto delta = *img.find(img.rootCluster(), "delta dir");
     // Garbage over the root's second cluster and the folder's records after its dot entries,
@@ -569,11 +503,11 @@ TEST(LoadTree, RandomDirectoryBytesAreSurvivedAndRepairedOnce) {
       if (rng() % 2) r[26] = r[27] = 0;
       img.putRecord(off, r);
     }
-    Loaded l = load(card);
+    Loaded l = velt::test::loadCard(card);
     ASSERT_EQ(l.error, 0) << l.log;
     EXPECT_NE(l.log.find("modified, flush now"), std::string::npos);
     l.volume.reset();
-    Loaded again = load(card);
+    Loaded again = velt::test::loadCard(card);
     ASSERT_EQ(again.error, 0) << again.log;
     EXPECT_EQ(again.log.find("modified, flush now"), std::string::npos) << again.log;
   }

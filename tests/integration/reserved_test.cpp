@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_endian.h"
@@ -31,31 +31,16 @@ class ReservedTest : public ::testing::Test {
     card_ = std::make_unique<CardImage>(spec);
     ASSERT_TRUE(card_->ok()) << card_->error();
     scope_ = std::make_unique<CardImage::RootScope>(*card_);
-    FormatInfo info;
-    info.folder_count = 1;
-    strcpy(info.folders[0].name, "REC");
-    info.folders[0].percent = 25;
-    info.folders[0].size_mb = kFileBytes >> 20;
-    testing::internal::CaptureStdout();
-    {
-      int error = 0;
-      auto volume = VELT::create(card_->devicePath(), 0, kVELTOpFormat, 0, &error);
-      ASSERT_NE(volume, nullptr) << error;
-      volume->skip_umount_ = true;
-      ASSERT_EQ(volume->format(info, kVELTFormatModeN, nullptr), 0);
-    }
-    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(formatCard(*card_, formatInfo({{"REC", 25, kFileBytes >> 20}})), 0);
     load();
   }
 
   void load() {
     folder_.reset();
     volume_.reset();
-    int error = 0;
-    testing::internal::CaptureStdout();
-    volume_ = VELT::create(card_->devicePath(), 0, kVELTOpMount, 0, &error);
-    testing::internal::GetCapturedStdout();
-    ASSERT_NE(volume_, nullptr) << error;
+    Loaded l = loadCard(*card_);
+    volume_ = std::move(l.volume);
+    ASSERT_NE(volume_, nullptr) << l.error;
     folder_ = volume_->findEntry("/REC");
     ASSERT_NE(folder_, nullptr);
     ASSERT_NE(folder_->velt_folder_, nullptr);

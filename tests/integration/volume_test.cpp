@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
@@ -25,16 +25,6 @@ using Entry = velt::VELT::DirEntry;
 
 namespace {
 
-std::string content(size_t size, unsigned seed) {
-  std::string s(size, '\0');
-  uint32_t x = seed * 2654435761u + 1;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1103515245u + 12345u;
-    s[i] = static_cast<char>(x >> 16);
-  }
-  return s;
-}
-
 // What a card should hold: folders and files by path.
 struct Layout {
   std::set<std::string> dirs{"/"};
@@ -45,34 +35,21 @@ class Filler {
  public:
   explicit Filler(const CardImage& card) : card_(card) {}
   void mkdir(Layout& l, const std::string& path) {
-    auto r = card_.mtools("mmd " + shellQuote("::" + path));
-    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+    card_.mkdir(path);
     l.dirs.insert(path);
   }
   void put(Layout& l, const std::string& path, const std::string& bytes) {
-    std::string host = card_.dir() + "/src" + std::to_string(n_++);
-    std::ofstream(host, std::ios::binary) << bytes;
-    auto r = card_.mtools("mcopy -o " + shellQuote(host) + " " + shellQuote("::" + path));
-    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
-    unlink(host.c_str());
+    card_.put(path, bytes);
     l.files[path] = bytes;
   }
   void del(Layout& l, const std::string& path) {
-    auto r = card_.mtools("mdel " + shellQuote("::" + path));
-    EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+    card_.del(path);
     l.files.erase(path);
   }
-  // Points the FSInfo allocation hint at the start, so the tools fill holes first.
-  void rewindAllocationHint() {
-    std::string fsinfo = card_.readBytes(card_.partitionOffset() + 512, 512);
-    fsinfo[492] = 2;
-    fsinfo[493] = fsinfo[494] = fsinfo[495] = 0;
-    card_.writeBytes(card_.partitionOffset() + 512, fsinfo);
-  }
+  void rewindAllocationHint() { card_.rewindAllocationHint(); }
 
  private:
   const CardImage& card_;
-  int n_ = 0;
 };
 
 std::string parentOf(const std::string& path) {
@@ -97,14 +74,6 @@ std::string readAll(velt::VELT& v, const std::shared_ptr<Entry>& e) {
   if (got < 0) return "<read error " + std::to_string(got) + ">";
   out.resize(static_cast<size_t>(got));
   return out;
-}
-
-int runsOf(const Entry& e) {
-  int runs = e.cluster_map_.empty() ? 0 : 1;
-  for (size_t i = 1; i < e.cluster_map_.size(); ++i) {
-    runs += e.cluster_map_[i] != e.cluster_map_[i - 1] + 1;
-  }
-  return runs;
 }
 
 // Checks every folder's children and every file's size and bytes.
@@ -164,35 +133,36 @@ TEST(VolumeTree, WhatTheToolsWroteIsWhatTheLibraryReads) {
     fill.mkdir(l, "/empty folder");
     fill.put(l, "/empty.txt", "");
     fill.put(l, "/a/one.bin", "x");
-    fill.put(l, "/a/b/cluster.bin", content(cl, 1));
-    fill.put(l, "/a/b/c/d/cluster+1.bin", content(cl + 1, 2));
-    fill.put(l, "/a/b/c/d/cluster-1.bin", content(cl - 1, 3));
-    fill.put(l, "/README.TXT", content(100, 4));
-    fill.put(l, "/lower.txt", content(700, 5));
-    fill.put(l, "/Ünïcödé Ördner/日本語のファイル名.dat", content(3 * cl + 17, 6));
-    fill.put(l, "/Ünïcödé Ördner/Größe €.txt", content(20, 7));
+    fill.put(l, "/a/b/cluster.bin", velt::test::patternBytes(cl, 1));
+    fill.put(l, "/a/b/c/d/cluster+1.bin", velt::test::patternBytes(cl + 1, 2));
+    fill.put(l, "/a/b/c/d/cluster-1.bin", velt::test::patternBytes(cl - 1, 3));
+    fill.put(l, "/README.TXT", velt::test::patternBytes(100, 4));
+    fill.put(l, "/lower.txt", velt::test::patternBytes(700, 5));
+    fill.put(l, "/Ünïcödé Ördner/日本語のファイル名.dat", velt::test::patternBytes(3 * cl + 17, 6));
+    fill.put(l, "/Ünïcödé Ördner/Größe €.txt", velt::test::patternBytes(20, 7));
     fill.put(l,
              "/A folder with a long name and spaces/"
              "a very long file name that needs many long-name records, more than ten of them, "
              "to be stored 0123456789.txt",
-             content(5000, 8));
-    fill.put(l, "/a/b/c/d/.hidden", content(3, 9));
+             velt::test::patternBytes(5000, 8));
+    fill.put(l, "/a/b/c/d/.hidden", velt::test::patternBytes(3, 9));
     // A folder whose records fill several clusters.
     fill.mkdir(l, "/many");
     for (int i = 0; i < 40; ++i) {
-      fill.put(l, "/many/file number " + std::to_string(i) + ".dat", content(i * 37, 100 + i));
+      fill.put(l, "/many/file number " + std::to_string(i) + ".dat",
+               velt::test::patternBytes(i * 37, 100 + i));
     }
     // Fragmented files: holes left by deleted files, refilled once the hint points back.
     fill.mkdir(l, "/frag");
     for (int i = 0; i < 6; ++i) {
-      fill.put(l, "/frag/piece" + std::to_string(i), content(3 * cl, 200 + i));
+      fill.put(l, "/frag/piece" + std::to_string(i), velt::test::patternBytes(3 * cl, 200 + i));
     }
     for (int i = 1; i < 6; i += 2) fill.del(l, "/frag/piece" + std::to_string(i));
     fill.rewindAllocationHint();
-    fill.put(l, "/frag/spread.bin", content(10 * cl + 123, 300));
+    fill.put(l, "/frag/spread.bin", velt::test::patternBytes(10 * cl + 123, 300));
     fill.del(l, "/frag/piece2");
     fill.rewindAllocationHint();
-    fill.put(l, "/frag/rewritten.bin", content(4 * cl + 1, 301));
+    fill.put(l, "/frag/rewritten.bin", velt::test::patternBytes(4 * cl + 1, 301));
     ASSERT_EQ(card.fsck().status, 0) << card.fsck().out;
 
     int error = -100;
@@ -202,8 +172,8 @@ TEST(VolumeTree, WhatTheToolsWroteIsWhatTheLibraryReads) {
     expectLayout(*v, l);
 
     // The fragmented files really are in several pieces.
-    EXPECT_GE(runsOf(*v->findEntry("/frag/spread.bin")), 3);
-    EXPECT_GE(runsOf(*v->findEntry("/frag/rewritten.bin")), 2);
+    EXPECT_GE(velt::test::clusterRuns(*v->findEntry("/frag/spread.bin")), 3);
+    EXPECT_GE(velt::test::clusterRuns(*v->findEntry("/frag/rewritten.bin")), 2);
     // Names resolve in any letter case; short names too.
     EXPECT_EQ(v->findEntry("/A/B/C/D/CLUSTER+1.BIN"), v->findEntry("/a/b/c/d/cluster+1.bin"));
     EXPECT_EQ(v->findEntry("/readme.txt"), v->findEntry("/README.TXT"));

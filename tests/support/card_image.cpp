@@ -1,10 +1,13 @@
 #include "card_image.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <regex>
+#include <sstream>
 
 namespace velt::test {
 
@@ -36,8 +39,8 @@ CardImage::CardImage(const CardSpec& spec) : spec_(spec) {
       return;
     }
   }
-  int fd = open((root() + "/dev/mmcblk0p" + std::to_string(spec.slot)).c_str(),
-                O_CREAT | O_WRONLY, 0600);
+  int fd = open((root() + "/dev/mmcblk0p" + std::to_string(spec.slot)).c_str(), O_CREAT | O_WRONLY,
+                0600);
   if (fd >= 0) close(fd);
 }
 
@@ -82,6 +85,59 @@ void CardImage::writeBytes(int64_t offset, const std::string& bytes) const {
   ssize_t n = pwrite(fd, bytes.data(), bytes.size(), offset);
   (void)n;
   close(fd);
+}
+
+std::string CardImage::contents() const {
+  return readBytes(0, static_cast<size_t>(spec_.size_mb) << 20);
+}
+
+bool CardImage::copyFrom(const CardImage& other) const {
+  return runShell("cp --sparse=always " + shellQuote(other.image()) + " " + shellQuote(image()))
+             .status == 0;
+}
+
+void CardImage::put(const std::string& path, const std::string& bytes) const {
+  std::string host = dir() + "/put.bin";
+  std::ofstream(host, std::ios::binary) << bytes;
+  ShellResult r = mtools("mcopy -o " + shellQuote(host) + " " + shellQuote("::" + path));
+  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+  unlink(host.c_str());
+}
+
+void CardImage::mkdir(const std::string& path) const {
+  ShellResult r = mtools("mmd " + shellQuote("::" + path));
+  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+}
+
+void CardImage::del(const std::string& path) const {
+  ShellResult r = mtools("mdel " + shellQuote("::" + path));
+  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+}
+
+std::string CardImage::type(const std::string& path) const {
+  // Through a file: the shell's capture is for text.
+  std::string host = dir() + "/typed.bin";
+  ShellResult r = mtools("mtype " + shellQuote("::" + path) + " > " + shellQuote(host));
+  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+  std::ifstream in(host, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  unlink(host.c_str());
+  return ss.str();
+}
+
+void CardImage::rewindAllocationHint() const {
+  writeBytes(partition_offset_ + 512 + 492, std::string("\x02\0\0\0", 4));
+}
+
+std::string patternBytes(size_t size, unsigned seed) {
+  std::string s(size, '\0');
+  uint32_t x = seed * 2654435761u + 7;
+  for (size_t i = 0; i < size; ++i) {
+    x = x * 1664525u + 1013904223u;
+    s[i] = static_cast<char>(x >> 24);
+  }
+  return s;
 }
 
 CardImage::RootScope::RootScope(const CardImage& card) {

@@ -13,8 +13,8 @@ namespace velt::test {
 struct CardSpec {
   int64_t size_mb = 300;
   int sectors_per_cluster = 8;
-  int slot = 1;  // partition number; slots before it get a small non-FAT partition
-  std::string label;  // empty: none
+  int slot = 1;        // partition number; slots before it get a small non-FAT partition
+  std::string label;   // empty: none
   bool format = true;  // false: partition table only
 };
 
@@ -42,6 +42,18 @@ class CardImage {
   // Reads or writes bytes of the image at an absolute offset.
   std::string readBytes(int64_t offset, size_t size) const;
   void writeBytes(int64_t offset, const std::string& bytes) const;
+  // The whole image.
+  std::string contents() const;
+  // Makes this image a copy of `other`'s (same spec); false when the copy fails.
+  bool copyFrom(const CardImage& other) const;
+
+  // mtools shortcuts on "::path"; a failing tool fails the test.
+  void put(const std::string& path, const std::string& bytes) const;  // mcopy -o
+  void mkdir(const std::string& path) const;                          // mmd
+  void del(const std::string& path) const;                            // mdel
+  std::string type(const std::string& path) const;                    // mtype, byte for byte
+  // Points the FSInfo allocation hint at cluster 2, so the tools fill holes first.
+  void rewindAllocationHint() const;
 
   // Points VELT_ROOT at this card's sandbox while it lives.
   class RootScope {
@@ -60,6 +72,9 @@ class CardImage {
   int64_t partition_offset_ = 0;
   std::string error_;
 };
+
+// `size` reproducible pseudo-random bytes, different for each seed.
+std::string patternBytes(size_t size, unsigned seed);
 
 // Parses "  N bytes per cluster"-style lines of `fsck.fat -v` into named numbers:
 // bytes_per_sector, bytes_per_cluster, reserved_sectors, fats, fat_sectors, data_sector,

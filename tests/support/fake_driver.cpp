@@ -1,9 +1,12 @@
 #include "fake_driver.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstring>
+
+#include "fs/velt_dirent.h"
 
 namespace velt_test {
 
@@ -57,6 +60,49 @@ bool FakeVolume::formatInMemory() {
   if (v.mbr_->getFAT32Partition(1, &p) < 0) return false;
   v.pbr_ = new velt::PBR(&v, 1, &p);
   return v.pbr_->format() == 0;
+}
+
+FakeCard::FakeCard() : f(131072) {
+  EXPECT_TRUE(f.formatInMemory());
+  v = f.volume.get();
+  pbr = v->pbr_;
+  root = std::make_shared<velt::VELT::DirEntry>(v);
+  root->is_dir_ = true;
+  root->attr_ = velt::kAttrDirectory;
+  root->start_cluster_ = pbr->root_cluster_;
+  pbr->setClusterChainUsed(pbr->root_cluster_);  // reached by the tree, as loading marks it
+  EXPECT_EQ(root->loadClusterMap(), 0);
+  root->entry_map_.assign(perCluster(), 0);
+  v->root_ = root;
+}
+
+FakeCard::~FakeCard() {
+  std::lock_guard<std::mutex> lock(v->response_mutex_);
+  for (auto* item : v->responses_) delete item;
+  v->responses_.clear();
+}
+
+std::string FakeCard::rec(int64_t off) {
+  std::string r(32, '\0');
+  EXPECT_EQ(v->read(r.data(), 32, off), 32);
+  return r;
+}
+
+std::string FakeCard::slot(velt::VELT::DirEntry& dir, int index) {
+  return rec(dir.entryIndexToDiskOffset(index));
+}
+
+std::shared_ptr<velt::VELT::DirEntry> FakeCard::create(const char* name, bool is_dir,
+                                                       std::shared_ptr<velt::VELT::DirEntry> dir) {
+  int err = 0;
+  auto e = (dir ? dir : root)->createChild(name, false, is_dir, nullptr, &err);
+  EXPECT_NE(e, nullptr) << name << ": " << err;
+  return e;
+}
+
+std::vector<uint8_t> FakeCard::snapshot() {
+  v->flush();
+  return *f.disk;
 }
 
 }  // namespace velt_test

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "fs/velt.h"
@@ -54,8 +55,28 @@ struct FakeVolume {
   // Lays a FAT32 file system (in memory only) over the fake card: MBR and PBR formatted.
   bool formatInMemory();
   std::shared_ptr<velt::VELT> volume;
-  FakeDriver* driver;  // owned by the volume
+  FakeDriver* driver;                          // owned by the volume
   std::shared_ptr<std::vector<uint8_t>> disk;  // the driver's sectors
+};
+
+// A 64 MiB fake card formatted in memory (16 KiB clusters: 512 slots each) with an empty root,
+// marked used as loading leaves it.
+struct FakeCard {
+  FakeCard();
+  ~FakeCard();                   // deletes the replies a test produced and did not take
+  std::string rec(int64_t off);  // the 32-byte record at a card offset
+  std::string slot(velt::VELT::DirEntry& dir, int index);
+  size_t perCluster() const { return pbr->cluster_length_ / 32; }
+  // A child of `dir` (the root by default); a failure fails the test.
+  std::shared_ptr<velt::VELT::DirEntry> create(const char* name, bool is_dir = false,
+                                               std::shared_ptr<velt::VELT::DirEntry> dir = nullptr);
+  // Everything the card holds, pending writes included.
+  std::vector<uint8_t> snapshot();
+
+  FakeVolume f;
+  velt::VELT* v;
+  velt::PBR* pbr;
+  std::shared_ptr<velt::VELT::DirEntry> root;
 };
 
 }  // namespace velt_test

@@ -14,56 +14,10 @@
 #include "fs/velt_file.h"
 
 using velt::VELT;
-using velt_test::FakeVolume;
+using Card = velt_test::FakeCard;
 using Entry = std::shared_ptr<VELT::DirEntry>;
 
 namespace {
-
-// 64 MiB card formatted in memory (16 KiB clusters) with an empty root.
-struct Card {
-  Card() : f(131072) {
-    EXPECT_TRUE(f.formatInMemory());
-    v = f.volume.get();
-    pbr = v->pbr_;
-    root = std::make_shared<VELT::DirEntry>(v);
-    root->is_dir_ = true;
-    root->attr_ = velt::kAttrDirectory;
-    root->start_cluster_ = pbr->root_cluster_;
-    pbr->setClusterChainUsed(pbr->root_cluster_);  // reached by the tree, as loading marks it
-    EXPECT_EQ(root->loadClusterMap(), 0);
-    root->entry_map_.assign(pbr->cluster_length_ / 32, 0);
-    v->root_ = root;
-  }
-  ~Card() {
-    // Replies the tests produced and did not take.
-    std::lock_guard<std::mutex> lock(v->response_mutex_);
-    for (auto* item : v->responses_) delete item;
-    v->responses_.clear();
-  }
-  std::string rec(int64_t off) {
-    std::string r(32, '\0');
-    EXPECT_EQ(v->read(r.data(), 32, off), 32);
-    return r;
-  }
-  std::string slot(VELT::DirEntry& dir, int index) {
-    return rec(dir.entryIndexToDiskOffset(index));
-  }
-  Entry create(const char* name, bool is_dir = false, Entry dir = nullptr) {
-    int err = 0;
-    Entry e = (dir ? dir : root)->createChild(name, false, is_dir, nullptr, &err);
-    EXPECT_NE(e, nullptr) << name << ": " << err;
-    return e;
-  }
-  // Everything the card holds, pending writes included.
-  std::vector<uint8_t> snapshot() {
-    v->flush();
-    return *f.disk;
-  }
-  FakeVolume f;
-  VELT* v;
-  velt::PBR* pbr;
-  Entry root;
-};
 
 uint8_t u8(const std::string& s, size_t i) {
   return static_cast<uint8_t>(s[i]);

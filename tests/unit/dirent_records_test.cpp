@@ -11,34 +11,10 @@
 #include "fs/velt_endian.h"
 
 using velt::VELT;
-using velt_test::FakeVolume;
+using Card = velt_test::FakeCard;
 using Entry = std::shared_ptr<VELT::DirEntry>;
 
 namespace {
-
-struct Card {
-  Card() : f(131072) {
-    EXPECT_TRUE(f.formatInMemory());
-    v = f.volume.get();
-    pbr = v->pbr_;
-    root = std::make_shared<VELT::DirEntry>(v);
-    root->is_dir_ = true;
-    root->name_ = "";
-    root->start_cluster_ = pbr->root_cluster_;
-    pbr->setClusterChainUsed(pbr->root_cluster_);
-    EXPECT_EQ(root->loadClusterMap(), 0);
-    root->entry_map_.assign(pbr->cluster_length_ / 32, 0);
-  }
-  std::string rec(int64_t off) {
-    std::string r(32, '\0');
-    EXPECT_EQ(v->read(r.data(), 32, off), 32);
-    return r;
-  }
-  FakeVolume f;
-  VELT* v;
-  velt::PBR* pbr;
-  Entry root;
-};
 
 // A short-name record: name, attribute, cluster and size; times 2010-05-06 07:08:10.
 std::vector<uint8_t> record(const char* name11, uint8_t attr, uint32_t cluster, uint32_t size) {

@@ -15,38 +15,7 @@
 #include "fs/velt_endian.h"
 
 using velt::VELT;
-using velt_test::FakeVolume;
-
-namespace {
-
-// 64 MiB card formatted in memory (16 KiB clusters: 512 slots each) with an empty root.
-struct Card {
-  Card() : f(131072) {
-    EXPECT_TRUE(f.formatInMemory());
-    v = f.volume.get();
-    pbr = v->pbr_;
-    root = std::make_shared<VELT::DirEntry>(v);
-    root->is_dir_ = true;
-    root->attr_ = velt::kAttrDirectory;
-    root->start_cluster_ = pbr->root_cluster_;
-    pbr->setClusterChainUsed(pbr->root_cluster_);  // reached by the tree, as loading marks it
-    EXPECT_EQ(root->loadClusterMap(), 0);
-    root->entry_map_.assign(perCluster(), 0);
-    v->root_ = root;
-  }
-  size_t perCluster() const { return pbr->cluster_length_ / 32; }
-  std::string slot(VELT::DirEntry& dir, int index) {
-    std::string r(32, '\0');
-    EXPECT_EQ(v->read(r.data(), 32, dir.entryIndexToDiskOffset(index)), 32);
-    return r;
-  }
-  FakeVolume f;
-  VELT* v;
-  velt::PBR* pbr;
-  std::shared_ptr<VELT::DirEntry> root;
-};
-
-}  // namespace
+using Card = velt_test::FakeCard;
 
 TEST(DirentSlots, FirstFitAndItsLimits) {
   Card c;

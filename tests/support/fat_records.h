@@ -166,15 +166,19 @@ class FatImage {
       e.sfn = off;
       e.lfn = lfn;
       e.cluster = (getLe(r, 20, 2) << 16) | getLe(r, 26, 2);
-      std::string base = r.substr(0, 8), ext = r.substr(8, 3);
-      base.erase(base.find_last_not_of(' ') + 1);
-      ext.erase(ext.find_last_not_of(' ') + 1);
-      e.name = lfn.empty() ? (ext.empty() ? base : base + "." + ext) : lname;
+      e.name = lfn.empty() ? shortName(off) : lname;
       out.push_back(e);
       lfn.clear();
       lname.clear();
     }
     return out;
+  }
+  // The short name of a record as "BASE.EXT".
+  std::string shortName(int64_t sfn) const {
+    std::string r = record(sfn), base = r.substr(0, 8), ext = r.substr(8, 3);
+    base.erase(base.find_last_not_of(' ') + 1);
+    ext.erase(ext.find_last_not_of(' ') + 1);
+    return ext.empty() ? base : base + "." + ext;
   }
   std::optional<Entry> find(uint32_t dir_cluster, const std::string& name) const {
     for (const Entry& e : entries(dir_cluster)) {
