@@ -137,31 +137,43 @@ TEST_F(Channel, RecordingIntoAReservedFolderIsReadBackWhileItIsWritten) {
   const int r = reader.open(file, 0, 5000);
   ASSERT_GE(r, 3);
 
+  // The first read comes before any data: it waits in the daemon.
+  ASSERT_EQ(reader.sendRead(r, 0, 1 << 20), 0);
+  ASSERT_TRUE(waitForOutput(") pending (file entry size: 83886080, real size: 0)"))
+      << daemon_.out();
+
   // Records of one pipe page each, so the two clients' records never mix; the daemon merges
-  // them into large writes. The first publishes the reserved file.
+  // them into large writes. The first publishes the reserved file. Every 8 MiB the writer
+  // lets the reader catch up, so that its next read waits for data again.
+  constexpr int64_t kPause = 8ll << 20;
+  std::atomic<int64_t> read_so_far{0};
   std::atomic<bool> writer_ok{true};
   std::thread writing([&] {
     constexpr uint32_t kRecord = 4096 - velt::kDirectHeaderSize;
     std::vector<uint8_t> data(kRecord);
     for (int64_t off = 0; off < kStreamBytes; off += kRecord) {
       const uint32_t n = static_cast<uint32_t>(std::min<int64_t>(kRecord, kStreamBytes - off));
+      if (off / kPause != (off + n) / kPause && off + n < kStreamBytes) {
+        for (int i = 0; i < 3000 && read_so_far < off; ++i) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      }
       fillPattern(data.data(), off, n);
       if (writer.write(w, off, data.data(), n, 0, off == 0 ? velt::kDirectFlagSecure : 0u) != 0) {
         writer_ok = false;
         return;
       }
-      // Slow enough that the reader catches up and has to wait now and then.
-      if (off % (4 << 20) < kRecord) std::this_thread::sleep_for(std::chrono::milliseconds(40));
     }
     writer_ok = writer.close(w) == 0;
   });
 
   int64_t got = 0;
-  int replies = 0;
   bool mismatch = false;
   std::vector<uint8_t> chunk;
-  while (got < kStreamBytes && !mismatch) {
-    int result = reader.read(r, got, 1 << 20, &chunk, false, 30000);
+  for (bool first = true; got < kStreamBytes && !mismatch; first = false) {
+    int result = first ? reader.waitRead(r, 0, &chunk, false, 30000)
+                       : reader.read(r, got, 1 << 20, &chunk, false, 30000);
     if (result != 0 || chunk.empty()) {
       ADD_FAILURE() << "read at " << got << ": " << result;
       break;
@@ -174,13 +186,13 @@ TEST_F(Channel, RecordingIntoAReservedFolderIsReadBackWhileItIsWritten) {
       }
     }
     got += static_cast<int64_t>(chunk.size());
-    ++replies;
+    read_so_far = got;
   }
   writing.join();
   EXPECT_TRUE(writer_ok);
   EXPECT_EQ(got, kStreamBytes);
-  EXPECT_GT(count(daemon_.out(), ") pending (file entry size: "), 0)
-      << "some reads had to wait for data";
+  EXPECT_GT(count(daemon_.out(), ") pending (file entry size: "), 1)
+      << "reads at the end of the data wait for it";
   EXPECT_TRUE(reader.takeErrors().empty());
   EXPECT_EQ(reader.getSize(r, true, 5000), kStreamBytes);
   EXPECT_EQ(reader.closeAndWait(r, 0, 10000), 0);
