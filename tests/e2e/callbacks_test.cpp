@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fs/velt.h"
 #include "fs/velt_fuse.h"
 
@@ -35,19 +35,15 @@ class Callbacks : public ::testing::Test {
     card_ = std::make_unique<CardImage>(spec);
     ASSERT_TRUE(card_->ok()) << card_->error();
     // A read-only file, a folder with a file, made by another FAT implementation.
-    ASSERT_EQ(card_->mtools("mmd ::/dir").status, 0);
-    ASSERT_EQ(runShell("printf 0123456789 > " + shellQuote(card_->dir() + "/ten")).status, 0);
-    ASSERT_EQ(
-        card_->mtools("mcopy " + shellQuote(card_->dir() + "/ten") + " ::/dir/ten.txt").status, 0);
-    ASSERT_EQ(card_->mtools("mcopy " + shellQuote(card_->dir() + "/ten") + " ::/locked.txt").status,
-              0);
+    card_->mkdir("/dir");
+    card_->put("/dir/ten.txt", "0123456789");
+    card_->put("/locked.txt", "0123456789");
     ASSERT_EQ(card_->mtools("mattrib +r ::/locked.txt").status, 0);
 
     scope_ = std::make_unique<CardImage::RootScope>(*card_);
-    int error = -1;
-    std::shared_ptr<VELT> volume = VELT::create("/dev/mmcblk0p1", 0, kVELTOpMount, 0, &error);
-    ASSERT_TRUE(volume) << error;
-    VELTFuse::setVolume(volume);
+    Loaded l = loadCard(*card_);
+    ASSERT_TRUE(l.volume) << l.error;
+    VELTFuse::setVolume(l.volume);
   }
   void TearDown() override {
     VELTFuse::setVolume(nullptr);

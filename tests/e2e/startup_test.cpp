@@ -167,26 +167,24 @@ TEST(Startup, VolumeRejectedByInitEndsTheLoopAndUnmounts) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TestCard card;
-    if (c.with_card) {
-      ASSERT_TRUE(card.create(CardKind::kPlain)) << card.error();
-    } else {
-      ASSERT_TRUE(card.create(CardKind::kPlain)) << card.error();
-      std::filesystem::remove(card.image());
-    }
-    std::ofstream(card.veltRoot() + "/dev/sda1");
-    std::ofstream(card.veltRoot() + "/dev/mmcblk0p2");
+    CardImage card;
+    ASSERT_TRUE(card.ok()) << card.error();
+    if (!c.with_card) std::filesystem::remove(card.image());
+    std::ofstream(card.root() + "/dev/sda1");
+    std::ofstream(card.root() + "/dev/mmcblk0p2");
+    const std::string mnt = card.dir() + "/mnt";
+    std::filesystem::create_directories(mnt);
     std::vector<std::string> args{"-f"};
     args.insert(args.end(), c.args.begin(), c.args.end());
-    args.push_back(card.mountPoint());
-    DaemonExit r = runDaemonToExit(args, card.veltRoot());
+    args.push_back(mnt);
+    DaemonExit r = runDaemonToExit(args, card.root());
     ASSERT_TRUE(r.exited) << r.out << r.err;
     // The loop was left on request, not because of an error.
     EXPECT_EQ(r.status, 0);
     EXPECT_TRUE(contains(r.out, c.log)) << r.out;
     EXPECT_EQ(r.err, "VELT init failed\n");
     EXPECT_FALSE(contains(r.out, "free space:"));
-    EXPECT_FALSE(isMounted(card.mountPoint()));
+    EXPECT_FALSE(isMounted(mnt));
   }
 }
 

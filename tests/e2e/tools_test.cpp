@@ -31,22 +31,7 @@ std::string q(const std::string& s) {
 
 void writeFile(const std::string& path, const std::string& data) {
   fs::create_directories(fs::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary);
-  out << data;
-}
-
-std::string randomBytes(size_t n, unsigned seed) {
-  std::mt19937 gen(seed);
-  std::string s(n, '\0');
-  for (char& c : s) c = static_cast<char>(gen() & 0xFF);
-  return s;
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
+  writeFileBytes(path, data);
 }
 
 // Runs a shell command that must succeed without a word on standard error.
@@ -67,11 +52,11 @@ struct SourceTree {
     };
     add("docs/Readme.md", "read me\n");
     add("docs/a file name long enough to need many long-name records, 100 characters.txt",
-        randomBytes(5000, 1));
+        patternBytes(5000, 1));
     add("docs/MiXeD.CaSe.TxT", "mixed\n");
-    add("Ünïcødé/файл.txt", randomBytes(3000, 2));
-    add("Ünïcødé/日本語のファイル.dat", randomBytes(700, 3));
-    add("Ünïcødé/note 🎵.bin", randomBytes(90, 4));
+    add("Ünïcødé/файл.txt", patternBytes(3000, 2));
+    add("Ünïcødé/日本語のファイル.dat", patternBytes(700, 3));
+    add("Ünïcødé/note 🎵.bin", patternBytes(90, 4));
     for (int i = 1; i <= 12; ++i) {
       add("collide/LongFileName" + std::to_string(i) + ".txt", "n" + std::to_string(i) + "\n");
     }
@@ -79,10 +64,10 @@ struct SourceTree {
     add("collide/long file name.txt", "spaces\n");
     add("sizes/empty", "");
     add("sizes/one", "x");
-    add("sizes/cluster-1", randomBytes(cluster - 1, 5));
-    add("sizes/cluster", randomBytes(cluster, 6));
-    add("sizes/cluster+1", randomBytes(cluster + 1, 7));
-    add("sizes/big", randomBytes((1 << 20) + 7, 8));
+    add("sizes/cluster-1", patternBytes(cluster - 1, 5));
+    add("sizes/cluster", patternBytes(cluster, 6));
+    add("sizes/cluster+1", patternBytes(cluster + 1, 7));
+    add("sizes/big", patternBytes((1 << 20) + 7, 8));
     add("deep/a/b/c/d/e/leaf.txt", "deep\n");
     fs::create_directories(root + "/emptydir");
   }
@@ -157,7 +142,7 @@ TEST_P(Tools, CopyTreeInAndOutAndReadItBackWithMtools) {
   std::string listing = mustRun("ls " + q(copy + "/collide"));
   EXPECT_NE(listing.find("LongFileName12.txt\n"), std::string::npos) << listing;
   EXPECT_NE(listing.find("longfilename.TXT\n"), std::string::npos) << listing;
-  EXPECT_EQ(readFile(copy + "/DOCS/mixed.case.txt"), "mixed\n");
+  EXPECT_EQ(readFileBytes(copy + "/DOCS/mixed.case.txt"), "mixed\n");
 
   mounted_.unmountAndCheck();
   // Another FAT implementation reads the same tree.
@@ -182,8 +167,8 @@ TEST_P(Tools, MkdirMoveRemoveAndTimesSurviveARemount) {
   mustRun("mv -f " + q(mounted_.path("x/y/b.txt")) + " " + q(mounted_.path("x/y/z/c.txt")));
   mustRun("mv " + q(mounted_.path("x/y/z")) + " " + q(mounted_.path("moved")));
   EXPECT_EQ(mustRun("ls " + q(mounted_.path("moved"))), "c.txt\nkeep.txt\nrenamed.txt\n");
-  EXPECT_EQ(readFile(mounted_.path("moved/c.txt")), "BB");
-  EXPECT_EQ(readFile(mounted_.path("moved/renamed.txt")), "AAAA");
+  EXPECT_EQ(readFileBytes(mounted_.path("moved/c.txt")), "BB");
+  EXPECT_EQ(readFileBytes(mounted_.path("moved/renamed.txt")), "AAAA");
   EXPECT_EQ(mustRun("ls -A " + q(mounted_.path("x/y"))), "");
   EXPECT_NE(access(mounted_.path("x/y/z").c_str(), F_OK), 0);
 
@@ -223,7 +208,7 @@ TEST_P(Tools, MkdirMoveRemoveAndTimesSurviveARemount) {
             GetParam() == CardKind::kVelt ? "REC\nmoved\n" : "moved\n");
   EXPECT_EQ(mustRun("ls " + q(mounted_.path("moved"))), "keep.txt\nnew-empty\nrenamed.txt\n");
   EXPECT_EQ(mustRun("stat -c %Y " + q(mounted_.path("moved/keep.txt"))), expected);
-  EXPECT_EQ(readFile(mounted_.path("moved/renamed.txt")), "AAAA");
+  EXPECT_EQ(readFileBytes(mounted_.path("moved/renamed.txt")), "AAAA");
   mounted_.unmountAndCheck();
 
   ShellResult r = mounted_.mtools("mtype ::/moved/renamed.txt");

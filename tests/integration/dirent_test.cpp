@@ -375,45 +375,6 @@ TEST(DirentCard, MovedDirectoryParentLinkPassesFsck) {
   EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
 }
 
-TEST(DirentCard, DeletionRefusalsLeaveTheCardUnchanged) {
-  CardImage card(smallClusters());
-  ASSERT_TRUE(card.ok()) << card.error();
-  Volume vol(card);
-  ASSERT_NE(vol.v, nullptr);
-  Entry full = vol.create(vol.root, "full", true);
-  Entry inside = vol.create(full, "inside.txt");
-  Entry open = vol.create(vol.root, "open.txt");
-  Entry rec = vol.create(vol.root, "rec", true);
-  ASSERT_TRUE(full && inside && open && rec);
-  vol.fill(inside, "inside", time(nullptr));
-  vol.fill(open, "open", time(nullptr));
-  auto file = std::make_shared<VELT::File>(vol.v.get(), 5, false, false, true, open.get());
-  ASSERT_EQ(open->addFile(file), 0);
-  velt::ReservedFolderDesc desc;
-  rec->velt_folder_ = &desc;
-
-  vol.v->flush();
-  const std::string image = card.readBytes(0, 64 << 20);
-  EXPECT_EQ(vol.root->delChild(full), -ENOTEMPTY);
-  EXPECT_EQ(vol.root->delChild(open), -EBUSY);
-  EXPECT_EQ(vol.root->delChild(rec), -EACCES);
-  vol.v->flush();
-  EXPECT_TRUE(card.readBytes(0, 64 << 20) == image) << "the card changed";
-
-  // Once closed and emptied, both go.
-  rec->velt_folder_ = nullptr;
-  ASSERT_EQ(open->removeFile(file), 0);
-  EXPECT_EQ(vol.root->delChild(open), 0);
-  EXPECT_EQ(full->delChild(inside), 0);
-  EXPECT_EQ(vol.root->delChild(full), 0);
-  vol.close();
-  Listing l = listCard(card);
-  EXPECT_EQ(l.count("::"), 1u);
-  EXPECT_NE(l.find("::", "rec"), nullptr);
-  auto fsck = card.fsck("-n");
-  EXPECT_EQ(fsck.status, 0) << fsck.out << fsck.err;
-}
-
 TEST(DirentCard, ConcurrentCreatorsInOneDirectory) {
   CardImage card(smallClusters());
   ASSERT_TRUE(card.ok()) << card.error();

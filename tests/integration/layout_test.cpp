@@ -5,25 +5,18 @@
 #include <regex>
 #include <string>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fs/velt.h"
 #include "fs/velt_endian.h"
 
 using velt::test::CardImage;
 using velt::test::CardSpec;
+using velt::test::Loaded;
 
 namespace {
 
-struct Loaded {
-  int error = 0;
-  std::shared_ptr<velt::VELT> volume;
-};
-
 Loaded load(const CardImage& card, int mode = velt::kVELTOpMount) {
-  CardImage::RootScope scope(card);
-  Loaded l;
-  l.volume = velt::VELT::create(card.devicePath(), 0, mode, 0, &l.error);
-  return l;
+  return velt::test::loadCard(card, mode);
 }
 
 int64_t minfoField(const std::string& out, const std::string& re) {
@@ -78,6 +71,8 @@ TEST(CardLayout, GeometryMatchesTheFatTools) {
     EXPECT_GE(pbr.fat1_[2], 0x0FFFFFF8u);
     EXPECT_EQ(pbr.fat1_[3], 0u);
     EXPECT_FALSE(pbr.fat_damaged_);
+    EXPECT_EQ(l.volume->init(), -1) << "a loaded volume is not loaded again";
+    EXPECT_EQ(l.volume->state_, velt::kVELTStateLoaded);
   }
 }
 
@@ -168,22 +163,30 @@ TEST(CardLayout, VeltMarkAndVersion) {
   l.volume.reset();
   EXPECT_EQ(load(card, velt::kVELTOpExclusive).error, velt::kVELTNotVELT);
 
-  // A valid record with major version 2 is refused; 3.1 loads.
-  velt::FormatInfo info;
-  info.magic1 = velt::VELT_FSINFO_MAGIC1;
-  info.magic2 = velt::VELT_FSINFO_MAGIC2;
-  info.version_major = 2;
-  uint8_t raw[velt::VELT_FORMAT_INFO_SIZE];
-  info.encode(raw);
-  std::string record(reinterpret_cast<char*>(raw), sizeof(raw));
-  card.writeBytes(part + 512 + 4, record);
-  EXPECT_EQ(load(card).error, velt::kVELTBadVELT);
-  info.version_major = 3;
-  info.version_minor = 1;
-  info.encode(raw);
-  card.writeBytes(part + 512 + 4, std::string(reinterpret_cast<char*>(raw), sizeof(raw)));
-  l = load(card);
-  ASSERT_NE(l.volume, nullptr);
-  EXPECT_TRUE(l.volume->pbr_->is_velt_partition_);
-  EXPECT_EQ(l.volume->format_info_.version_minor, 1);
+  // With a valid record the major version decides.
+  struct Row {
+    uint16_t major, minor;
+    int error;
+  } rows[] = {{2, 9, velt::kVELTBadVELT}, {4, 0, velt::kVELTBadVELT}, {3, 9, 0}, {3, 1, 0}};
+  for (const Row& r : rows) {
+    SCOPED_TRACE(std::to_string(r.major) + "." + std::to_string(r.minor));
+    l.volume.reset();  // unloading writes FSInfo
+    velt::FormatInfo info;
+    info.magic1 = velt::VELT_FSINFO_MAGIC1;
+    info.magic2 = velt::VELT_FSINFO_MAGIC2;
+    info.version_major = r.major;
+    info.version_minor = r.minor;
+    memcpy(info.signature, "sig-of-card!", 12);
+    std::string record(velt::VELT_FORMAT_INFO_SIZE, '\0');
+    info.encode(reinterpret_cast<uint8_t*>(record.data()));
+    card.writeBytes(part + 512 + 4, record);
+    l = load(card);
+    EXPECT_EQ(l.error, r.error) << l.log;
+    if (l.volume == nullptr) continue;
+    EXPECT_TRUE(l.volume->pbr_->is_velt_partition_);
+    EXPECT_EQ(l.volume->format_info_.version_minor, r.minor);
+    char sig[13];
+    EXPECT_EQ(l.volume->getSignature(sig, sizeof(sig)), 12);
+    EXPECT_STREQ(sig, "sig-of-card!");
+  }
 }

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <vector>
 
-#include "card_image.h"
+#include "card_volume.h"
 #include "fs/velt.h"
 
 using velt::test::CardImage;
@@ -70,18 +70,13 @@ TEST(Mkfs, OurFormatPassesTheFatTools) {
     EXPECT_EQ(card.readBytes(card.partitionOffset() + 3, 8), "VELT1.0N");
 
     // It loads back as a VELT volume with its format information, and takes a file.
-    CardImage::RootScope scope(card);
-    int error = -1;
-    auto v = velt::VELT::create(card.devicePath(), 0, velt::kVELTOpMount, 0, &error);
-    ASSERT_EQ(error, 0);
-    EXPECT_TRUE(v->isVELTPartition());
-    EXPECT_EQ(v->format_info_.version_major, 3);
-    v.reset();
-    auto copy = velt::test::runShell("head -c 100000 /dev/urandom > " +
-                                     velt::test::shellQuote(card.dir() + "/f.bin"));
-    ASSERT_EQ(copy.status, 0);
-    auto put = card.mtools("mcopy " + velt::test::shellQuote(card.dir() + "/f.bin") + " ::/F.BIN");
-    EXPECT_EQ(put.status, 0) << put.err;
+    {
+      velt::test::Loaded l = velt::test::loadCard(card);
+      ASSERT_EQ(l.error, 0) << l.log;
+      EXPECT_TRUE(l.volume->isVELTPartition());
+      EXPECT_EQ(l.volume->format_info_.version_major, 3);
+    }
+    card.put("/F.BIN", velt::test::patternBytes(100000, 1));
     EXPECT_EQ(card.fsck("-n").status, 0);
   }
 }

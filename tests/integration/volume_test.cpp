@@ -60,11 +60,6 @@ std::string leafOf(const std::string& path) {
   return path.substr(path.rfind('/') + 1);
 }
 
-std::shared_ptr<velt::VELT> load(const CardImage& card, int* error, int mode = velt::kVELTOpMount) {
-  CardImage::RootScope scope(card);
-  return velt::VELT::create(card.devicePath(), 0, mode, 0, error);
-}
-
 std::string readAll(velt::VELT& v, const std::shared_ptr<Entry>& e) {
   auto file = v.newFile(false, false, false, e);
   if (file == nullptr) return "<no file>";
@@ -91,7 +86,7 @@ void expectLayout(velt::VELT& v, const Layout& l) {
       if (parentOf(f) == dir) want.insert(leafOf(f));
     }
     std::set<std::string> got;
-    std::lock_guard<std::mutex> lock(e->children_mutex_);
+    std::lock_guard lock(e->children_mutex_);
     for (const auto& c : e->children_) {
       if (!c->isDotEntry() && !c->is_volume_) got.insert(c->name_);
     }
@@ -165,10 +160,9 @@ TEST(VolumeTree, WhatTheToolsWroteIsWhatTheLibraryReads) {
     fill.put(l, "/frag/rewritten.bin", velt::test::patternBytes(4 * cl + 1, 301));
     ASSERT_EQ(card.fsck().status, 0) << card.fsck().out;
 
-    int error = -100;
-    auto v = load(card, &error);
-    ASSERT_EQ(error, 0);
-    ASSERT_NE(v, nullptr);
+    velt::test::Loaded loaded = velt::test::loadCard(card);
+    ASSERT_EQ(loaded.error, 0) << loaded.log;
+    auto v = std::move(loaded.volume);
     expectLayout(*v, l);
 
     // The fragmented files really are in several pieces.
@@ -188,81 +182,6 @@ TEST(VolumeTree, WhatTheToolsWroteIsWhatTheLibraryReads) {
     v.reset();
     auto fsck = card.fsck();
     EXPECT_EQ(fsck.status, 0) << fsck.out;
-  }
-}
-
-TEST(VolumeTree, CreateReportsWhatIsWrongWithTheCard) {
-  struct Row {
-    const char* what;
-    CardSpec spec;
-    int mode;
-    int error;
-  } rows[] = {
-      {"plain FAT32 loads", CardSpec{64, 1, 1, "", true}, velt::kVELTOpMount, velt::kVELTOk},
-      {"second slot", CardSpec{64, 1, 2, "", true}, velt::kVELTOpMount, velt::kVELTOk},
-      {"no file system", CardSpec{64, 1, 1, "", false}, velt::kVELTOpMount, velt::kVELTBadPBR},
-      {"exclusive needs the mark", CardSpec{64, 1, 1, "", true}, velt::kVELTOpExclusive,
-       velt::kVELTNotVELT},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.what);
-    CardImage card(r.spec);
-    ASSERT_TRUE(card.ok()) << card.error();
-    int error = -100;
-    auto v = load(card, &error, r.mode);
-    EXPECT_EQ(error, r.error);
-    EXPECT_EQ(v != nullptr, r.error == velt::kVELTOk);
-    if (v != nullptr) {
-      EXPECT_EQ(v->state_, velt::kVELTStateLoaded);
-      EXPECT_EQ(v->init(), -1) << "a loaded volume is not loaded again";
-      EXPECT_EQ(v->state_, velt::kVELTStateLoaded);
-    }
-  }
-
-  // A card of another partition number than the path names.
-  CardImage card(CardSpec{64, 1, 2, "", true});
-  ASSERT_TRUE(card.ok()) << card.error();
-  CardImage::RootScope scope(card);
-  int error = -100;
-  EXPECT_EQ(velt::VELT::create("/dev/mmcblk0p1", 0, velt::kVELTOpMount, 0, &error), nullptr);
-  EXPECT_EQ(error, velt::kVELTNoFAT32Partition);
-}
-
-TEST(VolumeTree, VersionOfTheMarkDecidesWhetherTheCardLoads) {
-  // Mark a plain card as VELT by hand: OEM name and a format-information record with no
-  // reserved folders.
-  struct Row {
-    int major;
-    int minor;
-    int error;
-  } rows[] = {{3, 1, velt::kVELTOk},
-              {3, 9, velt::kVELTOk},
-              {2, 9, velt::kVELTBadVELT},
-              {4, 0, velt::kVELTBadVELT}};
-  for (const auto& r : rows) {
-    SCOPED_TRACE(std::to_string(r.major) + "." + std::to_string(r.minor));
-    CardImage card(CardSpec{64, 1, 1, "", true});
-    ASSERT_TRUE(card.ok()) << card.error();
-    const int64_t part = card.partitionOffset();
-    for (int64_t sector : {0, 6}) card.writeBytes(part + sector * 512 + 3, "VELT1.0N");
-    velt::FormatInfo info;
-    info.version_major = static_cast<uint16_t>(r.major);
-    info.version_minor = static_cast<uint16_t>(r.minor);
-    info.magic1 = velt::VELT_FSINFO_MAGIC1;
-    info.magic2 = velt::VELT_FSINFO_MAGIC2;
-    memcpy(info.signature, "sig-of-card!", 12);
-    std::string record(velt::VELT_FORMAT_INFO_SIZE, '\0');
-    info.encode(reinterpret_cast<uint8_t*>(record.data()));
-    for (int64_t sector : {1, 7}) card.writeBytes(part + sector * 512 + 4, record);
-
-    int error = -100;
-    auto v = load(card, &error);
-    EXPECT_EQ(error, r.error);
-    if (v == nullptr) continue;
-    EXPECT_TRUE(v->isVELTPartition());
-    char sig[13];
-    EXPECT_EQ(v->getSignature(sig, sizeof(sig)), 12);
-    EXPECT_STREQ(sig, "sig-of-card!");
   }
 }
 

@@ -98,7 +98,7 @@ bool CardImage::copyFrom(const CardImage& other) const {
 
 void CardImage::put(const std::string& path, const std::string& bytes) const {
   std::string host = dir() + "/put.bin";
-  std::ofstream(host, std::ios::binary) << bytes;
+  writeFileBytes(host, bytes);
   ShellResult r = mtools("mcopy -o " + shellQuote(host) + " " + shellQuote("::" + path));
   EXPECT_EQ(r.status, 0) << path << ": " << r.err;
   unlink(host.c_str());
@@ -119,11 +119,9 @@ std::string CardImage::type(const std::string& path) const {
   std::string host = dir() + "/typed.bin";
   ShellResult r = mtools("mtype " + shellQuote("::" + path) + " > " + shellQuote(host));
   EXPECT_EQ(r.status, 0) << path << ": " << r.err;
-  std::ifstream in(host, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
+  std::string bytes = readFileBytes(host);
   unlink(host.c_str());
-  return ss.str();
+  return bytes;
 }
 
 void CardImage::rewindAllocationHint() const {
@@ -138,21 +136,6 @@ std::string patternBytes(size_t size, unsigned seed) {
     s[i] = static_cast<char>(x >> 24);
   }
   return s;
-}
-
-CardImage::RootScope::RootScope(const CardImage& card) {
-  const char* old = getenv("VELT_ROOT");
-  had_ = old != nullptr;
-  if (had_) old_ = old;
-  setenv("VELT_ROOT", card.root().c_str(), 1);
-}
-
-CardImage::RootScope::~RootScope() {
-  if (had_) {
-    setenv("VELT_ROOT", old_.c_str(), 1);
-  } else {
-    unsetenv("VELT_ROOT");
-  }
 }
 
 std::map<std::string, int64_t> parseFsckVerbose(const std::string& out) {

@@ -56,14 +56,9 @@ class CardImage {
   void rewindAllocationHint() const;
 
   // Points VELT_ROOT at this card's sandbox while it lives.
-  class RootScope {
+  class RootScope : public ScopedEnv {
    public:
-    explicit RootScope(const CardImage& card);
-    ~RootScope();
-
-   private:
-    std::string old_;
-    bool had_;
+    explicit RootScope(const CardImage& card) : ScopedEnv("VELT_ROOT", card.root().c_str()) {}
   };
 
  private:

@@ -23,13 +23,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-std::string readWhole(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
 int decodeStatus(int wstatus) {
   if (WIFEXITED(wstatus)) return WEXITSTATUS(wstatus);
   if (WIFSIGNALED(wstatus)) return 128 + WTERMSIG(wstatus);
@@ -160,8 +153,8 @@ ShellResult runShell(const std::string& command) {
     }
     result.status = decodeStatus(wstatus);
   }
-  result.out = readWhole(out_path);
-  result.err = readWhole(err_path);
+  result.out = readFileBytes(out_path);
+  result.err = readFileBytes(err_path);
   removeLogDir(log_dir);
   return result;
 }
@@ -193,10 +186,40 @@ DaemonExit runDaemonToExit(const std::vector<std::string>& args, const std::stri
     }
     result.status = status;
   }
-  result.out = readWhole(log_dir + "/stdout");
-  result.err = readWhole(log_dir + "/stderr");
+  result.out = readFileBytes(log_dir + "/stdout");
+  result.err = readFileBytes(log_dir + "/stderr");
   removeLogDir(log_dir);
   return result;
+}
+
+std::string readFileBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+void writeFileBytes(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+ScopedEnv::ScopedEnv(const char* name, const char* value) : name_(name) {
+  const char* old = getenv(name);
+  had_ = old != nullptr;
+  if (had_) old_ = old;
+  if (value != nullptr) {
+    setenv(name, value, 1);
+  } else {
+    unsetenv(name);
+  }
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (had_) {
+    setenv(name_.c_str(), old_.c_str(), 1);
+  } else {
+    unsetenv(name_.c_str());
+  }
 }
 
 TempDir::TempDir() {
@@ -208,43 +231,6 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
   std::error_code ec;
   if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-}
-
-bool TestCard::create(CardKind kind) {
-  kind_ = kind;
-  std::error_code ec;
-  std::filesystem::create_directories(veltRoot() + "/dev", ec);
-  std::filesystem::create_directories(veltRoot() + "/tmp", ec);
-  std::filesystem::create_directories(mountPoint(), ec);
-  { std::ofstream(veltRoot() + "/dev/mmcblk0p1"); }
-  std::string img = shellQuote(image());
-  std::string cmd = "truncate -s " + std::to_string(kCardBytes) + " " + img +
-                    " && echo 'start=2048, type=c' | sfdisk -q " + img;
-  if (kind == CardKind::kPlain) {
-    cmd += " && mkfs.fat -F 32 -s " + std::to_string(kPlainClusterBytes / 512) + " --offset 2048 " +
-           img + " " + std::to_string((kCardBytes - kPartitionOffset) / 1024);
-  } else {
-    cmd += " && VELT_ROOT=" + shellQuote(veltRoot()) + " " +
-           shellQuote(std::string(VELT_BINARY_DIR) + "/mkfs.velt") + " /dev/mmcblk0p1 " +
-           kReservedFolder + ":5:" + std::to_string(kReservedFileMiB);
-  }
-  ShellResult r = runShell(cmd);
-  if (r.status != 0) {
-    error_ = cmd + "\n" + r.out + r.err;
-    return false;
-  }
-  return true;
-}
-
-bool TestCard::fsckClean(std::string* report) const {
-  // fsck.fat wants the partition alone; a sparse copy is quick and needs no loop device.
-  std::string part = dir_.path() + "/partition.img";
-  ShellResult r =
-      runShell("dd if=" + shellQuote(image()) + " of=" + shellQuote(part) +
-               " bs=1M skip=1 conv=sparse status=none && fsck.fat -n " + shellQuote(part));
-  unlink(part.c_str());
-  *report = r.out + r.err;
-  return r.status == 0;
 }
 
 DaemonRunner::~DaemonRunner() {
@@ -327,11 +313,11 @@ int DaemonRunner::stop(int timeout_ms) {
 }
 
 std::string DaemonRunner::out() const {
-  return readWhole(log_dir_ + "/stdout");
+  return readFileBytes(log_dir_ + "/stdout");
 }
 
 std::string DaemonRunner::err() const {
-  return readWhole(log_dir_ + "/stderr");
+  return readFileBytes(log_dir_ + "/stderr");
 }
 
 }  // namespace velt::test

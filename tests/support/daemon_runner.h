@@ -46,6 +46,23 @@ ShellResult runShell(const std::string& command);
 // Quotes `text` as one word for the shell.
 std::string shellQuote(const std::string& text);
 
+// Sets an environment variable (unsets it for null) while it lives, then restores it.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_, old_;
+  bool had_;
+};
+
+// A host file's bytes (empty when it cannot be read), and writing them.
+std::string readFileBytes(const std::string& path);
+void writeFileBytes(const std::string& path, const std::string& bytes);
+
 // A temporary directory removed with everything in it.
 class TempDir {
  public:
@@ -62,42 +79,6 @@ class TempDir {
 enum class CardKind {
   kPlain,  // FAT32 as mkfs.fat makes it
   kVelt,   // formatted by mkfs.velt with one reserved folder
-};
-
-// A card image in a VELT_ROOT sandbox, with a mount point beside it; all removed afterwards.
-// The sandbox holds $VELT_ROOT/dev/velt (the whole card) and $VELT_ROOT/dev/mmcblk0p1.
-class TestCard {
- public:
-  static constexpr int64_t kCardBytes = 256ll << 20;
-  static constexpr int64_t kPartitionOffset = 1ll << 20;  // sector 2048
-  static constexpr int kPlainClusterBytes = 2048;
-  static constexpr const char* kReservedFolder = "REC";
-  static constexpr int kReservedFileMiB = 4;
-
-  TestCard() = default;
-  TestCard(const TestCard&) = delete;
-  TestCard& operator=(const TestCard&) = delete;
-
-  bool create(CardKind kind);
-  const std::string& error() const { return error_; }
-  CardKind kind() const { return kind_; }
-
-  std::string veltRoot() const { return dir_.path() + "/root"; }
-  std::string image() const { return veltRoot() + "/dev/velt"; }
-  std::string mountPoint() const { return dir_.path() + "/mnt"; }
-  // The image as mtools names the partition: "card@@1M".
-  std::string mtoolsImage() const { return image() + "@@1M"; }
-  // Bytes per cluster when the test chose it (plain cards), else 0.
-  int64_t clusterBytes() const { return kind_ == CardKind::kPlain ? kPlainClusterBytes : 0; }
-
-  // Runs fsck.fat -n on the partition; true when it finds nothing wrong. The report holds its
-  // output either way.
-  bool fsckClean(std::string* report) const;
-
- private:
-  TempDir dir_;
-  CardKind kind_ = CardKind::kPlain;
-  std::string error_;
 };
 
 class DaemonRunner {

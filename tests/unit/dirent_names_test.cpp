@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon_runner.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_endian.h"
 
@@ -299,52 +300,48 @@ TEST(DirentNames, FatDatesAndTimes) {
 // Stamps are local time: the conversion agrees with mktime in zones with and without daylight
 // saving, across the changes of the year, and for the out-of-range fields mktime normalises.
 TEST(FatTime, AgreesWithTheCalendarInEveryZone) {
-  const char* saved = getenv("TZ");
-  const std::string old = saved ? saved : "";
-  for (const char* zone : {"UTC0", "CET-1CEST,M3.5.0,M10.5.0/3", "EST5EDT,M3.2.0,M11.1.0",
-                           "NZST-12NZDT,M9.5.0,M4.1.0/3", "IST-5:30"}) {
-    setenv("TZ", zone, 1);
-    tzset();
-    SCOPED_TRACE(zone);
-    int checked = 0;
-    for (int year = 0; year < 128; year += 7) {
-      for (int month = 0; month <= 15; ++month) {
-        for (int day : {0, 1, 15, 28, 29, 30, 31}) {
-          for (int hour : {0, 1, 2, 3, 12, 23, 25}) {
-            const uint16_t date = static_cast<uint16_t>((year << 9) | (month << 5) | day);
-            const uint16_t time = static_cast<uint16_t>((hour << 11) | (30 << 5) | 7);
-            struct tm tm = {};
-            tm.tm_sec = 14;
-            tm.tm_min = 30;
-            tm.tm_hour = hour;
-            tm.tm_mday = day;
-            tm.tm_mon = month - 1;
-            tm.tm_year = year + 80;
-            tm.tm_isdst = -1;
-            const time_t expect = mktime(&tm);
-            const time_t got = velt::fatToTime(date, time);
-            if (got != expect) {
-              // Only a repeated hour (both readings show the same wall clock) or a skipped one
-              // (mktime moved the hour) may be read either way.
-              struct tm a = {}, b = {};
-              localtime_r(&got, &a);
-              localtime_r(&expect, &b);
-              const bool repeated = a.tm_hour == b.tm_hour && a.tm_mday == b.tm_mday;
-              const bool skipped = b.tm_hour != tm.tm_hour;
-              EXPECT_TRUE(std::llabs(got - expect) == 3600 && (repeated || skipped))
-                  << date << " " << time << ": " << got << " vs " << expect;
+  {
+    velt::test::ScopedEnv restore("TZ", getenv("TZ"));
+    for (const char* zone : {"UTC0", "CET-1CEST,M3.5.0,M10.5.0/3", "EST5EDT,M3.2.0,M11.1.0",
+                             "NZST-12NZDT,M9.5.0,M4.1.0/3", "IST-5:30"}) {
+      setenv("TZ", zone, 1);
+      tzset();
+      SCOPED_TRACE(zone);
+      int checked = 0;
+      for (int year = 0; year < 128; year += 7) {
+        for (int month = 0; month <= 15; ++month) {
+          for (int day : {0, 1, 15, 28, 29, 30, 31}) {
+            for (int hour : {0, 1, 2, 3, 12, 23, 25}) {
+              const uint16_t date = static_cast<uint16_t>((year << 9) | (month << 5) | day);
+              const uint16_t time = static_cast<uint16_t>((hour << 11) | (30 << 5) | 7);
+              struct tm tm = {};
+              tm.tm_sec = 14;
+              tm.tm_min = 30;
+              tm.tm_hour = hour;
+              tm.tm_mday = day;
+              tm.tm_mon = month - 1;
+              tm.tm_year = year + 80;
+              tm.tm_isdst = -1;
+              const time_t expect = mktime(&tm);
+              const time_t got = velt::fatToTime(date, time);
+              if (got != expect) {
+                // Only a repeated hour (both readings show the same wall clock) or a skipped one
+                // (mktime moved the hour) may be read either way.
+                struct tm a = {}, b = {};
+                localtime_r(&got, &a);
+                localtime_r(&expect, &b);
+                const bool repeated = a.tm_hour == b.tm_hour && a.tm_mday == b.tm_mday;
+                const bool skipped = b.tm_hour != tm.tm_hour;
+                EXPECT_TRUE(std::llabs(got - expect) == 3600 && (repeated || skipped))
+                    << date << " " << time << ": " << got << " vs " << expect;
+              }
+              ++checked;
             }
-            ++checked;
           }
         }
       }
+      EXPECT_GT(checked, 10000);
     }
-    EXPECT_GT(checked, 10000);
-  }
-  if (saved) {
-    setenv("TZ", old.c_str(), 1);
-  } else {
-    unsetenv("TZ");
   }
   tzset();
 }

@@ -8,35 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "daemon_runner.h"
 #include "fs/velt.h"
 #include "fs/velt_driver.h"
+#include "log_capture.h"
 
-namespace {
-
-struct TempDir {
-  TempDir() {
-    char tmpl[] = "/tmp/velt-driver-XXXXXX";
-    path = mkdtemp(tmpl);
-  }
-  ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-  std::string path;
-};
-
-struct EnvGuard {
-  explicit EnvGuard(const char* value) {
-    const char* old = getenv("VELT_ROOT");
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    if (value) setenv("VELT_ROOT", value, 1); else unsetenv("VELT_ROOT");
-  }
-  ~EnvGuard() {
-    if (had_) setenv("VELT_ROOT", old_.c_str(), 1); else unsetenv("VELT_ROOT");
-  }
-  bool had_;
-  std::string old_;
-};
-
-}  // namespace
+using velt::test::ScopedEnv;
+using velt::test::TempDir;
 
 TEST(BlockDriver, RequestRecordAndCodes) {
   uint8_t record[16];
@@ -64,7 +42,7 @@ TEST(BlockDriver, RequestRecordAndCodes) {
 
 TEST(BlockDriver, PositionalBackendOnAnImageFile) {
   TempDir dir;
-  std::string image = dir.path + "/card.img";
+  std::string image = dir.path() + "/card.img";
   int fd = open(image.c_str(), O_RDWR | O_CREAT, 0600);
   ASSERT_GE(fd, 0);
   ASSERT_EQ(ftruncate(fd, 10 * 512), 0);
@@ -91,38 +69,34 @@ TEST(BlockDriver, PositionalBackendOnAnImageFile) {
 TEST(BlockDriver, PlatformRootAndMissingDevice) {
   TempDir dir;
   {
-    EnvGuard env(nullptr);
+    ScopedEnv env("VELT_ROOT", nullptr);
     EXPECT_EQ(velt::platformPath("/dev/velt"), "/dev/velt");
   }
   {
-    EnvGuard env(dir.path.c_str());
-    EXPECT_EQ(velt::platformPath("/dev/velt"), dir.path + "/dev/velt");
-    EXPECT_EQ(velt::platformPath("/tmp/veltw"), dir.path + "/tmp/veltw");
+    ScopedEnv env("VELT_ROOT", dir.path().c_str());
+    EXPECT_EQ(velt::platformPath("/dev/velt"), dir.path() + "/dev/velt");
+    EXPECT_EQ(velt::platformPath("/tmp/veltw"), dir.path() + "/tmp/veltw");
   }
   {
-    EnvGuard env((dir.path + "/not-there").c_str());
+    ScopedEnv env("VELT_ROOT", (dir.path() + "/not-there").c_str());
     EXPECT_EQ(velt::platformPath("/dev/velt"), "/dev/velt") << "only a directory counts";
   }
 
   // No driver device under the root: code 3, the message names the path as written, and the
   // object is left unloaded with nothing open.
-  EnvGuard env(dir.path.c_str());
+  ScopedEnv env("VELT_ROOT", dir.path().c_str());
   velt::VELT v("/dev/mmcblk0p1", 1, velt::kVELTOpMount, 0);
-  std::string log = dir.path + "/log.txt";
-  ASSERT_EQ(nerio::theLog().redirect(log.c_str()), 0);
-  int code = v.init();
-  nerio::theLog().redirect("/dev/stdout");
-  EXPECT_EQ(code, velt::kVELTNoDevice);
+  std::string log;
+  {
+    velt::test::LogCapture capture;
+    EXPECT_EQ(v.init(), velt::kVELTNoDevice);
+    log = capture.text();
+  }
   EXPECT_EQ(v.state_, velt::kVELTStateUnloaded);
   EXPECT_EQ(v.device_fd_, -1);
-  FILE* fp = fopen(log.c_str(), "r");
-  ASSERT_NE(fp, nullptr);
-  char line[1024] = {};
-  ASSERT_NE(fgets(line, sizeof(line), fp), nullptr);
-  fclose(fp);
-  EXPECT_NE(strstr(line, "\"/dev/velt\" open failed: 2(No such file or directory)"), nullptr)
-      << line;
-  EXPECT_EQ(strstr(line, dir.path.c_str()), nullptr) << line;
+  EXPECT_NE(log.find("\"/dev/velt\" open failed: 2(No such file or directory)"), std::string::npos)
+      << log;
+  EXPECT_EQ(log.find(dir.path()), std::string::npos) << log;
 
   int error = 0;
   EXPECT_EQ(velt::VELT::create("/dev/mmcblk0p1", 0, 0, 0, &error), nullptr);

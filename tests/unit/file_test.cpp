@@ -155,60 +155,6 @@ TEST(OpenFile, ReadClipsAtTheEndAndRefusesBadPositions) {
   EXPECT_EQ(file->read(b, 10, 0), -EBADF);
 }
 
-TEST(OpenFile, WritesInOddPiecesGrowTheFileThroughFragmentedSpace) {
-  Card c;
-  // Every fourth cluster taken: a growing file gets runs of three clusters.
-  for (uint32_t k = 10; k < 200; k += 4) c.take(k);
-  c.v.pbr_->next_free_cluster_number_ = 8;
-  auto e = c.addFile("GROW", 1);
-  auto file = c.v.newFile(false, true, false, e);
-  ASSERT_NE(file, nullptr);
-
-  const size_t pieces[] = {1, 511, 513, 4095, 16385, 40000, 3, 100003, 65536, 7777, 250001};
-  std::vector<uint8_t> expect;
-  int64_t off = 0;
-  for (size_t n : pieces) {
-    std::vector<uint8_t> data(n);
-    for (size_t i = 0; i < n; ++i) data[i] = patternByte(off + static_cast<int64_t>(i));
-    ASSERT_EQ(file->write(data.data(), n, off), static_cast<int>(n)) << "piece at " << off;
-    expect.insert(expect.end(), data.begin(), data.end());
-    off += static_cast<int64_t>(n);
-    EXPECT_EQ(e->size_, off);
-    EXPECT_EQ(e->real_size_, off);
-    EXPECT_EQ(file->direct_offset_, off);
-  }
-  EXPECT_EQ(file->fileSize(), off);
-  EXPECT_EQ(file->written_, 1);
-
-  // The chain covers the data, avoids the taken clusters and is not one run.
-  int64_t clusters = (off + c.len - 1) / c.len;
-  EXPECT_EQ(c.v.pbr_->getClusterCount(e->start_cluster_), clusters);
-  int runs = 1;
-  for (size_t i = 1; i < e->cluster_map_.size(); ++i) {
-    EXPECT_NE((e->cluster_map_[i] - 10) % 4, 0u);
-    runs += e->cluster_map_[i] != e->cluster_map_[i - 1] + 1;
-  }
-  EXPECT_GT(runs, 2);
-
-  // The card holds the bytes at the clusters of the map.
-  for (int64_t i = 0; i < off; i += 997) {
-    int64_t at = c.v.clusterOffset(e->cluster_map_[i / c.len]) + i % c.len;
-    ASSERT_EQ((*c.f.disk)[at], expect[i]) << "byte " << i;
-  }
-
-  // Rewriting the middle leaves the sizes alone; the read sees the new bytes, one transfer per
-  // run of clusters.
-  std::vector<uint8_t> patch(3 * c.len, 0x42);
-  ASSERT_EQ(file->write(patch.data(), patch.size(), 1234), static_cast<int>(patch.size()));
-  std::copy(patch.begin(), patch.end(), expect.begin() + 1234);
-  EXPECT_EQ(e->size_, off);
-  std::vector<uint8_t> back(off);
-  c.f.driver->requests.clear();
-  ASSERT_EQ(file->read(back.data(), off, 0), off);
-  EXPECT_EQ(c.reads(), runs);
-  EXPECT_TRUE(back == expect);
-}
-
 TEST(OpenFile, FailedWriteSticksButAFullCardDoesNot) {
   Card c;
   auto e = c.addFile("F", 1);

@@ -1,3 +1,5 @@
+#include "utils/Log.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -7,36 +9,13 @@
 #include <sstream>
 #include <string>
 
-#include "utils/Log.h"
+#include "log_capture.h"
 
 namespace {
 
 static constexpr const char kLogTag[] = "VELT.Test";
 
-// Captures every line written while it lives.
-class Capture {
- public:
-  Capture() {
-    char tmpl[] = "/tmp/velt-log-XXXXXX";
-    int fd = mkstemp(tmpl);
-    close(fd);
-    path_ = tmpl;
-    EXPECT_EQ(nerio::theLog().redirect(path_.c_str()), 0);
-  }
-  ~Capture() {
-    nerio::theLog().redirect("/dev/stdout");
-    unlink(path_.c_str());
-  }
-  std::string text() {
-    std::ifstream in(path_);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  }
-
- private:
-  std::string path_;
-};
+using Capture = velt::test::LogCapture;
 
 const std::string kStamp = R"(\d\d:\d\d:\d\d\.\d{6} )";
 
@@ -46,7 +25,7 @@ TEST(Log, LineFormsByteForByte) {
   struct Row {
     uint32_t level;
     std::string colour;
-  } rows[] = {{0x10, "\x1b[31m"}, {0x18, "\x1b[31m"}, {0x08, "\x1b[32m"}, {0x84, "\x1b[33m"},
+  } rows[] = {{0x10, "\x1b[31m"}, {0x18, "\x1b[31m"},  {0x08, "\x1b[32m"},     {0x84, "\x1b[33m"},
               {0x80, "\x1b[36m"}, {0x100, "\x1b[37m"}, {0x100010, "\x1b[31m"}, {6, "\x1b[33m"}};
   for (const auto& r : rows) {
     Capture cap;
@@ -62,9 +41,10 @@ TEST(Log, LineFormsByteForByte) {
 TEST(Log, LocationFreePlainAndMacros) {
   {
     Capture cap;
-    nerio::logPrint(0x10 | nerio::kLogNoLocation, "VELT", "init", "velt.cpp", 9, "[%s] MBR failed\n",
-                    "/dev/mmcblk0p1");
-    EXPECT_EQ(cap.text().substr(16), "\x1b[31m[VELT] init(): [/dev/mmcblk0p1] MBR failed\n\x1b[39m");
+    nerio::logPrint(0x10 | nerio::kLogNoLocation, "VELT", "init", "velt.cpp", 9,
+                    "[%s] MBR failed\n", "/dev/mmcblk0p1");
+    EXPECT_EQ(cap.text().substr(16),
+              "\x1b[31m[VELT] init(): [/dev/mmcblk0p1] MBR failed\n\x1b[39m");
   }
   {
     Capture cap;

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 
+#include "daemon_runner.h"
 #include "fake_driver.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
@@ -20,12 +21,11 @@ using Entry = velt::VELT::DirEntry;
 TEST(VolumeCore, DevicePathRules) {
   // The sandbox's driver device is an empty file: an accepted path opens it and finds no MBR
   // (code 5); a rejected one is refused with -22 and the device is never opened.
-  char tmpl[] = "/tmp/velt-core-XXXXXX";
-  std::string root = mkdtemp(tmpl);
-  std::string dev = root + "/dev";
+  velt::test::TempDir root;
+  velt::test::ScopedEnv env("VELT_ROOT", root.path().c_str());
+  std::string dev = root.path() + "/dev";
   ASSERT_EQ(mkdir(dev.c_str(), 0700), 0);
   std::ofstream(dev + "/velt").close();
-  setenv("VELT_ROOT", root.c_str(), 1);
   int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
   ASSERT_GE(watch, 0);
   ASSERT_GE(inotify_add_watch(watch, dev.c_str(), IN_OPEN), 0);
@@ -70,10 +70,6 @@ TEST(VolumeCore, DevicePathRules) {
     if (r.message != nullptr) EXPECT_NE(out.find(r.message), std::string::npos) << out;
   }
   close(watch);
-  unsetenv("VELT_ROOT");
-  unlink((dev + "/velt").c_str());
-  rmdir(dev.c_str());
-  rmdir(root.c_str());
 }
 
 TEST(VolumeCore, StatesHandlesAndMountPoint) {
