@@ -162,7 +162,7 @@ int VELT::rebuildRoot(bool keep_files) {
 
   std::list<std::shared_ptr<DirEntry>> dropped;
   {
-    std::lock_guard<std::mutex> lock(root_->children_mutex_);
+    std::lock_guard lock(root_->children_mutex_);
     for (auto it = root_->children_.begin(); it != root_->children_.end();) {
       const std::shared_ptr<DirEntry>& child = *it;
       if (keep_files && child->isArchive()) {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "fs/velt.h"
+#include "fs/velt_compact.h"
 
 namespace velt {
 
@@ -108,7 +109,7 @@ struct ReservedFile {
 class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
  public:
   explicit DirEntry(VELT* velt);
-  virtual ~DirEntry();
+  ~DirEntry();
   DirEntry(const DirEntry&) = delete;
   DirEntry& operator=(const DirEntry&) = delete;
 
@@ -193,10 +194,36 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   // back to the reserved file instead of freeing them.
   int delReservedChild(const std::shared_ptr<DirEntry>& child);
 
-  // Laid out by size to keep padding out: the whole tree stays in memory.
+  // Laid out by size to keep padding out: the whole tree stays in memory. Members only a
+  // directory (or an open file) fills are held out of line (OutOfLine).
   std::string name_;
-  std::string short_name_;
   VELT* velt_;  // owning volume, not owned
+  DirEntry* parent_ = nullptr;  // containing directory, not owned
+  ReservedFolderDesc* velt_folder_ = nullptr;  // set on a reserved folder
+  int64_t size_ = 0;
+  int64_t real_size_ = 0;  // valid data; below size_ while a reserved file is filled
+  int64_t dir_ent_disk_off_ = 0;  // card offset of the short-name record; 0 for the root
+  time_t created_, accessed_, modified_;
+  // Card offsets of the long-name records, by sequence number - 1 (element 0 sits next to the
+  // short-name record). Only as long as the entry has long-name records.
+  LfnOffsets lfn_disk_offsets_;
+  // Long-name records built by a reserved-file takeover, in slot order; rare, so out of line.
+  std::unique_ptr<std::array<std::array<uint8_t, DIR_RECORD_SIZE>, kLfnRecordsMax>> lfn_records_;
+  OutOfLine<std::vector<uint32_t>> cluster_map_;
+  OutOfLine<std::vector<uint8_t>> entry_map_;
+  // Children in record order; a vector (16 bytes a child) rather than a list (48).
+  OutOfLine<std::vector<std::shared_ptr<DirEntry>>> children_;
+  OutOfLine<std::vector<ReservedFile>> velt_reserved_files_;
+  OutOfLine<std::list<std::shared_ptr<File>>> files_;
+  uint8_t record_[DIR_RECORD_SIZE] = {};
+  int32_t lfn_ent_count_ = 0;
+  int32_t lfs_entry_start_index_ = -1;
+  uint32_t start_cluster_ = 0;
+  EntryMutex map_mutex_;  // cluster_map_loaded_, cluster_map_, entry_map_
+  EntryMutex children_mutex_;  // children_
+  EntryMutex files_mutex_;  // files_; held while size_ and real_size_ grow
+  uint16_t create_time_, create_date_, access_date_, write_date_, write_time_;
+  ShortName short_name_;
   uint8_t attr_ = 0;
   bool is_dir_ = false;
   bool is_volume_ = false;
@@ -205,31 +232,7 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   bool cluster_map_dirty_ = false;
   bool is_reserved_ = false;
   bool is_secured_ = false;
-  int64_t size_ = 0;
-  int64_t real_size_ = 0;  // valid data; below size_ while a reserved file is filled
-  int64_t dir_ent_disk_off_ = 0;  // card offset of the short-name record; 0 for the root
-  // Card offsets of the long-name records, by sequence number - 1 (element 0 sits next to the
-  // short-name record). Only as long as the entry has long-name records.
-  std::vector<int64_t> lfn_disk_offsets_;
-  // Long-name records built by a reserved-file takeover, in slot order; rare, so out of line.
-  std::unique_ptr<std::array<std::array<uint8_t, DIR_RECORD_SIZE>, kLfnRecordsMax>> lfn_records_;
-  time_t created_, accessed_, modified_;
-  uint8_t record_[DIR_RECORD_SIZE] = {};
-  int32_t lfn_ent_count_ = 0;
-  int32_t lfs_entry_start_index_ = -1;
-  uint32_t start_cluster_ = 0;
-  uint16_t create_time_, create_date_, access_date_, write_date_, write_time_;
   bool cluster_map_loaded_ = false;  // guarded by map_mutex_
-  std::mutex map_mutex_;  // cluster_map_loaded_, cluster_map_, entry_map_
-  std::vector<uint32_t> cluster_map_;
-  std::vector<uint8_t> entry_map_;
-  std::mutex children_mutex_;  // children_
-  DirEntry* parent_ = nullptr;  // containing directory, not owned
-  std::list<std::shared_ptr<DirEntry>> children_;
-  ReservedFolderDesc* velt_folder_ = nullptr;  // set on a reserved folder
-  std::vector<ReservedFile> velt_reserved_files_;
-  std::mutex files_mutex_;  // files_; held while size_ and real_size_ grow
-  std::list<std::shared_ptr<File>> files_;
 };
 
 }  // namespace velt

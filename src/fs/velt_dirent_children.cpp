@@ -19,7 +19,7 @@ namespace velt {
 static constexpr const char kLogTag[] = "VELT.DirEntry";
 
 int VELT::DirEntry::addChild(const std::shared_ptr<DirEntry>& child) {
-  std::lock_guard<std::mutex> lock(children_mutex_);
+  std::lock_guard lock(children_mutex_);
   if (child->parent_ != nullptr) {
     NERIO_ASSERT_TEXT("child->parent_ == nullptr");
     if (child->parent_ == this) return -1;
@@ -30,7 +30,7 @@ int VELT::DirEntry::addChild(const std::shared_ptr<DirEntry>& child) {
 }
 
 int VELT::DirEntry::removeChild(const std::shared_ptr<DirEntry>& child, bool release) {
-  std::lock_guard<std::mutex> lock(children_mutex_);
+  std::lock_guard lock(children_mutex_);
   if (child->parent_ != this) NERIO_ASSERT_TEXT("child->parent_ == this");
   auto it = std::find(children_.begin(), children_.end(), child);
   if (it == children_.end()) {
@@ -44,7 +44,7 @@ int VELT::DirEntry::removeChild(const std::shared_ptr<DirEntry>& child, bool rel
 }
 
 int VELT::DirEntry::getChildCount() {
-  std::lock_guard<std::mutex> lock(children_mutex_);
+  std::lock_guard lock(children_mutex_);
   int count = 0;
   for (const auto& child : children_) {
     if (child->isDotEntry()) continue;
@@ -58,7 +58,7 @@ int VELT::DirEntry::getChildCount() {
 // Taken under children_mutex_ although path walks are serialised by the volume: creators
 // append to children_ without holding the volume's mutex.
 std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findChild(const char* name) {
-  std::lock_guard<std::mutex> lock(children_mutex_);
+  std::lock_guard lock(children_mutex_);
   for (const auto& child : children_) {
     if (strcasecmp(child->name_.c_str(), name) == 0 ||
         strcasecmp(child->short_name_.c_str(), name) == 0) {
@@ -69,10 +69,11 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findChild(const char* name) {
 }
 
 void VELT::DirEntry::removeAllChildren() {
-  std::lock_guard<std::mutex> lock(children_mutex_);
-  while (!children_.empty()) {
-    std::shared_ptr<DirEntry> child = children_.front();
-    children_.pop_front();
+  std::lock_guard lock(children_mutex_);
+  std::vector<std::shared_ptr<DirEntry>> children;
+  children.swap(children_.get());
+  children_.release();
+  for (const auto& child : children) {
     // A child kept alive elsewhere (an open file) must not point at a released directory.
     child->parent_ = nullptr;
     child->clear();
@@ -82,14 +83,14 @@ void VELT::DirEntry::removeAllChildren() {
 void VELT::DirEntry::clear() {
   removeAllChildren();
   {
-    std::lock_guard<std::mutex> lock(map_mutex_);
+    std::lock_guard lock(map_mutex_);
     cluster_map_loaded_ = false;
     cluster_map_dirty_ = false;
-    std::vector<uint32_t>().swap(cluster_map_);
-    std::vector<uint8_t>().swap(entry_map_);
+    cluster_map_.release();
+    entry_map_.release();
   }
   velt_folder_ = nullptr;
-  std::vector<ReservedFile>().swap(velt_reserved_files_);
+  velt_reserved_files_.release();
 }
 
 // ---- Short names ----
@@ -171,6 +172,7 @@ int VELT::DirEntry::createUniqueShortName(const char* file_name, std::string* sh
   return makeShortName(
       file_name,
       [this](const std::string& candidate) {
+        std::lock_guard lock(children_mutex_);
         for (const auto& child : children_) {
           if (child->short_name_ == candidate) return true;
         }
@@ -212,7 +214,7 @@ int ShortNameReservation::reserve(VELT::DirEntry* dir, const char* file_name,
   std::lock_guard<std::mutex> lock(g_pending_mutex);
   std::vector<std::string> names;
   {
-    std::lock_guard<std::mutex> children_lock(dir->children_mutex_);
+    std::lock_guard children_lock(dir->children_mutex_);
     for (const auto& child : dir->children_) {
       if (child.get() != ignore) names.push_back(child->short_name_);
     }
@@ -236,7 +238,7 @@ int ShortNameReservation::reserve(VELT::DirEntry* dir, const char* file_name,
 // ---- Slots ----
 
 int VELT::DirEntry::claimReservedSlot(int entry_index, uint8_t value) {
-  std::lock_guard<std::mutex> lock(map_mutex_);
+  std::lock_guard lock(map_mutex_);
   if (entry_index < 0 || static_cast<size_t>(entry_index) >= entry_map_.size()) return -1;
   if (entry_map_[entry_index] != DIR_ENTRY_RESERVED_CHAR) {
     NERIO_ASSERT_TEXT("entry_map_[entry_index] == DIR_ENTRY_RESERVED_CHAR");
@@ -251,7 +253,7 @@ void VELT::DirEntry::deleteLongNameRecords(const DirEntry& child) {
     const int64_t off = child.lfn_disk_offsets_[k];
     if (off <= 0) continue;
     {
-      std::lock_guard<std::mutex> lock(map_mutex_);
+      std::lock_guard lock(map_mutex_);
       int index = __diskOffsetToEntryIndex(off);
       if (index >= 0 && static_cast<size_t>(index) < entry_map_.size()) {
         entry_map_[index] = DIR_ENTRY_DELETED;
@@ -270,7 +272,7 @@ void VELT::DirEntry::deleteLongNameRecords(const DirEntry& child) {
 void VELT::DirEntry::giveBackSlots(int first, int count, int written, uint8_t* entry_buffer) {
   std::vector<int> marked;
   {
-    std::lock_guard<std::mutex> lock(map_mutex_);
+    std::lock_guard lock(map_mutex_);
     // Records further on: a free (zero) record in front of them would end the directory for
     // other FAT readers, so these slots are marked deleted instead.
     bool later_in_use = false;
@@ -307,14 +309,16 @@ int VELT::DirEntry::writeLongNameRecords(const std::shared_ptr<DirEntry>& entry,
                                          int* written) {
   const uint8_t checksum = shortNameChecksum(name11);
   entry->lfn_ent_count_ = lfn_count;
-  entry->lfn_disk_offsets_.assign(static_cast<size_t>(lfn_count), 0);
+  int64_t offsets[kLfnRecordsMax];
+  for (int i = 0; i < lfn_count; ++i)
+    offsets[lfn_count - 1 - i] = entryIndexToDiskOffset(first + i);
+  entry->lfn_disk_offsets_.assign(offsets, static_cast<size_t>(lfn_count));
   for (int i = 0; i < lfn_count; ++i) {
     const int slot = first + i;
     const int seq = lfn_count - i;
     uint8_t lfn[DIR_RECORD_SIZE];
     buildLfnRecord(units, seq, i == 0, checksum, lfn);
     claimReservedSlot(slot, lfn[rec::kLfnSeq]);
-    entry->lfn_disk_offsets_[seq - 1] = entryIndexToDiskOffset(slot);
     if (entry_buffer == nullptr) {
       int r = write(slot, lfn);
       if (r != DIR_RECORD_SIZE) return r < 0 ? r : -EIO;
@@ -517,7 +521,7 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
       return -ENOTEMPTY;
     }
   } else if (child->isArchive()) {
-    std::lock_guard<std::mutex> lock(child->files_mutex_);
+    std::lock_guard lock(child->files_mutex_);
     if (!child->files_.empty()) {
       LOGE("[%s] is busy, opened files#%d\n", child->getPath().c_str(),
            static_cast<int>(child->files_.size()));

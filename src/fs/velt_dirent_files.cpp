@@ -12,8 +12,8 @@ static constexpr const char kLogTag[] = "VELT.DirEntry";
 VELT::DirEntry::~DirEntry() {
   removeAllChildren();
   {
-    std::lock_guard<std::mutex> lock(map_mutex_);
-    std::vector<uint32_t>().swap(cluster_map_);
+    std::lock_guard lock(map_mutex_);
+    cluster_map_.release();
     std::vector<uint8_t>().swap(entry_map_);
   }
   if (!files_.empty()) {
@@ -30,7 +30,7 @@ VELT::DirEntry::~DirEntry() {
 }
 
 int VELT::DirEntry::addFile(const std::shared_ptr<File>& file) {
-  std::lock_guard<std::mutex> lock(files_mutex_);
+  std::lock_guard lock(files_mutex_);
   if (std::find(files_.begin(), files_.end(), file) != files_.end()) {
     LOGI("file no %d already added to the open file list of [%s]\n",
          file ? static_cast<int>(file->file_no_) : -1, getPath().c_str());
@@ -41,7 +41,7 @@ int VELT::DirEntry::addFile(const std::shared_ptr<File>& file) {
 }
 
 int VELT::DirEntry::removeFile(const std::shared_ptr<File>& file) {
-  std::lock_guard<std::mutex> lock(files_mutex_);
+  std::lock_guard lock(files_mutex_);
   auto it = std::find(files_.begin(), files_.end(), file);
   if (it == files_.end()) return -1;
   files_.erase(it);

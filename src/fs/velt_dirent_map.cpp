@@ -13,7 +13,7 @@ namespace velt {
 static constexpr const char kLogTag[] = "VELT.DirEntry";
 
 int VELT::DirEntry::loadClusterMap() {
-  std::lock_guard<std::mutex> lock(map_mutex_);
+  std::lock_guard lock(map_mutex_);
   if (cluster_map_loaded_ && !cluster_map_dirty_) return 0;
   if (start_cluster_ == 0 || isEOC(start_cluster_)) {
     if (start_cluster_ != 0) NERIO_ASSERT_TEXT("start_cluster_ == 0");
@@ -109,7 +109,7 @@ int VELT::DirEntry::__diskOffsetToEntryIndex(int64_t disk_off) {
 }
 
 int VELT::DirEntry::diskOffsetToEntryIndex(int64_t disk_off) {
-  std::lock_guard<std::mutex> lock(map_mutex_);
+  std::lock_guard lock(map_mutex_);
   return __diskOffsetToEntryIndex(disk_off);
 }
 
@@ -132,7 +132,7 @@ int64_t VELT::DirEntry::entryIndexToDiskOffset(int entry_index) {
 
 int VELT::DirEntry::changeEntryMapValue(const std::shared_ptr<DirEntry>& entry, int64_t disk_off,
                                         uint8_t org, uint8_t value) {
-  std::lock_guard<std::mutex> lock(map_mutex_);
+  std::lock_guard lock(map_mutex_);
   if (disk_off == 0) {
     NERIO_ASSERT_TEXT("disk_off != 0ll");
     return -1;
@@ -187,7 +187,7 @@ int VELT::DirEntry::alloc(int request_dir_entry_count, bool reserve_it) {
   size_t stop = 0;
   for (int pass = 0; pass <= kGrowths; ++pass) {
     {
-      std::lock_guard<std::mutex> lock(map_mutex_);
+      std::lock_guard lock(map_mutex_);
       int first = findFreeRun(entry_map_, stop, request_dir_entry_count, &stop);
       if (first >= 0) {
         if (reserve_it) {
@@ -206,7 +206,7 @@ int VELT::DirEntry::alloc(int request_dir_entry_count, bool reserve_it) {
 
 int64_t VELT::DirEntry::getCluster(uint32_t cluster_map_index, bool allocate) {
   if (loadClusterMap() < 0) return -1;
-  std::unique_lock<std::mutex> lock(map_mutex_);
+  std::unique_lock lock(map_mutex_);
   if (!cluster_map_loaded_ && start_cluster_ != 0) NERIO_ASSERT_TEXT("cluster_map_loaded_");
   if (cluster_map_index < cluster_map_.size()) {
     uint32_t c = cluster_map_[cluster_map_index];
@@ -247,7 +247,7 @@ int VELT::DirEntry::allocClusters(int count, bool set_zeros) {
   PBR* pbr = velt_->pbr_;
   const size_t per_cluster = pbr->cluster_length_ / DIR_RECORD_SIZE;
   if (loadClusterMap() < 0) return -1;
-  std::lock_guard<std::mutex> lock(map_mutex_);
+  std::lock_guard lock(map_mutex_);
   if (start_cluster_ == 0) {
     int64_t c = pbr->allocCluster(set_zeros);
     if (c < 0 || isEOC(static_cast<uint32_t>(c))) {
@@ -327,15 +327,15 @@ int VELT::DirEntry::rebuildDirCluster(const char* volume_label) {
   }
   const int64_t cluster_count = pbr->getClusterCount(start_cluster_);
   if (cluster_count <= 0) {
-    std::lock_guard<std::mutex> lock(children_mutex_);
+    std::lock_guard lock(children_mutex_);
     if (!children_.empty()) NERIO_ASSERT_TEXT("children_.size() == 0");
     return 0;
   }
   std::vector<uint8_t> records;
   try {
-    std::list<std::shared_ptr<DirEntry>> children;
+    std::vector<std::shared_ptr<DirEntry>> children;
     {
-      std::lock_guard<std::mutex> lock(children_mutex_);
+      std::lock_guard lock(children_mutex_);
       children = children_;
     }
     uint8_t r[DIR_RECORD_SIZE];
@@ -422,7 +422,7 @@ int VELT::DirEntry::rebuildDirCluster(const char* volume_label) {
   // The records moved: the children are read again from the card.
   removeAllChildren();
   {
-    std::lock_guard<std::mutex> lock(map_mutex_);
+    std::lock_guard lock(map_mutex_);
     cluster_map_loaded_ = false;
     cluster_map_.clear();
     entry_map_.clear();

@@ -15,7 +15,7 @@ static void relinkDotDot(VELT* velt, VELT::DirEntry& dir, const VELT::DirEntry& 
   const uint32_t cluster = new_parent.parent_ != nullptr ? new_parent.start_cluster_ : 0;
   std::shared_ptr<VELT::DirEntry> dotdot;
   {
-    std::lock_guard<std::mutex> lock(dir.children_mutex_);
+    std::lock_guard lock(dir.children_mutex_);
     for (const auto& c : dir.children_) {
       if (c->short_name_ == "..") {
         dotdot = c;

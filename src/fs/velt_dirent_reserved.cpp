@@ -83,7 +83,7 @@ int VELT::DirEntry::createReservedFolder(ReservedFolderDesc* desc) {
     return -1;
   }
   {
-    std::lock_guard<std::mutex> lock(folder->children_mutex_);
+    std::lock_guard lock(folder->children_mutex_);
     int entry_index = static_cast<int>(folder->children_.size());
     if (entry_index != 2) NERIO_ASSERT_TEXT("entry_index == 2");
   }
@@ -125,7 +125,7 @@ int VELT::DirEntry::createReservedFolder(ReservedFolderDesc* desc) {
     if (record != nullptr) {
       // Free reserved files are deleted records: other readers see an empty folder.
       record[0] = DIR_ENTRY_DELETED;
-      std::lock_guard<std::mutex> lock(folder->map_mutex_);
+      std::lock_guard lock(folder->map_mutex_);
       if (static_cast<size_t>(idx) < folder->entry_map_.size()) {
         folder->entry_map_[idx] = DIR_ENTRY_DELETED;
       }
@@ -196,7 +196,7 @@ int VELT::DirEntry::secure(uint32_t bytes, uint8_t* record_out) {
   const int64_t cluster = getCluster(last_index, true);
   if (cluster >= 1 && cluster <= FAT_BAD) {
     {
-      std::lock_guard<std::mutex> lock(files_mutex_);
+      std::lock_guard lock(files_mutex_);
       size_ = bytes;
     }
     return update(true, true, record_out);
@@ -252,7 +252,7 @@ static std::shared_ptr<VELT::DirEntry> lookUpVELTChild(VELT::DirEntry* folder, i
     ASSERT_TEXT_MSG("velt_folder_ != nullptr",
                     "WARN: this call should be applied to velt folder only!\n");
   }
-  std::lock_guard<std::mutex> lock(folder->children_mutex_);
+  std::lock_guard lock(folder->children_mutex_);
   for (auto it = folder->children_.begin(); it != folder->children_.end(); ++it) {
     const std::shared_ptr<VELT::DirEntry>& child = *it;
     if (child->dir_ent_disk_off_ != disk_off) continue;
@@ -279,7 +279,7 @@ int VELT::DirEntry::removeVELTFile(int64_t disk_off, uint8_t* first_char) {
 
 // Whether anybody has the entry open.
 static bool isOpen(VELT::DirEntry& entry) {
-  std::lock_guard<std::mutex> lock(entry.files_mutex_);
+  std::lock_guard lock(entry.files_mutex_);
   return !entry.files_.empty();
 }
 
@@ -396,9 +396,7 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
       NERIO_ASSERT_TEXT("entry->lfn_ent_count_ == VELT_LFN_ENTRY_COUNT_MAX");
     }
     entry->real_size_ = 0;
-    for (int k = 0; k < VELT_LFN_ENTRY_COUNT_MAX; ++k) {
-      entry->lfn_disk_offsets_[k] = velt_file.lfn_disk_offsets[k];
-    }
+    entry->lfn_disk_offsets_.assign(velt_file.lfn_disk_offsets, VELT_LFN_ENTRY_COUNT_MAX);
     entry->dir_ent_disk_off_ = velt_file.dir_ent_disk_off;
     velt_file.taken_time = static_cast<uint32_t>(entry->created_);
     if (was_free) {
@@ -418,7 +416,7 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
   const int idx = diskOffsetToEntryIndex(entry->dir_ent_disk_off_);
   size_t map_size;
   {
-    std::lock_guard<std::mutex> lock(map_mutex_);
+    std::lock_guard lock(map_mutex_);
     map_size = entry_map_.size();
   }
   if (idx != velt_file.entry_index_ || idx < 0 || static_cast<size_t>(idx) >= map_size) {
@@ -451,14 +449,14 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
   const int fillers = lfn_count - needed;
   for (int k = 0; k < fillers; ++k) {
     buildFillerRecord((*entry->lfn_records_)[k].data());
-    std::lock_guard<std::mutex> lock(map_mutex_);
+    std::lock_guard lock(map_mutex_);
     entry_map_[first + k] = DIR_ENTRY_FREE;
   }
   for (int k = 0; k < needed; ++k) {
     const int seq = needed - k;
     uint8_t* out = (*entry->lfn_records_)[fillers + k].data();
     buildLfnRecord(units, seq, k == 0, checksum, out);
-    std::lock_guard<std::mutex> lock(map_mutex_);
+    std::lock_guard lock(map_mutex_);
     entry_map_[first + fillers + k] = out[rec::kLfnSeq];
   }
 
@@ -475,7 +473,7 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
                     ": %d == %d\n", first + lfn_count, idx);
   }
   {
-    std::lock_guard<std::mutex> lock(map_mutex_);
+    std::lock_guard lock(map_mutex_);
     if (entry_map_[idx] != expected_char) {
       ASSERT_TEXT_MSG("entry_map_[entry_index] == entry_index_char", ": 0x%02x == 0x%02x\n",
                       entry_map_[idx], expected_char);

@@ -223,7 +223,7 @@ int VELT::File::write(const void* buf, size_t size, int64_t off) {
   int result = __write(buf, size, off);
   if (result > 0 && entry_ != nullptr) {
     int64_t end = off + result;
-    std::lock_guard<std::mutex> lock(entry_->files_mutex_);
+    std::lock_guard lock(entry_->files_mutex_);
     entry_->size_ = std::max(entry_->size_, end);
     if (entry_->real_size_ < end) {
       entry_->real_size_ = end;
@@ -270,7 +270,7 @@ int VELT::File::close() {
         pbr->updateFSInfo();
       }
     }
-    std::lock_guard<std::mutex> lock(entry_->files_mutex_);
+    std::lock_guard lock(entry_->files_mutex_);
     entry_->update2(accessed_ != 0, written_ != 0);
     velt_->flush();
   }

@@ -144,7 +144,7 @@ int VELT::format(const FormatInfo& info, uint32_t mode, const char* label) {
   }
   int64_t root_size = 0;
   {
-    std::lock_guard<std::mutex> lock(root_->children_mutex_);
+    std::lock_guard lock(root_->children_mutex_);
     for (const auto& child : root_->children_) {
       if (child->isArchive()) root_size += child->size_;
     }

@@ -74,7 +74,7 @@ int lastError(int fallback) {
 }
 
 int64_t entrySize(VELT::DirEntry& entry) {
-  std::lock_guard<std::mutex> lock(entry.files_mutex_);
+  std::lock_guard lock(entry.files_mutex_);
   return entry.size_;
 }
 
@@ -172,7 +172,7 @@ int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler,
     // A copy, so that creations and deletions in this directory need not wait for the filler.
     std::vector<DirEntryPtr> children;
     {
-      std::lock_guard<std::mutex> lock(dir->children_mutex_);
+      std::lock_guard lock(dir->children_mutex_);
       children.assign(dir->children_.begin(), dir->children_.end());
     }
     for (const DirEntryPtr& child : children) {
@@ -257,7 +257,7 @@ int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
     if (entry == nullptr) return -EBADF;
     int64_t remaining;
     {
-      std::lock_guard<std::mutex> entry_lock(entry->files_mutex_);
+      std::lock_guard entry_lock(entry->files_mutex_);
       std::lock_guard<std::mutex> file_lock(file->mutex_);
       remaining = entry->size_ - offset;
     }

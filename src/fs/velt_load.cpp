@@ -122,7 +122,7 @@ int DirScan::prepare() {
     return -1;
   }
   size_t bytes = static_cast<size_t>(clusters) * pbr_->cluster_length_;
-  std::lock_guard<std::mutex> lock(cur_->map_mutex_);
+  std::lock_guard lock(cur_->map_mutex_);
   try {
     if (records > kMaxDirectoryRecords) throw std::bad_alloc();
     data_.assign(bytes, 0);
@@ -453,8 +453,9 @@ int DirScan::shortNameRecord(int index) {
       return 0;
     }
     entry->lfn_ent_count_ = lfn_ent_count_;
-    entry->lfn_disk_offsets_.assign(static_cast<size_t>(lfn_ent_count_), 0);
-    for (int k = 0; k < lfn_ent_count_; ++k) entry->lfn_disk_offsets_[k] = slots_[k].off;
+    int64_t offsets[kLfnRecordsMax];
+    for (int k = 0; k < lfn_ent_count_; ++k) offsets[k] = slots_[k].off;
+    entry->lfn_disk_offsets_.assign(offsets, static_cast<size_t>(lfn_ent_count_));
   }
 
   entry->dir_ent_disk_off_ = recordOffset(index);
@@ -537,7 +538,7 @@ int DirScan::finish() {
   }
   std::vector<uint32_t> clusters;
   {
-    std::lock_guard<std::mutex> lock(cur_->children_mutex_);
+    std::lock_guard lock(cur_->children_mutex_);
     clusters.reserve(cur_->children_.size());
     for (const auto& child : cur_->children_) clusters.push_back(child->start_cluster_);
   }

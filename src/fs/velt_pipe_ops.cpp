@@ -166,7 +166,7 @@ VELTWorkItem* readRequest(VELT::File& file, VELTWorkItem* request) {
   VELT::DirEntry* entry = file.entry_;
   const int32_t wanted = request->param_;
   releaseData(request);  // a read carries no payload; anything sent is ignored
-  std::lock_guard<std::mutex> files_lock(entry->files_mutex_);
+  std::lock_guard files_lock(entry->files_mutex_);
   std::lock_guard<std::mutex> file_lock(file.mutex_);
   if (file.pending_request_ != nullptr) {
     request->param_ = -EBUSY;
@@ -221,7 +221,7 @@ int spliceRequest(VELT& velt, VELT::File& in, VELTWorkItem* request) {
   int result;
   {
     VELT::DirEntry* entry = in.entry_;
-    std::lock_guard<std::mutex> files_lock(entry->files_mutex_);
+    std::lock_guard files_lock(entry->files_mutex_);
     std::lock_guard<std::mutex> file_lock(in.mutex_);
     if (entry->real_size_ <= request->offset_) return -EINVAL;
     const uint32_t count =
@@ -295,7 +295,7 @@ VELTWorkItem* VELT::executeDirectRequest(VELTWorkItem* item) {
       case kDirectOpGetRealSize:
       case kDirectOpGetSize: {
         releaseData(item);
-        std::lock_guard<std::mutex> lock(file->entry_->files_mutex_);
+        std::lock_guard lock(file->entry_->files_mutex_);
         item->offset_ =
             item->op_ == kDirectOpGetRealSize ? file->entry_->real_size_ : file->entry_->size_;
         item->param_ = 0;

@@ -141,7 +141,7 @@ int VELT::listRootFiles(std::list<std::string>& names) {
   names.clear();
   std::shared_ptr<DirEntry> root = root_;
   if (root == nullptr) return 0;
-  std::lock_guard<std::mutex> lock(root->children_mutex_);
+  std::lock_guard lock(root->children_mutex_);
   for (const auto& child : root->children_) {
     if (child->is_dir_ || child->is_volume_ || child->name_ == ".veltq") continue;
     names.push_back(child->name_);

@@ -295,7 +295,7 @@ TEST_F(ReservedTest, Secure2PublishesNamesOfOneTwoAndThreeRecords) {
   load();
   std::set<std::string> names;
   {
-    std::lock_guard<std::mutex> lock(folder_->children_mutex_);
+    std::lock_guard lock(folder_->children_mutex_);
     for (const auto& child : folder_->children_) {
       if (child->isDotEntry()) continue;
       names.insert(child->name_);

@@ -96,7 +96,7 @@ ReservedFsckReport expectedReservedReport(VELT& volume, const CardImage& card) {
   const int64_t cluster = volume.pbr_->cluster_length_;
   std::vector<std::shared_ptr<VELT::DirEntry>> folders;
   {
-    std::lock_guard<std::mutex> lock(volume.root_->children_mutex_);
+    std::lock_guard lock(volume.root_->children_mutex_);
     for (const auto& child : volume.root_->children_) {
       if (child->velt_folder_ != nullptr) folders.push_back(child);
     }

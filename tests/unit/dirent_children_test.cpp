@@ -404,13 +404,13 @@ TEST(DirentFiles, OpenFileListAndParkedReads) {
   reader->pending_request_ = request;
 
   {
-    std::lock_guard<std::mutex> lock(e->files_mutex_);
+    std::lock_guard lock(e->files_mutex_);
     EXPECT_EQ(e->checkFiles(), 0);  // nothing beyond offset 1000 yet
   }
   EXPECT_EQ(reader->pending_request_, request);
   e->size_ = e->real_size_ = 1200;
   {
-    std::lock_guard<std::mutex> lock(e->files_mutex_);
+    std::lock_guard lock(e->files_mutex_);
     EXPECT_EQ(e->checkFiles(), 1);
   }
   EXPECT_EQ(reader->pending_request_, nullptr);
@@ -433,7 +433,7 @@ TEST(DirentFiles, OpenFileListAndParkedReads) {
   idle->pending_request_ = late;
   c.v->direct_stop_ = true;
   {
-    std::lock_guard<std::mutex> lock(e->files_mutex_);
+    std::lock_guard lock(e->files_mutex_);
     EXPECT_EQ(e->checkFiles(), 1);
   }
   c.v->direct_stop_ = false;

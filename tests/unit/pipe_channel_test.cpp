@@ -299,7 +299,7 @@ TEST(PipeChannel, AClientThatDiesLosesNothingItSent) {
   for (const char* name : {"/a.bin", "/b.bin"}) {
     auto e = ch.v->findEntry(name);
     ASSERT_NE(e, nullptr);
-    std::lock_guard<std::mutex> lock(e->files_mutex_);
+    std::lock_guard lock(e->files_mutex_);
     EXPECT_EQ(e->size_, total) << name;
   }
   std::list<std::shared_ptr<VELT::File>> files;
