@@ -89,7 +89,8 @@ class MountedCard {
 
   // An mtools command ("mdir -/ ::/", "mtype ::/a") on the card's partition.
   ShellResult mtools(const std::string& command) const {
-    return runShell("LC_ALL=C.UTF-8 MTOOLS_SKIP_CHECK=1 " + toolAndImage(command));
+    ScopedEnv utf8("LC_ALL", "C.UTF-8");
+    return card_->mtools(command);
   }
 
   CardImage& card() { return *card_; }
@@ -97,13 +98,6 @@ class MountedCard {
   const std::string& error() const { return error_; }
 
  private:
-  std::string toolAndImage(const std::string& command) const {
-    size_t space = command.find(' ');
-    std::string tool = command.substr(0, space);
-    std::string rest = space == std::string::npos ? "" : command.substr(space);
-    return tool + " -i " + shellQuote(card_->mtoolsImage()) + rest;
-  }
-
   CardKind kind_ = CardKind::kPlain;
   std::unique_ptr<CardImage> card_;
   DaemonRunner daemon_;

@@ -22,6 +22,8 @@ using velt::test::CardImage;
 using velt::test::CardSpec;
 using Entry = std::shared_ptr<VELT::DirEntry>;
 
+using velt::test::localTime;
+
 namespace {
 
 // 64 MiB card with 512-byte clusters: 16 slots a cluster, so directories grow often and runs
@@ -87,19 +89,6 @@ struct Volume {
   std::shared_ptr<VELT> v;
   Entry root;
 };
-
-time_t localTime(int year, int mon, int mday, int hour, int min, int sec) {
-  struct tm tm;
-  memset(&tm, 0, sizeof(tm));
-  tm.tm_year = year - 1900;
-  tm.tm_mon = mon - 1;
-  tm.tm_mday = mday;
-  tm.tm_hour = hour;
-  tm.tm_min = min;
-  tm.tm_sec = sec;
-  tm.tm_isdst = -1;
-  return mktime(&tm);
-}
 
 std::string content(const std::string& seed, size_t size) {
   std::string s;

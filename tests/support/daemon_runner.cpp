@@ -192,6 +192,18 @@ DaemonExit runDaemonToExit(const std::vector<std::string>& args, const std::stri
   return result;
 }
 
+time_t localTime(int year, int mon, int mday, int hour, int min, int sec) {
+  struct tm tm = {};
+  tm.tm_year = year - 1900;
+  tm.tm_mon = mon - 1;
+  tm.tm_mday = mday;
+  tm.tm_hour = hour;
+  tm.tm_min = min;
+  tm.tm_sec = sec;
+  tm.tm_isdst = -1;
+  return mktime(&tm);
+}
+
 std::string readFileBytes(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::stringstream ss;

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,9 @@ class ScopedEnv {
   std::string name_, old_;
   bool had_;
 };
+
+// A local time as mktime reads it (month 1-12, daylight saving as the zone decides).
+time_t localTime(int year, int mon, int mday, int hour, int min, int sec);
 
 // A host file's bytes (empty when it cannot be read), and writing them.
 std::string readFileBytes(const std::string& path);

@@ -14,28 +14,6 @@ namespace velt::test {
 
 namespace {
 
-// fsck.fat prints names in the locale's charset: ask for UTF-8 while it runs.
-class Utf8Locale {
- public:
-  Utf8Locale() {
-    const char* old = getenv("LC_ALL");
-    had_ = old != nullptr;
-    if (had_) old_ = old;
-    setenv("LC_ALL", "C.UTF-8", 1);
-  }
-  ~Utf8Locale() {
-    if (had_) {
-      setenv("LC_ALL", old_.c_str(), 1);
-    } else {
-      unsetenv("LC_ALL");
-    }
-  }
-
- private:
-  std::string old_;
-  bool had_ = false;
-};
-
 bool isFiller(const uint8_t* r) {
   if (r[rec::kLfnSeq] != (rec::kLfnLast | 1) || r[rec::kLfnAttr] != kAttrLongName ||
       r[rec::kLfnChecksum] != 0) {
@@ -192,14 +170,14 @@ static ::testing::AssertionResult judge(const ShellResult& fsck,
 
 ::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card,
                                                       const ReservedFsckReport& expected) {
-  Utf8Locale locale;
+  ScopedEnv utf8("LC_ALL", "C.UTF-8");  // fsck.fat prints names in the locale's charset
   return judge(card.fsck("-n"), expected);
 }
 
 ::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card) {
   ShellResult fsck;
   {
-    Utf8Locale locale;
+    ScopedEnv utf8("LC_ALL", "C.UTF-8");  // fsck.fat prints names in the locale's charset
     fsck = card.fsck("-n");
   }
   CardImage::RootScope scope(card);

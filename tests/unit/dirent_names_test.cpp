@@ -13,6 +13,8 @@
 
 using velt::VELT;
 
+using velt::test::localTime;
+
 namespace {
 
 std::string name83(const char* short_name) {
@@ -26,19 +28,6 @@ std::string shortName(const char* name, const std::set<std::string>& taken = {})
   int r = velt::makeShortName(
       name, [&taken](const std::string& c) { return taken.count(c) > 0; }, &out);
   return r < 0 ? "<error>" : out;
-}
-
-time_t localTime(int year, int mon, int mday, int hour, int min, int sec) {
-  struct tm tm;
-  memset(&tm, 0, sizeof(tm));
-  tm.tm_year = year - 1900;
-  tm.tm_mon = mon - 1;
-  tm.tm_mday = mday;
-  tm.tm_hour = hour;
-  tm.tm_min = min;
-  tm.tm_sec = sec;
-  tm.tm_isdst = -1;
-  return mktime(&tm);
 }
 
 // The 13 code units a long-name record holds.
