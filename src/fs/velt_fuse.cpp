@@ -282,6 +282,19 @@ int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t 
   }
 }
 
+// A mount has no way to ask for publication, so a reserved file taken over through it is
+// published when its writer closes it (flush comes with every close(), release only later):
+// otherwise the recording would vanish at the next mount.
+static void publishReservedFile(VELT::File& file) {
+  VELT::DirEntry* entry = file.entry_;
+  if (entry == nullptr || file.direct_ || !file.written_ || !entry->is_reserved_ ||
+      entry->is_secured_) {
+    return;
+  }
+  int result = entry->secure2();
+  if (result < 0) LOGE("\"%s\" publish failed: %d\n", entry->getPath().c_str(), result);
+}
+
 int VELTFuse::__flush(const char* /*path*/, struct fuse_file_info* fi) {
   try {
     std::shared_ptr<VELT> velt = volume();
@@ -289,6 +302,7 @@ int VELTFuse::__flush(const char* /*path*/, struct fuse_file_info* fi) {
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
     NERIO_ASSERT(file != nullptr);
     if (!file) return -EBADF;
+    publishReservedFile(*file);
     file->flush();
     return 0;
   } catch (...) {
@@ -303,6 +317,7 @@ int VELTFuse::__release(const char* /*path*/, struct fuse_file_info* fi) {
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
     NERIO_ASSERT(file != nullptr);
     if (!file) return -EBADF;
+    publishReservedFile(*file);
     return file->close();
   } catch (...) {
     return exceptionAnswer(__func__);

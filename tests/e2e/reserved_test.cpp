@@ -1,6 +1,6 @@
 // The reserved folder of a VELT card through the mount: files created in it take over the
-// preallocated reserved files (free ones first, then the one taken over longest ago), they stay
-// hidden from listings and from other FAT readers, and nothing is renamed into or out of it.
+// preallocated reserved files (free ones first, then the one taken over longest ago), they are
+// published when their writer closes them, and nothing is renamed into or out of the folder.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -66,10 +66,10 @@ TEST(ReservedFolder, CreationsTakeOverReservedFilesAndRecycleTheOldest) {
   int count = 0;
   for (int i = 1; i <= 40 && count == 0; ++i) {
     ASSERT_TRUE(createWith(mounted.path(clip(i)), payload(i))) << i << ": " << strerror(errno);
-    // A taken-over file is not published through the mount: it answers stat with size 0 and
-    // stays out of the listing, but its data is there.
+    // A taken-over file is published when its writer closes it, with the reserved file's
+    // whole size, and its data at the start.
     ASSERT_EQ(stat(mounted.path(clip(i)).c_str(), &st), 0) << i;
-    EXPECT_EQ(st.st_size, 0) << i;
+    EXPECT_EQ(st.st_size, 4 << 20) << i;
     EXPECT_EQ(readPrefix(mounted.path(clip(i)), payload(i).size()), payload(i)) << i;
     if (i > 1 && !exists(mounted.path(clip(1)))) count = i - 1;
   }
@@ -78,7 +78,7 @@ TEST(ReservedFolder, CreationsTakeOverReservedFilesAndRecycleTheOldest) {
     EXPECT_TRUE(exists(mounted.path(clip(i)))) << i;
     EXPECT_EQ(readPrefix(mounted.path(clip(i)), payload(i).size()), payload(i)) << i;
   }
-  EXPECT_EQ(runShell("ls -A " + q(rec)).out, "");
+  EXPECT_NE(runShell("ls -A " + q(rec)).out.find("clip2.avi"), std::string::npos);
 
   // A deleted file frees its reserved file, and the next creation takes that one instead of
   // recycling the oldest.
@@ -110,9 +110,12 @@ TEST(ReservedFolder, CreationsTakeOverReservedFilesAndRecycleTheOldest) {
   EXPECT_TRUE(exists(rec));
 
   mounted.unmountAndCheck();
-  // Other FAT readers see the folder empty: taken-over files are still marked deleted.
+  // Other FAT readers see the published recordings, and only those: the recycled one is gone.
   ShellResult r = mounted.mtools("mdir -b ::/REC");
-  EXPECT_EQ(r.out.find("clip"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("clip3.avi"), std::string::npos) << r.out;
+  EXPECT_EQ(r.out.find("clip1.avi"), std::string::npos) << r.out;
+  r = mounted.mtools("mtype ::/REC/clip3.avi");
+  EXPECT_EQ(r.out.substr(0, payload(3).size()), payload(3));
   r = mounted.mtools("mtype ::/plain.txt");
   EXPECT_EQ(r.out, "plain");
 }
