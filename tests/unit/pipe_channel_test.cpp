@@ -11,9 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,6 +20,7 @@
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
 #include "fs/velt_pipe.h"
+#include "log_capture.h"
 #include "utils/Log.h"
 #include "velt_client.h"
 
@@ -34,44 +33,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-class LogCapture {
- public:
-  LogCapture() {
-    char tmpl[] = "/tmp/velt-chan-log-XXXXXX";
-    int fd = mkstemp(tmpl);
-    close(fd);
-    path_ = tmpl;
-    EXPECT_EQ(nerio::theLog().redirect(path_.c_str()), 0);
-  }
-  ~LogCapture() {
-    nerio::theLog().redirect("/dev/stdout");
-    unlink(path_.c_str());
-  }
-  std::string text() const {
-    std::ifstream in(path_);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  }
-  int count(const std::string& what) const {
-    const std::string t = text();
-    int n = 0;
-    for (size_t at = t.find(what); at != std::string::npos; at = t.find(what, at + 1)) ++n;
-    return n;
-  }
-  // Waits until `what` has appeared `times` times, at most timeout_ms.
-  bool waitFor(const std::string& what, int times = 1, int timeout_ms = 5000) const {
-    const auto end = Clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (Clock::now() < end) {
-      if (count(what) >= times) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
-
- private:
-  std::string path_;
-};
+using velt::test::LogCapture;
 
 uint8_t pattern(int64_t i) {
   return static_cast<uint8_t>((i * 13 + (i >> 10)) & 0xFF);

@@ -6,8 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,6 +13,7 @@
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
 #include "fs/velt_pipe.h"
+#include "log_capture.h"
 #include "utils/Log.h"
 
 using velt::VELT;
@@ -23,29 +22,7 @@ using Entry = std::shared_ptr<VELT::DirEntry>;
 
 namespace {
 
-class LogCapture {
- public:
-  LogCapture() {
-    char tmpl[] = "/tmp/velt-pipe-log-XXXXXX";
-    int fd = mkstemp(tmpl);
-    close(fd);
-    path_ = tmpl;
-    EXPECT_EQ(nerio::theLog().redirect(path_.c_str()), 0);
-  }
-  ~LogCapture() {
-    nerio::theLog().redirect("/dev/stdout");
-    unlink(path_.c_str());
-  }
-  std::string text() const {
-    std::ifstream in(path_);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-  }
-
- private:
-  std::string path_;
-};
+using velt::test::LogCapture;
 
 uint8_t pattern(int64_t i) {
   return static_cast<uint8_t>((i * 7 + (i >> 8)) & 0xFF);
