@@ -102,6 +102,7 @@ int VELT::DirEntry::touch(time_t atime, time_t mtime) {
     NERIO_ASSERT_TEXT("dir_ent_disk_off_ != 0ll");
     return -EINVAL;
   }
+  std::lock_guard lock(files_mutex_);  // the stamps are read under it
   access_date_ = timeToFatDate(atime);
   accessed_ = atime;
   write_date_ = timeToFatDate(mtime);

@@ -2,6 +2,7 @@
 #include "fs/velt_file.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
@@ -49,7 +50,8 @@ VELT::File::~File() {
 
 int64_t VELT::File::fileSize() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return entry_ != nullptr ? entry_->size_ : 0;
+  return entry_ != nullptr ? std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire)
+                           : 0;
 }
 
 int VELT::File::read(void* buf, size_t size, int64_t off) {
@@ -65,15 +67,19 @@ int VELT::File::__read(void* buf, size_t size, int64_t off) {
   if (file_no_ == kClosedFileNo || entry_ == nullptr) return -EBADF;
   if (size == 0) return 0;
   if (off < 0) return -EINVAL;
-  if (entry_->size_ < off) {
-    NERIO_ASSERT_MSG(entry_->size_ >= off, ": handle %d, entry %p, %zu >= %jd\n",
+  // A writer on another handle raises the size under the entry's files_mutex_, which may not be
+  // taken here (it comes before this file's mutex_): read it atomically.
+  const int64_t entry_size =
+      std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire);
+  if (entry_size < off) {
+    NERIO_ASSERT_MSG(entry_size >= off, ": handle %d, entry %p, %zu >= %jd\n",
                      static_cast<int>(file_no_), static_cast<void*>(entry_),
-                     static_cast<size_t>(entry_->size_), static_cast<intmax_t>(off));
+                     static_cast<size_t>(entry_size), static_cast<intmax_t>(off));
     return -EAGAIN;
   }
   // One call moves at most what an int can count.
   size = std::min<size_t>(size, 0x7FFFF000);
-  size = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(size), entry_->size_ - off));
+  size = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(size), entry_size - off));
   if (size == 0) return 0;
 
   const PBR* pbr = velt_->pbr_;
@@ -224,7 +230,8 @@ int VELT::File::write(const void* buf, size_t size, int64_t off) {
   if (result > 0 && entry_ != nullptr) {
     int64_t end = off + result;
     std::lock_guard lock(entry_->files_mutex_);
-    entry_->size_ = std::max(entry_->size_, end);
+    std::atomic_ref<int64_t>(entry_->size_)
+        .store(std::max(entry_->size_, end), std::memory_order_release);
     if (entry_->real_size_ < end) {
       entry_->real_size_ = end;
       entry_->checkFiles();

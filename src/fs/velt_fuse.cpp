@@ -73,11 +73,6 @@ int lastError(int fallback) {
   return errno != 0 ? -errno : fallback;
 }
 
-int64_t entrySize(VELT::DirEntry& entry) {
-  std::lock_guard lock(entry.files_mutex_);
-  return entry.size_;
-}
-
 }  // namespace
 
 std::shared_ptr<VELT> VELTFuse::volume() {
@@ -107,8 +102,16 @@ int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info
     memset(st, 0, sizeof(*st));
     st->st_mode = (entry->is_dir_ ? S_IFDIR : S_IFREG) | (entry->read_only_ ? 0555 : 0777);
     st->st_nlink = 1;
-    int64_t size = entrySize(*entry);
-    if (entry->is_reserved_ && !entry->is_secured_) size = 0;
+    // Size and times change under the entry's files_mutex_ (writes, closes, publication).
+    int64_t size;
+    time_t times[3];
+    {
+      std::lock_guard lock(entry->files_mutex_);
+      size = entry->is_reserved_ && !entry->is_secured_ ? 0 : entry->size_;
+      times[0] = entry->created_;
+      times[1] = entry->accessed_;
+      times[2] = entry->modified_;
+    }
     st->st_size = size;
     int64_t cluster_length = velt->pbr_ != nullptr ? velt->pbr_->cluster_length_ : 0;
     st->st_blksize = cluster_length;
@@ -117,9 +120,9 @@ int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info
       int64_t clusters = (size + cluster_length - 1) / cluster_length;
       st->st_blocks = clusters * (cluster_length / 512);
     }
-    st->st_ctime = entry->created_;
-    st->st_atime = entry->accessed_;
-    st->st_mtime = entry->modified_;
+    st->st_ctime = times[0];
+    st->st_atime = times[1];
+    st->st_mtime = times[2];
     return 0;
   } catch (...) {
     return exceptionAnswer(__func__);
@@ -209,7 +212,12 @@ int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
     DirEntryPtr entry = resolve(*velt, path);
     if (!entry) return -ENOENT;
     time_t now = time(nullptr);
-    time_t keep[2] = {entry->accessed_, entry->modified_};
+    time_t keep[2];
+    {
+      std::lock_guard lock(entry->files_mutex_);
+      keep[0] = entry->accessed_;
+      keep[1] = entry->modified_;
+    }
     time_t seconds[2];
     for (int i = 0; i < 2; ++i) {
       if (tv[i].tv_nsec == UTIME_OMIT) {
@@ -287,10 +295,9 @@ int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t 
 // otherwise the recording would vanish at the next mount.
 static void publishReservedFile(VELT::File& file) {
   VELT::DirEntry* entry = file.entry_;
-  if (entry == nullptr || file.direct_ || !file.written_ || !entry->is_reserved_ ||
-      entry->is_secured_) {
-    return;
-  }
+  if (entry == nullptr || file.direct_ || !file.written_ || !entry->is_reserved_) return;
+  std::lock_guard lock(entry->files_mutex_);
+  if (entry->is_secured_) return;
   int result = entry->secure2();
   if (result < 0) LOGE("\"%s\" publish failed: %d\n", entry->getPath().c_str(), result);
 }

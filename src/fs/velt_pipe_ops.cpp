@@ -94,7 +94,10 @@ int writeRequest(VELT::File& file, VELTWorkItem* request) {
   }
   if ((static_cast<uint32_t>(request->param_) & kDirectFlagSecure) != 0) {
     VELT::DirEntry* entry = file.entry_;
-    if (entry != nullptr && entry->is_reserved_ && !entry->is_secured_) entry->secure2();
+    if (entry != nullptr && entry->is_reserved_) {
+      std::lock_guard lock(entry->files_mutex_);  // readers of the stamps and size take it too
+      if (!entry->is_secured_) entry->secure2();
+    }
   }
   return result;
 }
