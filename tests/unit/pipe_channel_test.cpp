@@ -40,22 +40,12 @@ uint8_t pattern(int64_t i) {
 }
 
 // A formatted fake card with an empty root and the channel running on pipes in a sandbox.
-struct Channel {
-  Channel() : f(131072) {
+struct Channel : velt_test::FakeCard {
+  Channel() {
     char tmpl[] = "/tmp/velt-chan-XXXXXX";
     root_dir = mkdtemp(tmpl);
     mkdir((root_dir + "/tmp").c_str(), 0755);
     setenv("VELT_ROOT", root_dir.c_str(), 1);
-    EXPECT_TRUE(f.formatInMemory());
-    v = f.volume.get();
-    root = std::make_shared<VELT::DirEntry>(v);
-    root->is_dir_ = true;
-    root->attr_ = velt::kAttrDirectory;
-    root->start_cluster_ = v->pbr_->root_cluster_;
-    v->pbr_->setClusterChainUsed(v->pbr_->root_cluster_);
-    EXPECT_EQ(root->loadClusterMap(), 0);
-    root->entry_map_.assign(v->pbr_->cluster_length_ / 32, 0);
-    v->root_ = root;
   }
   ~Channel() {
     v->stopDirectWriter();
@@ -66,9 +56,6 @@ struct Channel {
     unsetenv("VELT_ROOT");
   }
   std::string root_dir;
-  velt_test::FakeVolume f;
-  VELT* v;
-  std::shared_ptr<VELT::DirEntry> root;
 };
 
 std::vector<uint8_t> headerBytes(uint32_t length, int32_t fd, uint32_t op, int64_t offset = 0,

@@ -18,7 +18,6 @@
 
 using velt::VELT;
 using velt::VELTWorkItem;
-using Entry = std::shared_ptr<VELT::DirEntry>;
 
 namespace {
 
@@ -30,21 +29,7 @@ uint8_t pattern(int64_t i) {
 
 // 64 MiB card formatted in memory with an empty root; requests are carried out one by one as
 // the worker would.
-struct Card {
-  Card() : f(131072) {
-    EXPECT_TRUE(f.formatInMemory());
-    v = f.volume.get();
-    root = std::make_shared<VELT::DirEntry>(v);
-    root->is_dir_ = true;
-    root->attr_ = velt::kAttrDirectory;
-    root->start_cluster_ = v->pbr_->root_cluster_;
-    v->pbr_->setClusterChainUsed(v->pbr_->root_cluster_);
-    EXPECT_EQ(root->loadClusterMap(), 0);
-    root->entry_map_.assign(v->pbr_->cluster_length_ / 32, 0);
-    v->root_ = root;
-  }
-  ~Card() { dropReplies(); }
-
+struct Card : velt_test::FakeCard {
   // Carries out one request; the reply (owned by the caller) or null.
   std::unique_ptr<VELTWorkItem> run(int32_t fd, uint32_t op, int64_t offset, int32_t param,
                                     const void* payload = nullptr, uint32_t size = 0) {
@@ -75,17 +60,10 @@ struct Card {
     v->responses_.clear();
     return out;
   }
-  void dropReplies() {
-    for (auto* r : takeReplies()) delete r;
-  }
   int64_t realSize(int fd) {
     auto r = run(fd, velt::kDirectOpGetRealSize, 0, 0);
     return r != nullptr && r->op_ == velt::kDirectOpGetRealSize ? r->offset_ : -1;
   }
-
-  velt_test::FakeVolume f;
-  VELT* v;
-  Entry root;
 };
 
 }  // namespace
