@@ -20,6 +20,39 @@ int transferErrno() {
   return errno != 0 ? errno : EIO;
 }
 
+// Walks the clusters behind `size` bytes at file offset `off` and calls
+// transfer(buffer position, card offset, length, last) once per run of consecutive clusters.
+// lookup(cluster index) gives the cluster or a negative errno; so does transfer (or 0).
+template <class Lookup, class Transfer>
+int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Transfer transfer) {
+  const int64_t cluster_length = velt.pbr_->cluster_length_;
+  uint32_t index = static_cast<uint32_t>(off / cluster_length);
+  int64_t in_cluster = off % cluster_length;
+  int64_t done = 0, run_start = 0, run_offset = 0, run_length = 0;
+  uint32_t prev = 0;
+  while (done < size) {
+    const int64_t cluster = lookup(index);
+    if (cluster < 0) return static_cast<int>(cluster);
+    const int64_t n = std::min<int64_t>(cluster_length - in_cluster, size - done);
+    if (run_length > 0 && static_cast<uint32_t>(cluster) == prev + 1) {
+      run_length += n;
+    } else {
+      if (run_length > 0) {
+        int r = transfer(run_start, run_offset, run_length, false);
+        if (r < 0) return r;
+      }
+      run_start = done;
+      run_offset = velt.clusterOffset(static_cast<uint32_t>(cluster)) + in_cluster;
+      run_length = n;
+    }
+    prev = static_cast<uint32_t>(cluster);
+    done += n;
+    in_cluster = 0;
+    ++index;
+  }
+  return run_length > 0 ? transfer(run_start, run_offset, run_length, true) : 0;
+}
+
 }  // namespace
 
 VELT::File::File(VELT* velt, uint32_t file_no, bool dir_mode, bool for_write, bool direct,
@@ -82,58 +115,29 @@ int VELT::File::__read(void* buf, size_t size, int64_t off) {
   size = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(size), entry_size - off));
   if (size == 0) return 0;
 
-  const PBR* pbr = velt_->pbr_;
-  const int64_t cluster_length = pbr->cluster_length_;
-  uint32_t index = static_cast<uint32_t>(off / cluster_length);
-  int64_t in_cluster = off % cluster_length;
+  const uint32_t num_clusters = velt_->pbr_->num_clusters_;
   uint8_t* dst = static_cast<uint8_t*>(buf);
-  int64_t left = static_cast<int64_t>(size);
-
-  // The pending run: consecutive clusters read with one transfer.
-  uint8_t* run_dst = dst;
-  int64_t run_offset = 0;
-  int64_t run_length = 0;
-  uint32_t prev = 0;
-  auto readRun = [&]() -> int {
-    if (run_length == 0) return 0;
-    errno = 0;
-    int got = velt_->read(run_dst, static_cast<int>(run_length), run_offset);
-    if (got != run_length) {
-      int err = transferErrno();
-      LOGE("[%s] read(%d bytes) error: %d(%s)\n", entry_->getPath().c_str(),
-           static_cast<int>(run_length), err, strerror(err));
-      return -err;
-    }
-    return 0;
-  };
-
-  while (left > 0) {
+  auto lookup = [&](uint32_t index) -> int64_t {
     int64_t cluster = entry_->getCluster(index, false);
-    if (cluster < 2 || cluster >= pbr->num_clusters_) {
+    // Cluster 2 is the root directory's and never holds file data.
+    if (cluster <= 2 || cluster >= num_clusters) {
       if (cluster != 2) {
         static constexpr const char kLogTag[] = "";
         NERIO_ASSERT_TEXT("cluster_number >= 2");
       }
       return -EINVAL;
     }
-    if (cluster == 2) return -EINVAL;  // the root directory's cluster never holds file data
-    int64_t n = std::min<int64_t>(cluster_length - in_cluster, left);
-    if (run_length > 0 && static_cast<uint32_t>(cluster) == prev + 1) {
-      run_length += n;
-    } else {
-      int r = readRun();
-      if (r < 0) return r;
-      run_dst = dst;
-      run_offset = velt_->clusterOffset(static_cast<uint32_t>(cluster)) + in_cluster;
-      run_length = n;
-    }
-    prev = static_cast<uint32_t>(cluster);
-    dst += n;
-    left -= n;
-    in_cluster = 0;
-    ++index;
-  }
-  int r = readRun();
+    return cluster;
+  };
+  auto readRun = [&](int64_t at, int64_t card_off, int64_t length, bool) -> int {
+    errno = 0;
+    if (velt_->read(dst + at, static_cast<int>(length), card_off) == length) return 0;
+    int err = transferErrno();
+    LOGE("[%s] read(%d bytes) error: %d(%s)\n", entry_->getPath().c_str(), static_cast<int>(length),
+         err, strerror(err));
+    return -err;
+  };
+  int r = forEachRun(*velt_, off, static_cast<int64_t>(size), lookup, readRun);
   if (r < 0) return r;
   accessed_ = 1;
   direct_offset_ = off + static_cast<int64_t>(size);
@@ -162,63 +166,34 @@ int VELT::File::__write(const void* buf, size_t size, int64_t off) {
   // A FAT32 file ends below 4 GiB.
   if (off + static_cast<int64_t>(size) > 0xFFFFFFFFll) return -EFBIG;
 
-  const PBR* pbr = velt_->pbr_;
-  const int64_t cluster_length = pbr->cluster_length_;
-  uint32_t index = static_cast<uint32_t>(off / cluster_length);
-  int64_t in_cluster = off % cluster_length;
   const uint8_t* src = static_cast<const uint8_t*>(buf);
-  int64_t left = static_cast<int64_t>(size);
   const bool cache = write_cache_ != 0;
-
-  const uint8_t* run_src = src;
-  int64_t run_offset = 0;
-  int64_t run_length = 0;
-  uint32_t prev = 0;
-  auto writeRun = [&]() -> int {
-    errno = 0;
-    int put = velt_->write(run_src, static_cast<uint32_t>(run_length), run_offset, cache);
-    if (put != run_length) return transferErrno();
-    return 0;
-  };
-
-  while (left > 0) {
+  auto lookup = [&](uint32_t index) -> int64_t {
     int64_t cluster = entry_->getCluster(index, true);
     if (cluster == -1) return -EIO;
     if (cluster < 2 || cluster >= FAT_EOC) {
       LOGE("[%s] write error: no cluster available\n", entry_->getPath().c_str());
       return -ENOSPC;
     }
-    int64_t n = std::min<int64_t>(cluster_length - in_cluster, left);
-    if (run_length > 0 && static_cast<uint32_t>(cluster) == prev + 1) {
-      run_length += n;
+    return cluster;
+  };
+  auto writeRun = [&](int64_t at, int64_t card_off, int64_t length, bool last) -> int {
+    errno = 0;
+    if (velt_->write(src + at, static_cast<uint32_t>(length), card_off, cache) == length) return 0;
+    int err = transferErrno();
+    if (last) {
+      LOGE("[%s] write(%d bytes, write %d @ %jd) error: %d(%s)\n", entry_->getPath().c_str(),
+           static_cast<int>(length), static_cast<int>(at), static_cast<intmax_t>(card_off), err,
+           strerror(err));
     } else {
-      if (run_length > 0) {
-        int err = writeRun();
-        if (err != 0) {
-          LOGE("[%s] write(%d bytes) error: %d(%s)\n", entry_->getPath().c_str(),
-               static_cast<int>(run_length), err, strerror(err));
-          error_ = err;
-          return -err;
-        }
-      }
-      run_src = src;
-      run_offset = velt_->clusterOffset(static_cast<uint32_t>(cluster)) + in_cluster;
-      run_length = n;
+      LOGE("[%s] write(%d bytes) error: %d(%s)\n", entry_->getPath().c_str(),
+           static_cast<int>(length), err, strerror(err));
     }
-    prev = static_cast<uint32_t>(cluster);
-    src += n;
-    left -= n;
-    in_cluster = 0;
-    ++index;
-  }
-  int err = writeRun();
-  if (err != 0) {
-    LOGE("[%s] write(%d bytes, write %d @ %jd) error: %d(%s)\n", entry_->getPath().c_str(),
-         static_cast<int>(run_length), static_cast<int>(run_src - static_cast<const uint8_t*>(buf)),
-         static_cast<intmax_t>(run_offset), err, strerror(err));
-    error_ = err;
+    error_ = err;  // sticks: later writes fail at once
     return -err;
-  }
+  };
+  int r = forEachRun(*velt_, off, static_cast<int64_t>(size), lookup, writeRun);
+  if (r < 0) return r;
   written_ = 1;
   accessed_ = 1;
   direct_offset_ = off + static_cast<int64_t>(size);
