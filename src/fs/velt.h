@@ -142,8 +142,13 @@ class VELT : public std::enable_shared_from_this<VELT> {
   int __read(void* dst, int size, int64_t offset);
   int read(void* dst, int size, int64_t offset);
   int write(const void* src, uint32_t len, int64_t offset, bool cache);
+  // Writes the pending buffer out: 0 (also when nothing was pending), or -1 with errno EIO when
+  // the driver failed; the buffer is empty afterwards either way.
   int __flush();
   int flush();
+  void resetWriteBuffer();  // caller holds io_mutex_
+  void cacheBufferSectors(int64_t first, int64_t count, bool cache);  // caller holds io_mutex_
+  bool fetchSector(int64_t sector, uint8_t* dst);  // caller holds io_mutex_
 
   // ===== Card layout: MBR, PBR, FSInfo, FAT (velt_mbr, velt_pbr, velt_fat, velt_mkfs) =====
   // Init steps from the partition table to the version check; a result code.
@@ -275,6 +280,9 @@ class VELT : public std::enable_shared_from_this<VELT> {
   std::unique_ptr<BlockDriver> driver_;  // backend behind device_fd_
   int64_t write_start_sector_ = -1;  // first sector of the pending write buffer; -1 when empty
   uint32_t write_ptr_ = 0;  // bytes of the write buffer that carry data
+  // Bytes at the start of the write buffer that were never filled (the buffer is placed on a
+  // 64 KiB boundary but data may begin later); a multiple of the sector size, never written.
+  uint32_t write_skip_ = 0;
   std::mutex cache_mutex_;  // the sector cache; always taken after io_mutex_
   int32_t cache_size_ = 0;  // entries; kept over a release so a reset rebuilds the same size
   int32_t cache_hash_size_ = 0;  // buckets, a power of two >= 1024

@@ -185,6 +185,7 @@ int VELT::rebuildRoot(bool keep_files) {
     std::lock_guard<std::mutex> lock(pbr_->fat_mutex_);
     pbr_->fat1_.swap(fat);
     pbr_->fat1_flags_.swap(flags);
+    pbr_->__markAllFATDirty();
   }
 
   const bool with_label = op_mode_ == kVELTOpFormat && !volume_label_.empty();

@@ -87,81 +87,108 @@ void PBR::unlockFAT(bool flush) {
     NERIO_ASSERT_MSG(fat_locked_count_ >= 0, ": %d >= 0\n", fat_locked_count_);
   }
   if (fat_locked_count_ == 0 && flush) {
-    updateFATs();
+    __flushFATs();
     updateFSInfo();
   }
 }
 
 int PBR::updateFATs() {
   NERIO_ASSERT(fat1_.size() > 0);
-  if (fat_locked_count_ != 0) return 0;
+  if (fat_locked_count_ != 0) {
+    __markAllFATDirty();
+    return 0;
+  }
   size_t bytes = static_cast<size_t>(bytes_per_sector_) * fat_sectors_;
   for (uint32_t i = 0; i < num_fats_; ++i) {
     if (velt_->write(fat1_.data(), static_cast<uint32_t>(bytes),
                      sectorOffset(reserved_sectors_ + i * fat_sectors_), true) <
-        static_cast<int>(bytes)) {
+            static_cast<int>(bytes) ||
+        velt_->flush() != 0) {
       int err = errno;
       LOGE("sync FAT table[%d]: %d(%s)\n", i, err, strerror(err));
       return -1;
     }
   }
+  std::fill(dirty_fat_sectors_.begin(), dirty_fat_sectors_.end(), 0);
+  dirty_fat_count_ = 0;
   fat_damaged_ = false;
   return 0;
 }
 
-int PBR::__syncFATEntry(uint32_t c) {
-  if (fat_locked_count_ > 0) {
-    if (dirty_fat_entries_.empty() || dirty_fat_entries_.back() != c) dirty_fat_entries_.push_back(c);
-    return 0;
+void PBR::__markFATSectorDirty(uint32_t fat_sector) {
+  if (fat_sector >= fat_sectors_) return;
+  if (dirty_fat_sectors_.size() * 64 < fat_sectors_) dirty_fat_sectors_.resize((fat_sectors_ + 63) / 64, 0);
+  uint64_t bit = uint64_t{1} << (fat_sector % 64);
+  uint64_t& word = dirty_fat_sectors_[fat_sector / 64];
+  if ((word & bit) == 0) {
+    word |= bit;
+    ++dirty_fat_count_;
   }
+}
+
+void PBR::__markAllFATDirty() {
+  for (uint32_t s = 0; s < fat_sectors_; ++s) __markFATSectorDirty(s);
+}
+
+int PBR::__syncFATEntry(uint32_t c) {
   if (c >= num_clusters_) {
     NERIO_ASSERT_MSG(num_clusters_ > c, ": %d > %d\n", num_clusters_, c);
     return -1;
   }
-  uint32_t in_fat = 4 * c;
-  for (uint32_t i = 0; i < num_fats_; ++i) {
-    int64_t offset = sectorOffset(reserved_sectors_ + i * fat_sectors_ + in_fat / bytes_per_sector_) +
-                     in_fat % bytes_per_sector_;
-    if (velt_->write(&fat1_[c], 4, offset, true) < 4) {
-      int err = errno;
-      LOGE("flusing FAT table entry of cluster %d failed: %d(%s)\n", c, err, strerror(err));
-      return -1;
-    }
+  __markFATSectorDirty(static_cast<uint32_t>(4ull * c / bytes_per_sector_));
+  if (fat_locked_count_ > 0) return 0;
+  if (__flushFATs() != 0) {
+    int err = errno;
+    LOGE("flusing FAT table entry of cluster %d failed: %d(%s)\n", c, err, strerror(err));
+    return -1;
   }
   return 0;
 }
 
 int PBR::__flushFATs() {
-  if (dirty_fat_entries_.empty()) return 0;
-  std::vector<uint32_t> sectors;
-  sectors.reserve(dirty_fat_entries_.size());
-  std::sort(dirty_fat_entries_.begin(), dirty_fat_entries_.end());
-  for (uint32_t c : dirty_fat_entries_) {
-    if (c >= fat_clusters_) {
-      NERIO_ASSERT_MSG(num_clusters_ > c, ": %d > %d\n", num_clusters_, c);
-      continue;
-    }
-    uint32_t s = 4 * c / bytes_per_sector_;
-    if (sectors.empty() || sectors.back() != s) sectors.push_back(s);
-  }
-  NERIO_ASSERT(sectors.size() > 0);
-  size_t j = 0;
-  while (j < sectors.size()) {
-    uint32_t start = sectors[j];
-    uint32_t n = 1;
-    while (j + n < sectors.size() && sectors[j + n] == start + n) ++n;
-    uint32_t entry = start * bytes_per_sector_ / 4;
-    for (uint32_t i = 0; i < num_fats_; ++i) {
-      if (velt_->write(&fat1_[entry], n * bytes_per_sector_,
-                       sectorOffset(reserved_sectors_ + i * fat_sectors_ + start), true) <
-          static_cast<int>(n * bytes_per_sector_)) {
-        int err = errno;
-        LOGE("flusing FAT table entry of cluster %d failed: %d(%s)\n", entry, err, strerror(err));
+  if (dirty_fat_count_ == 0) return 0;
+  // Runs of consecutive dirty sectors: [start, start + length).
+  std::vector<std::pair<uint32_t, uint32_t>> runs;
+  for (size_t w = 0; w < dirty_fat_sectors_.size(); ++w) {
+    uint64_t word = dirty_fat_sectors_[w];
+    while (word != 0) {
+      uint32_t s = static_cast<uint32_t>(w * 64 + __builtin_ctzll(word));
+      word &= word - 1;
+      if (!runs.empty() && runs.back().first + runs.back().second == s) {
+        ++runs.back().second;
+      } else {
+        runs.emplace_back(s, 1);
       }
     }
-    j += n;
   }
-  std::vector<uint32_t>().swap(dirty_fat_entries_);
+  // Copy by copy, each finished on the card before the next begins: a write torn by a power cut
+  // damages one copy at most.
+  bool failed = false;
+  for (uint32_t i = 0; i < num_fats_ && !failed; ++i) {
+    for (const auto& [start, n] : runs) {
+      const uint32_t entry = start * bytes_per_sector_ / 4;
+      const uint32_t bytes = n * bytes_per_sector_;
+      if (velt_->write(&fat1_[entry], bytes,
+                       sectorOffset(reserved_sectors_ + i * fat_sectors_ + start),
+                       true) < static_cast<int>(bytes)) {
+        int err = errno;
+        LOGE("flusing FAT table entry of cluster %d failed: %d(%s)\n", entry, err, strerror(err));
+        failed = true;
+        break;
+      }
+    }
+    if (!failed && velt_->flush() != 0) {
+      int err = errno;
+      LOGE("flusing FAT table[%d] failed: %d(%s)\n", i, err, strerror(err));
+      failed = true;
+    }
+  }
+  if (failed) {
+    errno = EIO;
+    return -1;
+  }
+  std::fill(dirty_fat_sectors_.begin(), dirty_fat_sectors_.end(), 0);
+  dirty_fat_count_ = 0;
   return 0;
 }
 
@@ -394,13 +421,14 @@ int PBR::__releaseUnusedClusters(bool write_fsinfo) {
       if (fat1_[c] != 0) {
         changed = true;
         fat1_[c] = 0;
+        __markFATSectorDirty(static_cast<uint32_t>(4ull * c / bytes_per_sector_));
       }
       if (count == 0) first = c;
       ++count;
     }
     free_cluster_count_ = count;
     next_free_cluster_number_ = first;
-    if (changed) updateFATs();
+    if (changed && fat_locked_count_ == 0) __flushFATs();
   }
   return write_fsinfo ? updateFSInfo() : 0;
 }

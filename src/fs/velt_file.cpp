@@ -254,7 +254,8 @@ int VELT::File::close() {
     }
     std::lock_guard lock(entry_->files_mutex_);
     entry_->update2(accessed_ != 0, written_ != 0);
-    velt_->flush();
+    // Data still pending in the write buffer goes out now; losing it must reach the closer.
+    if (velt_->flush() != 0 && result == 0) result = -EIO;
   }
   if (fat_locked_) {
     if (velt_ == nullptr) {

@@ -1,7 +1,10 @@
 // Buffered I/O on absolute card offsets. Reads go to the driver in runs of uncached sectors;
-// writes gather in a 1 MiB buffer that always starts on a 64 KiB boundary, so the card sees
-// large aligned writes.
+// writes gather in a 1 MiB buffer placed on a 64 KiB boundary, so that a stream reaches the card
+// as large aligned writes, while a small write costs only the sectors it changes. The buffer
+// stays pending across contiguous writes and goes to the card when it is full, when a write does
+// not continue it, and at an explicit flush.
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "fs/velt.h"
@@ -20,13 +23,13 @@ constexpr int kBufferSectors = static_cast<int>(VELT_BUFFER_SIZE / VELT_SECTOR_S
 // Overlays what the pending write buffer holds for [offset, offset + size) onto dst, so that a
 // read never returns card content older than a completed write.
 static void overlayPendingWrite(const VELT& v, uint8_t* dst, int size, int64_t offset) {
-  if (v.write_start_sector_ < 0 || v.write_ptr_ == 0) return;
-  int64_t buf_start = v.write_start_sector_ * VELT_SECTOR_SIZE;
-  // Whole sectors of the buffer are current (a partial last sector is completed on write).
-  int64_t buf_end = buf_start + ((static_cast<int64_t>(v.write_ptr_) + VELT_SECTOR_SIZE - 1) /
-                                 VELT_SECTOR_SIZE) * VELT_SECTOR_SIZE;
-  int64_t from = std::max(offset, buf_start);
-  int64_t to = std::min(offset + size, buf_end);
+  if (v.write_start_sector_ < 0 || v.write_ptr_ <= v.write_skip_) return;
+  const int64_t buf_start = v.write_start_sector_ * VELT_SECTOR_SIZE;
+  // Whole sectors from the skip on are current (a partial last sector is completed on write).
+  const int64_t buf_end = buf_start + ((static_cast<int64_t>(v.write_ptr_) + VELT_SECTOR_SIZE - 1) /
+                                       VELT_SECTOR_SIZE) * VELT_SECTOR_SIZE;
+  const int64_t from = std::max(offset, buf_start + v.write_skip_);
+  const int64_t to = std::min(offset + size, buf_end);
   if (from >= to) return;
   memcpy(dst + (from - offset), v.write_buffer_ + (from - buf_start), static_cast<size_t>(to - from));
 }
@@ -111,8 +114,14 @@ int VELT::read(void* dst, int size, int64_t offset) {
   return __read(dst, size, offset);
 }
 
+void VELT::resetWriteBuffer() {
+  write_ptr_ = 0;
+  write_skip_ = 0;
+  write_start_sector_ = -1;
+}
+
 int VELT::__flush() {
-  if (write_start_sector_ < 0) return -1;
+  if (write_start_sector_ < 0) return 0;
   int count = static_cast<int>((write_ptr_ + VELT_SECTOR_SIZE - 1) / VELT_SECTOR_SIZE);
   if (static_cast<size_t>(count) * VELT_SECTOR_SIZE > VELT_BUFFER_SIZE) {
     NERIO_ASSERT_MSG(static_cast<size_t>(count) * VELT_SECTOR_SIZE <= VELT_BUFFER_SIZE,
@@ -120,19 +129,21 @@ int VELT::__flush() {
                      static_cast<int>(VELT_BUFFER_SIZE));
     count = kBufferSectors;
   }
-  if (count == 0) {
-    write_ptr_ = 0;
-    write_start_sector_ = -1;
+  const int skip = static_cast<int>(write_skip_ / VELT_SECTOR_SIZE);
+  count -= skip;
+  if (count <= 0) {
+    resetWriteBuffer();
     return 0;
   }
   int result = driver_ != nullptr
-                   ? driver_->writeSectors(static_cast<uint32_t>(write_start_sector_), count,
-                                           write_buffer_)
+                   ? driver_->writeSectors(static_cast<uint32_t>(write_start_sector_ + skip), count,
+                                           write_buffer_ + write_skip_)
                    : -1;
-  write_ptr_ = 0;
-  write_start_sector_ = -1;
+  // The buffer is emptied even after a failure: the caller learns of the loss from the result.
+  resetWriteBuffer();
   if (result != count) {
     NERIO_ASSERT_MSG(result == count, ": %d == %d\n", result, count);
+    errno = EIO;
     return -1;
   }
   return 0;
@@ -143,121 +154,89 @@ int VELT::flush() {
   return __flush();
 }
 
+// Stores or drops the sectors [first, first + count) of the write buffer in the sector cache.
+void VELT::cacheBufferSectors(int64_t first, int64_t count, bool cache) {
+  for (int64_t s = first; s < first + count; ++s) {
+    if (cache) {
+      updateCache(static_cast<uint32_t>(s),
+                  write_buffer_ + (s - write_start_sector_) * VELT_SECTOR_SIZE);
+    } else {
+      dropCache(static_cast<uint32_t>(s));
+    }
+  }
+}
+
+// Current content of one sector into dst, from the cache or the card; false on a driver failure.
+bool VELT::fetchSector(int64_t sector, uint8_t* dst) {
+  if (lookupCache(static_cast<uint32_t>(sector), dst) == 0) return true;
+  if (driver_->readSectors(static_cast<uint32_t>(sector), 1, dst) == 1) return true;
+  LOGE("write.io_read error\n");
+  errno = EIO;
+  return false;
+}
+
 int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache) {
   if (len == 0) return 0;
+  if (off < 0) return -1;
   const uint8_t* src = static_cast<const uint8_t*>(src_ptr);
-  const int64_t end = off + static_cast<int64_t>(len) - 1;
-  const int64_t end_sector = end / VELT_SECTOR_SIZE;
-  const int end_offset = static_cast<int>(end % VELT_SECTOR_SIZE);
   std::lock_guard<std::mutex> lock(io_mutex_);
   if (driver_ == nullptr || write_buffer_ == nullptr) return -1;
 
-  // Place the write buffer.
-  bool continues = write_start_sector_ >= 0 &&
-                   off == write_start_sector_ * VELT_SECTOR_SIZE + static_cast<int64_t>(write_ptr_);
-  if (!continues) {
-    if (write_start_sector_ >= 0) __flush();
-    if (off % kWriteAlign != 0) {
-      int64_t aligned_offset = off - off % kWriteAlign;
-      int64_t lookahead_size = off - aligned_offset;
-      NERIO_ASSERT(aligned_offset < off);
-      NERIO_ASSERT(lookahead_size < static_cast<int64_t>(VELT_BUFFER_SIZE));
-      int64_t read_size = (lookahead_size + VELT_SECTOR_SIZE - 1) / VELT_SECTOR_SIZE * VELT_SECTOR_SIZE;
-      read_size = std::min<int64_t>(read_size, VELT_BUFFER_SIZE);
-      int got = __read(write_buffer_, static_cast<int>(read_size), aligned_offset);
-      if (got != read_size) {
-        NERIO_ASSERT_MSG(got == read_size, ": %zd == %zd\n", static_cast<ssize_t>(got),
-                         static_cast<ssize_t>(read_size));
-        return -1;
-      }
-      write_ptr_ = static_cast<uint32_t>(lookahead_size);
-      write_start_sector_ = aligned_offset / VELT_SECTOR_SIZE;
-      NERIO_ASSERT(write_ptr_ < VELT_BUFFER_SIZE);
-      NERIO_ASSERT(write_start_sector_ * 512ll + write_ptr_ == off);
+  // The sector that holds the buffer's partial last byte when its content beyond is known.
+  int64_t valid_tail = -1;
+  if (write_start_sector_ >= 0) {
+    const bool continues =
+        off == write_start_sector_ * VELT_SECTOR_SIZE + static_cast<int64_t>(write_ptr_);
+    if (!continues) {
+      if (__flush() != 0) return -1;
+    } else if (write_ptr_ % VELT_SECTOR_SIZE != 0) {
+      valid_tail = write_start_sector_ + write_ptr_ / VELT_SECTOR_SIZE;
     }
   }
 
   int64_t remaining = len;
   while (remaining > 0) {
-    int64_t sector = off / VELT_SECTOR_SIZE;
-    int in_sector = static_cast<int>(off % VELT_SECTOR_SIZE);
-    int64_t n;
+    const int64_t sector = off / VELT_SECTOR_SIZE;
+    const int in_sector = static_cast<int>(off % VELT_SECTOR_SIZE);
     if (write_start_sector_ < 0) {
-      NERIO_ASSERT(write_ptr_ == 0);
-      n = std::min<int64_t>(VELT_SECTOR_SIZE - in_sector, remaining);
-      if (in_sector != 0 || n != VELT_SECTOR_SIZE) {
-        if (lookupCache(static_cast<uint32_t>(sector), write_buffer_) != 0) {
-          if (driver_->readSectors(static_cast<uint32_t>(sector), 1, write_buffer_) != 1) {
-            LOGE("write.io_read error\n");
-            return -1;
-          }
+      // A new buffer on the 64 KiB boundary at or below off; nothing before off is read.
+      write_start_sector_ = (off - off % kWriteAlign) / VELT_SECTOR_SIZE;
+      write_skip_ = static_cast<uint32_t>((sector - write_start_sector_) * VELT_SECTOR_SIZE);
+      write_ptr_ = static_cast<uint32_t>(off - write_start_sector_ * VELT_SECTOR_SIZE);
+      if (in_sector != 0 || in_sector + remaining < VELT_SECTOR_SIZE) {
+        if (!fetchSector(sector, write_buffer_ + write_skip_)) {
+          resetWriteBuffer();
+          return -1;
         }
+        valid_tail = sector;
       }
-      write_ptr_ = static_cast<uint32_t>(in_sector);
-      memcpy(write_buffer_ + write_ptr_, src, static_cast<size_t>(n));
-      write_start_sector_ = sector;
-      write_ptr_ += static_cast<uint32_t>(n);
-      if (cache) {
-        updateCache(static_cast<uint32_t>(sector), write_buffer_);
-      } else {
-        dropCache(static_cast<uint32_t>(sector));
-      }
-    } else {
-      NERIO_ASSERT_MSG(write_start_sector_ * 512ll + write_ptr_ == off,
-                       ": %lld*512 (%lld) + %d == %jd\n",
-                       static_cast<long long>(write_start_sector_),
-                       static_cast<long long>(write_start_sector_ * 512ll),
-                       static_cast<int>(write_ptr_), static_cast<intmax_t>(off));
-      n = std::min<int64_t>(static_cast<int64_t>(VELT_BUFFER_SIZE) - write_ptr_, remaining);
-      memcpy(write_buffer_ + write_ptr_, src, static_cast<size_t>(n));
-      int64_t completed = (in_sector + n) / VELT_SECTOR_SIZE;
-      for (int64_t i = 0; i < completed; ++i) {
-        int64_t s = sector + i;
-        if (cache) {
-          updateCache(static_cast<uint32_t>(s),
-                      write_buffer_ + (s - write_start_sector_) * VELT_SECTOR_SIZE);
-        } else {
-          dropCache(static_cast<uint32_t>(s));
-        }
-      }
-      write_ptr_ += static_cast<uint32_t>(n);
     }
+    const int64_t n = std::min<int64_t>(static_cast<int64_t>(VELT_BUFFER_SIZE) - write_ptr_, remaining);
+    memcpy(write_buffer_ + write_ptr_, src, static_cast<size_t>(n));
+    cacheBufferSectors(sector, (in_sector + n) / VELT_SECTOR_SIZE, cache);
+    write_ptr_ += static_cast<uint32_t>(n);
     off += n;
     src += n;
     remaining -= n;
-    if (write_ptr_ >= VELT_BUFFER_SIZE) __flush();
+    if (write_ptr_ >= VELT_BUFFER_SIZE && __flush() != 0) return -1;
   }
-  NERIO_ASSERT_MSG(off == end_sector * 512ll + end_offset + 1, ": %jd == %lld*512(%lld) + %d + 1\n",
-                   static_cast<intmax_t>(off), static_cast<long long>(end_sector),
-                   static_cast<long long>(end_sector * 512ll), end_offset);
 
-  // Complete a partial last sector from its current content so a flush writes whole sectors.
+  // Complete a partial last sector from its current content so that a flush writes whole
+  // sectors; a later contiguous write overwrites the completed bytes.
   if (write_start_sector_ >= 0 && write_ptr_ % VELT_SECTOR_SIZE != 0) {
-    NERIO_ASSERT(write_start_sector_ + write_ptr_ / 512 == end_sector);
+    const int64_t tail_sector = write_start_sector_ + write_ptr_ / VELT_SECTOR_SIZE;
     uint8_t* tail = write_buffer_ + (write_ptr_ / VELT_SECTOR_SIZE) * VELT_SECTOR_SIZE;
-    uint32_t tail_sector = static_cast<uint32_t>(write_start_sector_ + write_ptr_ / VELT_SECTOR_SIZE);
-    if (lookupCache(tail_sector, sector_buffer_) != 0) {
-      if (driver_->readSectors(tail_sector, 1, sector_buffer_) != 1) {
-        LOGE("write.io_read error\n");
+    if (tail_sector != valid_tail) {
+      if (!fetchSector(tail_sector, sector_buffer_)) {
+        // Keep what earlier writes left pending; this write's last partial sector is lost.
+        write_ptr_ -= write_ptr_ % VELT_SECTOR_SIZE;
+        if (write_ptr_ <= write_skip_) resetWriteBuffer();
         return -1;
       }
+      const uint32_t from = write_ptr_ % VELT_SECTOR_SIZE;
+      memcpy(tail + from, sector_buffer_ + from, VELT_SECTOR_SIZE - from);
     }
-    uint32_t from = write_ptr_ % VELT_SECTOR_SIZE;
-    memcpy(tail + from, sector_buffer_ + from, VELT_SECTOR_SIZE - from);
-    if (cache) {
-      updateCache(tail_sector, tail);
-    } else {
-      dropCache(tail_sector);
-    }
-  }
-
-  if (write_start_sector_ >= 0) {
-    bool has_cache;
-    {
-      std::lock_guard<std::mutex> cache_lock(cache_mutex_);
-      has_cache = cache_pool_ != nullptr;
-    }
-    if (!has_cache) __flush();
+    cacheBufferSectors(tail_sector, 1, cache);
   }
   return static_cast<int>(len);
 }

@@ -263,6 +263,9 @@ int PBR::updateFSInfo() {
   }
   putLe32(fsinfo_ + kFreeCount, free_cluster_count_);
   putLe32(fsinfo_ + kNextFree, next_free_cluster_number_);
+  // Both places already hold exactly this: nothing to write.
+  if (fsinfo_written_valid_ && memcmp(fsinfo_written_, fsinfo_, sizeof(fsinfo_)) == 0) return 0;
+  fsinfo_written_valid_ = false;
   if (velt_->write(fsinfo_, 512, sectorOffset(fsinfo_sector_), true) < 512) {
     int err = errno;
     LOGE("PBR FSInfo write error: %d(%s)\n", err, strerror(err));
@@ -273,6 +276,8 @@ int PBR::updateFSInfo() {
     LOGE("PBR backup FSInfo write error: %d(%s)\n", err, strerror(err));
     return -1;
   }
+  memcpy(fsinfo_written_, fsinfo_, sizeof(fsinfo_));
+  fsinfo_written_valid_ = true;
   return 0;
 }
 

@@ -32,10 +32,18 @@ class PBR {
   // FAT table and allocation. Names with two underscores expect fat_mutex_ held.
   void lockFAT();
   void unlockFAT(bool flush);
+  // Writes every copy whole (a repair or a fresh format); while the FAT is locked it marks every
+  // sector dirty instead, for the last release to write.
   int updateFATs();
+  // Marks the entry's FAT sector dirty; written at once when the FAT is not locked.
   int __syncFATEntry(uint32_t cluster);
+  // Writes the dirty FAT sectors, on every copy, merged into runs, one copy after the other;
+  // 0, or -1 when a write failed (the sectors stay dirty then).
   int __flushFATs();
   int flushFATs();
+  void __markFATSectorDirty(uint32_t fat_sector);
+  void __markAllFATDirty();
+  bool __isFATDirty() const { return dirty_fat_count_ > 0; }
   int64_t allocCluster(bool zero);
   int64_t allocClusters(uint32_t prev, int count, bool zero, uint32_t* out = nullptr);
   int endOfCluster(uint32_t cluster);
@@ -95,12 +103,17 @@ class PBR {
   std::mutex fat_mutex_;  // the FAT members below, the lock count, free count and cursor
   std::vector<uint32_t> fat1_;
   std::vector<uint8_t> fat1_flags_;  // bitmap of clusters reached by the tree
-  std::vector<uint32_t> dirty_fat_entries_;  // entries changed while the FAT is locked
+  // Bitmap of FAT sectors (relative to a copy's start) changed since they were last written.
+  std::vector<uint64_t> dirty_fat_sectors_;
+  uint32_t dirty_fat_count_ = 0;  // bits set in dirty_fat_sectors_
   std::vector<uint8_t> zeros_;  // one cluster of zeros
 
   bool valid_ = false;
   uint8_t boot_sector_[512] = {};
   uint8_t fsinfo_[512] = {};
+  // FSInfo as last written to the card (both places); an unchanged FSInfo is not rewritten.
+  uint8_t fsinfo_written_[512] = {};
+  bool fsinfo_written_valid_ = false;
 
  private:
   int loadFATs();

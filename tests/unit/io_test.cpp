@@ -79,57 +79,58 @@ TEST(BufferedRead, ShortAnswersContinueAndFailuresFail) {
   EXPECT_EQ(0, memcmp(big.data(), f.driver->data_.data(), big.size()));
 }
 
-TEST(BufferedWrite, WithoutCacheEveryWriteReachesTheCard) {
-  FakeVolume f(8192);
-  fillCard(f);
-  auto before = f.driver->data_;
-  auto& v = *f.volume;
-  auto& reqs = f.driver->requests;
+// The buffer stays pending across contiguous writes whether or not a sector cache exists, and
+// writes only the sectors that carry data.
+TEST(BufferedWrite, SmallWritesStayPendingAndCostTheirSectors) {
+  for (bool with_cache : {false, true}) {
+    SCOPED_TRACE(with_cache ? "with cache" : "without cache");
+    FakeVolume f(16384);
+    fillCard(f);
+    auto before = f.driver->data_;
+    auto& v = *f.volume;
+    auto& reqs = f.driver->requests;
+    if (with_cache) {
+      ASSERT_EQ(v.createCache(1 << 20), 0);
+    }
 
-  // 4 bytes at 64 KiB + 4: look-ahead of the sector, tail completion, one sector written.
-  uint8_t four[4] = {1, 2, 3, 4};
-  ASSERT_EQ(v.write(four, 4, 0x10000 + 4, true), 4);
-  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 128, 1}, {'r', 128, 1}, {'w', 128, 1}}));
-  EXPECT_EQ(v.write_start_sector_, -1);
-  auto expect = before;
-  memcpy(expect.data() + 0x10000 + 4, four, 4);
-  EXPECT_EQ(f.driver->data_, expect);
-  EXPECT_EQ(v.flush(), -1) << "nothing pending";
-}
+    // 4 bytes at 64 KiB + 4: the sector is read once, nothing before it, one sector written.
+    uint8_t four[4] = {1, 2, 3, 4};
+    ASSERT_EQ(v.write(four, 4, 0x10000 + 4, true), 4);
+    EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 128, 1}}));
+    EXPECT_EQ(v.flush(), 0);
+    EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 128, 1}, {'w', 128, 1}}));
+    auto expect = before;
+    memcpy(expect.data() + 0x10000 + 4, four, 4);
+    EXPECT_EQ(f.driver->data_, expect);
+    EXPECT_EQ(v.flush(), 0) << "nothing pending";
 
-TEST(BufferedWrite, WithCacheWritesGatherUntilFlush) {
-  FakeVolume f(16384);
-  fillCard(f);
-  auto& v = *f.volume;
-  auto& reqs = f.driver->requests;
-  ASSERT_EQ(v.createCache(1 << 20), 0);
+    // Directory-record sized writes far from a 64 KiB boundary: each sector is read once (the
+    // first as the buffer starts, the next to complete it) and written once, at the flush.
+    reqs.clear();
+    const int64_t at = 0x20000 + 7 * 512 + 448;
+    auto rec = bytes(32, 7);
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(v.write(rec.data(), 32, at + 32 * i, true), 32);
+    EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 263, 1}, {'r', 264, 1}}));
+    // A write elsewhere sends the pending sectors first.
+    auto sector = bytes(512, 3);
+    ASSERT_EQ(v.write(sector.data(), 512, 0x30000, true), 512);
+    EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 263, 1}, {'r', 264, 1}, {'w', 263, 2}}));
+    for (int i = 0; i < 4; ++i) {
+      EXPECT_EQ(0, memcmp(f.driver->data_.data() + at + 32 * i, rec.data(), 32));
+    }
+    EXPECT_EQ(0, memcmp(f.driver->data_.data() + at + 128, before.data() + at + 128, 384));
+    EXPECT_EQ(v.flush(), 0);
 
-  auto a = bytes(512, 1), b = bytes(512, 2);
-  ASSERT_EQ(v.write(a.data(), 512, 0x20000, true), 512);
-  ASSERT_EQ(v.write(b.data(), 512, 0x20000 + 512, true), 512);
-  EXPECT_TRUE(reqs.empty());
-  EXPECT_EQ(v.flush(), 0);
-  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'w', 256, 2}}));
-  EXPECT_EQ(0, memcmp(f.driver->data_.data() + 0x20000, a.data(), 512));
-  EXPECT_EQ(0, memcmp(f.driver->data_.data() + 0x20000 + 512, b.data(), 512));
-
-  // A write at a 64 KiB boundary that does not continue the pending one flushes it first
-  // and starts without a look-ahead.
-  reqs.clear();
-  ASSERT_EQ(v.write(a.data(), 512, 0x30000, true), 512);
-  ASSERT_EQ(v.write(b.data(), 512, 0x40000, true), 512);
-  EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'w', 0x30000 / 512, 1}}));
-  v.flush();
-
-  // A contiguous stream of 3 MiB from a boundary goes out as full-buffer requests.
-  reqs.clear();
-  auto stream = bytes(3 << 20, 9);
-  for (size_t at = 0; at < stream.size(); at += 4096) {
-    ASSERT_EQ(v.write(stream.data() + at, 4096, 0x100000 + static_cast<int64_t>(at), true), 4096);
+    // A contiguous stream of 3 MiB in 4 KiB pieces goes out as full-buffer requests.
+    reqs.clear();
+    auto stream = bytes(3 << 20, 9);
+    for (size_t o = 0; o < stream.size(); o += 4096) {
+      ASSERT_EQ(v.write(stream.data() + o, 4096, 0x100000 + static_cast<int64_t>(o), false), 4096);
+    }
+    EXPECT_EQ(reqs, (std::vector<DriverRequest>{
+                        {'w', 2048, 2048}, {'w', 4096, 2048}, {'w', 6144, 2048}}));
+    EXPECT_EQ(0, memcmp(f.driver->data_.data() + 0x100000, stream.data(), stream.size()));
   }
-  EXPECT_EQ(reqs, (std::vector<DriverRequest>{
-                      {'w', 2048, 2048}, {'w', 4096, 2048}, {'w', 6144, 2048}}));
-  EXPECT_EQ(0, memcmp(f.driver->data_.data() + 0x100000, stream.data(), stream.size()));
 }
 
 TEST(BufferedWrite, ReadsSeeThePendingBufferEvenWhenTheCacheCannotHoldIt) {
@@ -159,7 +160,12 @@ TEST(BufferedWrite, DriverFailures) {
   f.driver->queueWriteAnswer(1);  // short: a failure for writes
   EXPECT_EQ(v.flush(), -1);
   EXPECT_EQ(v.write_start_sector_, -1) << "the buffer is emptied even after a failure";
-  EXPECT_EQ(v.flush(), -1);
+  EXPECT_EQ(v.flush(), 0);
+
+  // A write whose flush of the pending buffer fails fails too.
+  ASSERT_EQ(v.write(data.data(), 1024, 0, true), 1024);
+  f.driver->queueWriteAnswer(-1);
+  EXPECT_EQ(v.write(data.data(), 512, 0x10000, true), -1);
 
   // A partial sector needs the sector's content; a failed read fails the write.
   v.destroyCache();
