@@ -208,6 +208,9 @@ class VELT : public std::enable_shared_from_this<VELT> {
   int buildRoot();
   // Reduces the tree to the root (and its files when keep_files) and rebuilds the FAT around it.
   int rebuildRoot(bool keep_files);
+  // Gives the reserved files that the load found without a usable chain a new one (once the
+  // whole tree is loaded, so that no cluster still in use is taken). 0 or a negative errno.
+  int restoreReservedFiles();
 
   // ===== Volume formatting (velt_format.cpp) =====
   // Lays down the VELT layout on a volume created in kVELTOpFormat: marks the boot record,

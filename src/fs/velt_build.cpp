@@ -109,6 +109,7 @@ int VELT::buildRoot() {
       unlockFAT();
     }
   }
+  if (check_folders && !exclusive) restoreReservedFiles();
 
   if (exclusive) return result;
   if (pbr_->fat_damaged_) {

@@ -87,6 +87,10 @@ int DirScan::run() {
   if (r != 0) return r;
   r = readChain();
   if (r != 0) return r;
+  if (reserved()) {
+    r = scanReservedFolder();
+    if (r != 0) return r;
+  }
   return finish();
 }
 
@@ -197,11 +201,11 @@ void DirScan::resetLfn() {
 int DirScan::record(int index) {
   const uint8_t* p = rec(index);
   cur_->entry_map_[index] = p[0];
+  if (reserved()) return 0;  // judged group by group once the whole folder is read
   switch (p[0]) {
     case DIR_ENTRY_FREE:
       return emptyRecord(index);
     case DIR_ENTRY_DELETED:
-      if (reserved()) return freeReservedFile(index);
       resetLfn();
       return 0;
     default:
@@ -214,7 +218,6 @@ int DirScan::emptyRecord(int /*index*/) {
   if (lfn_mode_) {
     LOGI("Empty(last) entry met while LFN valid, mark deleted ones (order %d~%d)\n", lfn_xord_,
          lfn_ent_count_);
-    if (reserved()) return fatal(kFatalEmptyInSequence);
     VELT_REPORT(lfn_xord_ > 0 && lfn_ent_count_ >= lfn_xord_,
                 "lfn_xord > 0 && lfn_ent_count >= lfn_xord", ": %d > 0 && %d >= %d\n", lfn_xord_,
                 lfn_ent_count_, lfn_xord_);
@@ -224,7 +227,7 @@ int DirScan::emptyRecord(int /*index*/) {
     return 0;
   }
   for (LfnSlot& s : slots_) s = LfnSlot();
-  return reserved() ? checkFileCount() : 0;
+  return 0;
 }
 
 int DirScan::longNameRecord(int index) {
@@ -237,7 +240,6 @@ int DirScan::longNameRecord(int index) {
       NERIO_ASSERT_TEXT("lfn_mode");
       LOGI("invalid LFN order number %d (no start flag), mark it deleted one\n", ord);
       dumpRecords("InvLFN", p, DIR_RECORD_SIZE);
-      if (reserved()) return fatal(kFatalOrphanContinuation);
       markDeleted(index);
       applyRepairRule();
       return 0;
@@ -251,7 +253,6 @@ int DirScan::longNameRecord(int index) {
     if (lfn_chksum_ != p[rec::kLfnChecksum] || ord + 1 != lfn_xord_ || ord < 1) {
       LOGI("invalid LFN order number seq %d, mark it deleted one\n", ord);
       dumpRecords("InvLFN", p, DIR_RECORD_SIZE);
-      if (reserved()) return fatal(kFatalBrokenSequence);
       markDeleted(index);
       LOGI("and mark deleted ones (order %d~%d)\n", lfn_xord_, lfn_ent_count_);
       markSlots(lfn_xord_, lfn_ent_count_);
@@ -269,8 +270,6 @@ int DirScan::longNameRecord(int index) {
   if (!lfn_mode_) {
     VELT_REPORT(lfn_ent_count_ == 0, "lfn_ent_count == 0", ": %d == 0\n", lfn_ent_count_);
     lfn_ent_count_ = 0;
-  } else if (reserved()) {
-    return joinSequence(index, ord);
   } else {
     // The open sequence never reached its short-name record.
     VELT_REPORT(lfn_xord_ <= lfn_ent_count_, "lfn_xord > 0 && lfn_ent_count >= lfn_xord",
@@ -296,7 +295,6 @@ int DirScan::longNameRecord(int index) {
               ": %d > 0 && %d <= %d\n", ord, ord, FAT32_LFN_ENTRY_COUNT_MAX);
   LOGI("invalid LFN order number, mark it deleted one\n");
   dumpRecords("InvLFN", p, DIR_RECORD_SIZE);
-  if (reserved()) return fatal(kFatalBadStartOrder);
   markDeleted(index);
   modified_ = true;
   return 0;
@@ -324,7 +322,6 @@ int DirScan::collect(int index, int ord) {
     VELT_REPORT(false, "cluster_lo_zero == 0 && p[12] == 0", ": %d == 0\n", cluster_lo_zero);
     LOGI("LFN FstClusLO is not zero, mark all LFNs as deleted (order %d~%d)\n", ord,
          lfn_ent_count_);
-    if (reserved()) return fatal(kFatalLfnCluster);
     markSlots(ord, lfn_ent_count_);
     applyRepairRule();
     resetLfn();
@@ -341,7 +338,6 @@ int DirScan::collect(int index, int ord) {
 int DirScan::shortNameRecord(int index) {
   uint8_t* p = rec(index);
   const uint8_t attr = p[rec::kAttr];
-  const bool is_file = (attr & (kAttrDirectory | kAttrVolumeId)) == 0;
   const bool is_label = (attr & 0x3F) == kAttrVolumeId;
   const uint8_t calc_chksum = shortNameChecksum(p);
   if (p[0] == 0x05) p[0] = DIR_ENTRY_DELETED;  // a name starting with 0xE5, as stored
@@ -358,10 +354,7 @@ int DirScan::shortNameRecord(int index) {
   std::string base(reinterpret_cast<const char*>(p), name_len);
   std::string ext(reinterpret_cast<const char*>(p + 8), ext_len);
 
-  if (reserved()) {
-    int r = reservedShortName(is_file, base, ext_len);
-    if (r != 0) return r;
-  } else if (lfn_mode_) {
+  if (lfn_mode_) {
     if (lfn_xord_ == 1) {
       lfn_valid_ = true;
     } else {
@@ -384,7 +377,6 @@ int DirScan::shortNameRecord(int index) {
     bad = true;
   }
   if (bad) {
-    if (reserved()) return fatal(kFatalShortNameChars);
     markDeleted(index);
     if (lfn_valid_) {
       LOGE("SFN has invalid character, mark all as deleted ones (order %d~%d)\n", lfn_xord_,
@@ -431,7 +423,6 @@ int DirScan::shortNameRecord(int index) {
         name == "..") {
       LOGE("LFN has invalid character, mark all as deleted ones (order %d~%d)\n", lfn_xord_,
            lfn_ent_count_);
-      if (reserved()) return fatal(kFatalLongNameChars);
       markDeleted(index);
       markSlots(lfn_xord_, lfn_ent_count_);
       modified_ = true;
@@ -443,7 +434,6 @@ int DirScan::shortNameRecord(int index) {
                   calc_chksum);
       LOGI("[%s] chksum mismatched: lfn == calc, 0x%02x == 0x%02x\n", name.c_str(), lfn_chksum_,
            calc_chksum);
-      if (reserved()) return fatal(kFatalChecksum);
       LOGE("LFN checksum error, mark all LFNs as deleted ones (order %d~%d)\n", lfn_xord_,
            lfn_ent_count_);
       markDeleted(index);
@@ -461,21 +451,12 @@ int DirScan::shortNameRecord(int index) {
   entry->dir_ent_disk_off_ = recordOffset(index);
   cur_->addChild(entry);
   if (entry->init(name.c_str(), short_name.c_str(), attr, wrec(index)) != 0) {
-    if (reserved()) {
-      cur_->removeChild(entry, true);
-      return fatal(kFatalInit);
-    }
     markDeleted(index);
     if (lfn_valid_) markSlots(lfn_xord_, lfn_ent_count_);
     cur_->removeChild(entry, true);
     modified_ = true;
     resetLfn();
     return 0;
-  }
-
-  if (reserved() && is_file) {
-    int r = recordUsedFile(entry, index);
-    if (r != 0) return r;
   }
 
   const uint32_t child_cluster = entry->start_cluster_;

@@ -35,6 +35,7 @@ enum ReservedFatal : int {
   kFatalFreeFileIncomplete = 12,
   kFatalNoMemory = 13,
   kFatalDotWithLongName = 14,
+  kFatalFolderTooShort = 15,
 };
 
 // Report-only check with the expression text given separately (the text names the quantity,
@@ -84,16 +85,18 @@ class DirScan {
   bool reserved() const { return velt_folder_ != nullptr; }
   std::string path() const { return cur_->getPath(); }
 
-  // Reserved folders (velt_load_reserved.cpp).
+  // Reserved folders (velt_load_reserved.cpp): judged group by group after the whole folder
+  // is read; repairs go to the working copy like any other.
   int fatal(ReservedFatal code);
-  int joinSequence(int index, int ord);
   int matchReservedFolder();
-  int reservedShortName(bool is_file, const std::string& base, int ext_len);
-  int recordUsedFile(const std::shared_ptr<VELT::DirEntry>& entry, int index);
-  int freeReservedFile(int index);
-  int checkFileCount();
-  int checkCapacity();
-  void fillReservedFile(ReservedFile* file, int64_t off, uint32_t cluster, int index, uint32_t time,
+  int scanReservedFolder();
+  int sequenceLength(int short_slot, uint8_t checksum) const;
+  void deleteSlots(int from, int to);
+  bool claimChain(uint32_t first, int64_t bytes, std::vector<uint8_t>* claimed);
+  bool loadRecording(int group, int short_slot, std::vector<uint8_t>* claimed);
+  bool loadFreeFile(int group, int short_slot, std::vector<uint8_t>* claimed);
+  void giveBackGroup(int group, int short_slot);
+  void fillReservedFile(ReservedFile* file, int short_slot, uint32_t cluster, uint32_t time,
                         bool used);
   void reconcileReservedFolder();
 
@@ -122,7 +125,6 @@ class DirScan {
 
   ReservedFolderDesc* velt_folder_ = nullptr;
   uint32_t reserved_file_size_ = 0;
-  int detected_reserved_file_count_ = 0;
   int detected_used_count_ = 0;
 };
 

@@ -90,7 +90,8 @@ ReservedFsckReport expectedReservedReport(VELT& volume, const CardImage& card) {
       }
       for (const auto& r : records) {
         const uint8_t* p = reinterpret_cast<const uint8_t*>(r.data());
-        if (r.size() != DIR_RECORD_SIZE) continue;
+        // A deleted record is nothing to any reader.
+        if (r.size() != DIR_RECORD_SIZE || p[0] == DIR_ENTRY_DELETED) continue;
         if (isFiller(p)) {
           ++fillers;
         } else {
