@@ -16,6 +16,7 @@
 #include "fs/velt_dirent.h"
 #include "fs/velt_driver.h"
 #include "fs/velt_fuse.h"
+#include "velt_tool_output.h"
 
 namespace {
 
@@ -24,18 +25,22 @@ constexpr uint32_t kMaxFileMiB = 4095;  // a reserved file's size must fit 32 bi
 
 void usage(FILE* out) {
   fprintf(out,
-          "usage: %s [-m N|P] [-L label] [-k] <device> [NAME:PERCENT:SIZE_MB ...]\n"
+          "usage: %s [-m N|P] [-L label] [-k] [-v] <device> [NAME:PERCENT:SIZE_MB ...]\n"
           "\n"
           "Formats the FAT32 partition <device> (/dev/mmcblk<disk>p<partition>) as a VELT\n"
           "volume. Each NAME:PERCENT:SIZE_MB makes a reserved folder NAME in the root, filled\n"
           "with files of SIZE_MB MiB that together take PERCENT percent of the free space\n"
           "(at most %d folders, percentages adding up to at most 100). A missing partition\n"
-          "table, partition or boot record is created. Refuses a card that is in use.\n"
+          "table or partition is created. Without -k a new FAT32 is laid down (cluster size\n"
+          "by the partition's size, at least 65525 clusters); refuses a card that is in use\n"
+          "or too small for FAT32.\n"
           "\n"
           "options:\n"
           "  -m, --mode N|P      format mode written into the boot record (default N)\n"
           "  -L, --label LABEL   volume label, at most 11 characters\n"
-          "  -k, --keep          keep the files of the root (folders are always removed)\n"
+          "  -k, --keep          keep the FAT32 and the files of its root (folders are\n"
+          "                      always removed)\n"
+          "  -v, --verbose       show the library's diagnostics\n"
           "  -h, --help          show this text\n"
           "\n"
           "VELT_ROOT, when it names a directory, is where /dev/velt and the device are looked\n"
@@ -111,6 +116,7 @@ int main(int argc, char** argv) {
       {"mode", required_argument, nullptr, 'm'},
       {"label", required_argument, nullptr, 'L'},
       {"keep", no_argument, nullptr, 'k'},
+      {"verbose", no_argument, nullptr, 'v'},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
@@ -118,9 +124,10 @@ int main(int argc, char** argv) {
   std::string label;
   bool has_label = false;
   bool keep = false;
+  bool verbose = false;
   opterr = 0;
   int c;
-  while ((c = getopt_long(argc, argv, "+m:L:kh", kLongOptions, nullptr)) != -1) {
+  while ((c = getopt_long(argc, argv, "+m:L:kvh", kLongOptions, nullptr)) != -1) {
     switch (c) {
       case 'm':
         if (equalsIgnoringCase(optarg, "N")) {
@@ -137,6 +144,9 @@ int main(int argc, char** argv) {
         break;
       case 'k':
         keep = true;
+        break;
+      case 'v':
+        verbose = true;
         break;
       case 'h':
         usage(stdout);
@@ -186,17 +196,40 @@ int main(int argc, char** argv) {
     die("\"" + device + "\" is in use (" + where + "); unmount it first");
   }
 
+  // The library's diagnostics (a blank card has no boot sector to read, which is the normal
+  // case here) are for -v; the user sees the format's summary, or why it failed.
+  velt::tool::LibraryOutputCatcher catcher(verbose);
   int error = 0;
-  std::shared_ptr<velt::VELT> volume =
-      velt::VELT::create(device, 0, velt::kVELTOpFormat, keep ? 1 : 0, &error);
-  if (volume == nullptr) {
-    die("cannot open \"" + device + "\": " + velt::resultCodeText(error));
+  int result = -1;
+  {
+    const int extra = keep ? velt::kVELTFormatKeepRootFiles : velt::kVELTFormatFresh;
+    std::shared_ptr<velt::VELT> volume =
+        velt::VELT::create(device, 0, velt::kVELTOpFormat, extra, &error);
+    if (volume != nullptr) {
+      // Nothing serves the card (checked above): the format has nothing to unmount.
+      volume->skip_umount_ = true;
+      result = volume->format(info, mode, has_label ? label.c_str() : nullptr);
+    }
+    // Unloading writes the FATs and FSInfo.
   }
-  // Nothing serves the card (checked above): the format has nothing to unmount.
-  volume->skip_umount_ = true;
-  int result = volume->format(info, mode, has_label ? label.c_str() : nullptr);
-  volume.reset();  // unloading writes the FATs and FSInfo
-  if (result != 0) die("formatting \"" + device + "\" failed");
+  const std::vector<velt::tool::LibraryLine> lines =
+      velt::tool::parseLibraryOutput(catcher.finish());
+  std::string reason;
+  for (const auto& line : lines) {
+    if (line.kind == velt::tool::LibraryLine::kPrinted) {
+      if (!verbose && line.text != "VELT detected." && line.text != "FAT32 detected.") {
+        printf("%s\n", line.text.c_str());
+      }
+    } else if (line.level == velt::tool::LibraryLine::kError &&
+               line.text.find(": ASSERT ") == std::string::npos) {
+      // The most telling error: a size refusal if there is one, else the last one.
+      if (reason.find("too small") == std::string::npos) reason = line.text;
+    }
+  }
+  if (result != 0) {
+    if (reason.empty()) reason = error != 0 ? velt::resultCodeText(error) : "see -v";
+    die("cannot format \"" + device + "\": " + reason);
+  }
   printf("%s: \"%s\" formatted as VELT (mode %c)\n", kProgram, device.c_str(),
          mode == velt::kVELTFormatModeN ? 'N' : 'P');
   return 0;

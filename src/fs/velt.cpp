@@ -248,7 +248,7 @@ int VELT::loadCardLayout() {
   if (pbr_ == nullptr) return kVELTBadPBR;
   if (isFormattingOp()) {
     pbr_->lockFAT();
-    if (partition_created_)
+    if (partition_created_ || (extra_ & kVELTFormatFresh) != 0)
       pbr_->valid_ = false;
     else
       pbr_->read();

@@ -206,7 +206,8 @@ int VELT::format(const FormatInfo& info, uint32_t mode, const char* label) {
     LOGE("PBR to VELT failed\n");
     return fail();
   }
-  const bool keep_files = (format_info_.flags & 1) != 0 && !partition_created_;
+  const bool keep_files = (format_info_.flags & 1) != 0 && !partition_created_ &&
+                          (extra_ & kVELTFormatFresh) == 0;
   if (rebuildRoot(keep_files) < 0) {
     LOGE("rebuild root failed\n");
     return fail();

@@ -20,6 +20,10 @@ enum VELTFormatMode : int {
   kVELTFormatModeP = 1,
 };
 
+// Bits of the extra argument of a volume created for formatting.
+constexpr int kVELTFormatKeepRootFiles = 1;  // the files of the root stay
+constexpr int kVELTFormatFresh = 2;  // a new FAT32 is laid down, whatever the card holds
+
 struct ReservedFolderDesc {
   char name[12] = {};  // NUL-padded, compared without regard to case
   uint32_t percent = 0;  // share of the free space

@@ -16,6 +16,30 @@ namespace {
 constexpr uint32_t kReserved = 32;
 constexpr uint64_t k8GiB = 0x200000000ull;
 constexpr uint64_t k32GiB = 0x800000000ull;
+// Conventional disk geometry: what every FAT tool expects to find, whatever the card.
+constexpr uint16_t kSectorsPerTrack = 63;
+constexpr uint16_t kHeads = 255;
+// Boot sector fields written here and nowhere else.
+constexpr int kSectorsPerTrackField = 24, kHeadsField = 26, kHiddenSectorsField = 28;
+
+// FAT size in sectors for a volume of `total` sectors with `spc` sectors per cluster: large
+// enough that every data cluster, and the two reserved entries, have their entry.
+uint32_t fatSectorsFor(uint32_t total, uint32_t spc, uint32_t* data_clusters) {
+  const uint32_t c = 128 * spc;
+  uint32_t fat = (total - kReserved + c + 1) / (c + 2);
+  uint32_t clusters = 0;
+  for (;;) {
+    if (kReserved + 2ull * fat >= total) {
+      clusters = 0;
+      break;
+    }
+    clusters = (total - kReserved - 2 * fat) / spc;
+    if (clusters + 2 <= 128ull * fat) break;
+    ++fat;
+  }
+  if (data_clusters != nullptr) *data_clusters = clusters;
+  return fat;
+}
 }  // namespace
 
 uint32_t PBR::calcSecorsPerCluster() const {
@@ -27,6 +51,18 @@ uint32_t PBR::calcSecorsPerCluster() const {
   if (size <= k8GiB) return 32;
   if (size <= k32GiB) return 64;
   return 128;
+}
+
+uint32_t PBR::chooseSectorsPerCluster() const {
+  if (format_sectors_per_cluster_ != 0) return format_sectors_per_cluster_;
+  // Below FAT32_MIN_CLUSTERS clusters other FAT tools take the volume for a FAT16 one: halve
+  // the table's cluster size until the count is reached, down to one sector per cluster.
+  for (uint32_t spc = calcSecorsPerCluster(); spc >= 1; spc /= 2) {
+    uint32_t clusters = 0;
+    fatSectorsFor(partition_.total_sectors, spc, &clusters);
+    if (clusters >= FAT32_MIN_CLUSTERS) return spc;
+  }
+  return 0;
 }
 
 int PBR::format() {
@@ -58,8 +94,18 @@ int PBR::format() {
   }
   memcpy(oem_name_, mark, 8);
 
+  if (partition_.total_sectors <= kReserved + 2 * 2) {
+    LOGE("PBR total sectors is 0\n");
+    return -1;
+  }
+  const uint32_t spc = chooseSectorsPerCluster();
+  if (spc == 0) {
+    LOGE("the partition is too small for FAT32: %u KiB, it needs at least %u KiB\n",
+         partition_.total_sectors / 2, minimumFAT32Sectors() / 2);
+    return -1;
+  }
   bytes_per_sector_ = 512;
-  sectors_per_cluster_ = calcSecorsPerCluster();
+  sectors_per_cluster_ = spc;
   reserved_sectors_ = kReserved;
   num_fats_ = 2;
   media_ = 0xF8;
@@ -71,12 +117,7 @@ int PBR::format() {
     return -1;
   }
   total_sectors_ = partition_.total_sectors;
-  uint32_t c = 128 * sectors_per_cluster_;
-  if (total_sectors_ <= kReserved + 2 * 2) {
-    LOGE("PBR total sectors is 0\n");
-    return -1;
-  }
-  fat_sectors_ = (total_sectors_ - kReserved + c + 1) / (c + 2);
+  fat_sectors_ = fatSectorsFor(total_sectors_, sectors_per_cluster_, nullptr);
   root_cluster_ = 2;
   backup_boot_sector_ = 6;
   ext_flags_ = 0;
@@ -86,14 +127,6 @@ int PBR::format() {
   memcpy(fs_type_, "FAT32   ", 8);
   data_sectors_ = total_sectors_ - kReserved - 2 * fat_sectors_;
   num_clusters_ = data_sectors_ / sectors_per_cluster_ + 2;
-  // The size above can leave the FAT an entry or two short of the data area (it does not count
-  // the two reserved entries); other FAT32 tools refuse such a volume, so grow the FAT until
-  // every data cluster has its entry.
-  while (num_clusters_ > 128 * fat_sectors_) {
-    ++fat_sectors_;
-    data_sectors_ = total_sectors_ - kReserved - 2 * fat_sectors_;
-    num_clusters_ = data_sectors_ / sectors_per_cluster_ + 2;
-  }
   data_start_sector_ = kReserved + 2 * fat_sectors_;
 
   memset(boot_sector_, 0, sizeof(boot_sector_));
@@ -106,6 +139,9 @@ int PBR::format() {
   putLe16(boot_sector_ + 14, static_cast<uint16_t>(reserved_sectors_));
   boot_sector_[16] = static_cast<uint8_t>(num_fats_);
   boot_sector_[21] = static_cast<uint8_t>(media_);
+  putLe16(boot_sector_ + kSectorsPerTrackField, kSectorsPerTrack);
+  putLe16(boot_sector_ + kHeadsField, kHeads);
+  putLe32(boot_sector_ + kHiddenSectorsField, partition_.lba);
   putLe32(boot_sector_ + 32, total_sectors_);
   putLe32(boot_sector_ + 36, fat_sectors_);
   putLe16(boot_sector_ + 40, static_cast<uint16_t>(ext_flags_));
@@ -153,6 +189,13 @@ int PBR::format() {
   pbr_damaged_ = fsinfo_damaged_ = fat_damaged_ = false;
   valid_ = true;
   return 0;
+}
+
+uint32_t PBR::minimumFAT32Sectors() {
+  // One-sector clusters: the reserved area, two FATs of FAT32_MIN_CLUSTERS + 2 entries each,
+  // and the clusters themselves.
+  const uint32_t fat = (FAT32_MIN_CLUSTERS + 2 + 127) / 128;
+  return kReserved + 2 * fat + FAT32_MIN_CLUSTERS;
 }
 
 }  // namespace velt

@@ -16,6 +16,8 @@ constexpr uint32_t FAT_EOC = 0x0FFFFFF8;  // the end-of-chain value this system 
 constexpr uint32_t FAT_BAD = 0x0FFFFFF7;
 constexpr uint32_t FSINFO_LEAD_SIGNATURE = 0x41615252;
 constexpr uint32_t FSINFO_STRUCT_SIGNATURE = 0x61417272;
+// Fewer data clusters make other FAT tools read a volume as FAT16 (or refuse it).
+constexpr uint32_t FAT32_MIN_CLUSTERS = 65525;
 
 class PBR {
  public:
@@ -28,6 +30,11 @@ class PBR {
   int markVELT(const char* label);
   int format();
   uint32_t calcSecorsPerCluster() const;
+  // The cluster size a format gives the partition: the table's, halved while that leaves
+  // fewer than FAT32_MIN_CLUSTERS clusters; 0 when even one sector per cluster does.
+  uint32_t chooseSectorsPerCluster() const;
+  // The smallest partition, in sectors, that a format accepts.
+  static uint32_t minimumFAT32Sectors();
 
   // FAT table and allocation. Names with two underscores expect fat_mutex_ held.
   void lockFAT();
@@ -96,6 +103,9 @@ class PBR {
   uint32_t cluster_length_ = 0;  // bytes per cluster
   uint32_t free_cluster_count_ = 0;
   uint32_t next_free_cluster_number_ = 0;  // FSInfo hint and allocation cursor
+  // Sectors per cluster a format must use instead of choosing by size (0: choose). Only test
+  // cards in memory, too small for a real FAT32, ask for one.
+  uint32_t format_sectors_per_cluster_ = 0;
   VELT* velt_;  // owner, not owned
   Partition partition_;
 

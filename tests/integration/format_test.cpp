@@ -18,8 +18,8 @@ namespace velt::test {
 namespace {
 
 constexpr int64_t kMiB = 1ll << 20;
-// A 1100 MiB card leaves a 1099 MiB partition behind the 1 MiB gap: with the format's 16 KiB
-// clusters that is a proper FAT32 (more than 65524 clusters), which mtools insists on.
+// A 1100 MiB card leaves a 1099 MiB partition behind the 1 MiB gap, formatted with 16 KiB
+// clusters.
 constexpr int64_t kCardMiB = 1100;
 constexpr int64_t kPartitionBytes = 1099 * kMiB;
 

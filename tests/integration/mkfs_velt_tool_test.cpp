@@ -30,8 +30,7 @@ std::string checksum(const CardImage& card) {
   return runShell("md5sum < " + shellQuote(card.image())).out;
 }
 
-// 1100 MiB: a proper FAT32 once formatted; refusals need no more than a small card.
-CardImage makeCard(bool fat32, int64_t size_mb = 1100) {
+CardImage makeCard(bool fat32, int64_t size_mb) {
   CardSpec spec;
   spec.size_mb = size_mb;
   spec.format = fat32;
@@ -44,7 +43,8 @@ TEST(MkfsVeltTool, HelpDescribesTheCommand) {
     EXPECT_EQ(r.status, 0) << flag;
     EXPECT_EQ(r.out.rfind("usage: mkfs.velt ", 0), 0u) << r.out;
     for (const char* text :
-         {"NAME:PERCENT:SIZE_MB", "-m, --mode N|P", "-L, --label", "-k, --keep", "VELT_ROOT"}) {
+         {"NAME:PERCENT:SIZE_MB", "-m, --mode N|P", "-L, --label", "-k, --keep", "-v, --verbose",
+          "VELT_ROOT"}) {
       EXPECT_NE(r.out.find(text), std::string::npos) << text;
     }
     EXPECT_EQ(r.err, "");
@@ -172,96 +172,135 @@ TEST(MkfsVeltTool, RefusesACardServedByARunningDaemon) {
   EXPECT_EQ(checksum(card), before);
 }
 
-TEST(MkfsVeltTool, FormatsCardsThatLoad) {
+// mtools as a user runs it: no environment that relaxes its checks of the boot sector.
+ShellResult userMtools(const CardImage& card, const std::string& tool, const std::string& rest) {
+  return runShell("env -u MTOOLS_SKIP_CHECK " + tool + " -i " + shellQuote(card.mtoolsImage()) +
+                  " " + rest);
+}
+
+// Cards of every size class the format distinguishes, blank or already FAT32: what the tool
+// writes passes fsck.fat, mdir and mcopy with no override and loads with its reserved files.
+TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
   struct Folder {
     const char* name;
     uint32_t count;
   };
+  enum Start { kBlank, kPartitioned, kFat32 };
   struct Case {
     const char* what;
-    bool fat32;  // formatted by mkfs.fat (with a file in the root) rather than blank
+    int64_t size_mb;
+    Start start;
     const char* args;
     const char* mark;
     const char* label;  // in the boot sector
     std::vector<Folder> folders;
     bool root_file_kept;
   } cases[] = {
-      // 40% of 1099 MiB in 8 MiB files and 20% in 4 MiB files: 54 files each.
-      {"two folders, label, mode P",
-       false,
+      // 40% of 255 MiB in 8 MiB files and 20% in 4 MiB files: 12 files each.
+      {"256 MiB, blank, two folders, label, mode P",
+       256,
+       kBlank,
        "-L CAM -m P /dev/mmcblk0p1 REC:40:8 EVT:20:4",
        "VELT1.0P",
        "CAM        ",
-       {{"REC", 54}, {"EVT", 54}},
+       {{"REC", 12}, {"EVT", 12}},
        false},
-      {"as the demo calls it",
-       false,
-       "/dev/mmcblk0p1 REC:40:16",
-       "VELT1.0N",
-       "NO NAME    ",
-       {{"REC", 27}},
-       false},
-      {"no folders", true, "/dev/mmcblk0p1", "VELT1.0N", "NO NAME    ", {}, false},
-      {"root files kept",
-       true,
+      {"512 MiB, partition table only", 512, kPartitioned, "/dev/mmcblk0p1 REC:40:16", "VELT1.0N",
+       "NO NAME    ", {{"REC", 12}}, false},
+      {"2 GiB FAT32, root files kept",
+       2048,
+       kFat32,
        "-k --mode n /dev/mmcblk0p1 rec:10:8",
        "VELT1.0N",
        "NO NAME    ",
-       {{"rec", 13}},
+       {{"rec", 25}},
        true},
+      {"2 GiB FAT32, formatted anew without folders", 2048, kFat32, "/dev/mmcblk0p1", "VELT1.0N",
+       "NO NAME    ", {}, false},
+      {"32 GiB, sparse", 32768, kPartitioned, "/dev/mmcblk0p1 REC:10:64", "VELT1.0N",
+       "NO NAME    ", {{"REC", 51}}, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    CardImage card = makeCard(c.fat32);
+    CardImage card = makeCard(c.start == kFat32, c.size_mb);
     ASSERT_TRUE(card.ok()) << card.error();
-    if (c.fat32) {
+    if (c.start == kBlank) card.writeBytes(0, std::string(512, '\0'));
+    if (c.start == kFat32) {
       std::ofstream(card.dir() + "/note.txt") << "kept?";
       ASSERT_EQ(
           card.mtools("mcopy " + shellQuote(card.dir() + "/note.txt") + " ::/note.txt").status, 0);
     }
     ShellResult r = runTool(card, c.args);
     ASSERT_EQ(r.status, 0) << r.out << r.err;
+    // The summary and nothing of the library's diagnostics.
+    EXPECT_EQ(r.err, "");
     EXPECT_NE(r.out.find("mkfs.velt: \"/dev/mmcblk0p1\" formatted as VELT"), std::string::npos)
         << r.out;
-    EXPECT_NE(r.out.find("disk size "), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.rfind("disk size ", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("    (free) "), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("\x1b["), std::string::npos) << r.out;
     EXPECT_EQ(card.readBytes(card.partitionOffset() + 3, 8), c.mark);
     EXPECT_EQ(card.readBytes(card.partitionOffset() + 71, 11), c.label);
 
     EXPECT_TRUE(fsckShowsOnlyReservedFiles(card));
-    ShellResult note = card.mtools("mtype ::/note.txt");
+    ShellResult root = userMtools(card, "mdir", "::/");
+    EXPECT_EQ(root.status, 0) << root.err;
+    EXPECT_EQ(root.err, "");
+    ShellResult note = userMtools(card, "mtype", "::/note.txt");
     EXPECT_EQ(note.status == 0 && note.out == "kept?", c.root_file_kept) << note.out << note.err;
     for (const Folder& f : c.folders) {
-      ShellResult list = card.mtools(std::string("mdir -a ::/") + f.name);
+      ShellResult list = userMtools(card, "mdir", std::string("-a ::/") + f.name);
       EXPECT_EQ(list.status, 0) << list.err;
       EXPECT_NE(list.out.find("2 files"), std::string::npos) << f.name << list.out;
     }
 
-    CardImage::RootScope scope(card);
-    testing::internal::CaptureStdout();
-    int error = 0;
-    std::shared_ptr<VELT> volume = VELT::create(card.devicePath(), 0, kVELTOpMount, 0, &error);
-    std::string log = testing::internal::GetCapturedStdout();
-    ASSERT_NE(volume, nullptr) << error << log;
-    ASSERT_EQ(volume->format_info_.folder_count, c.folders.size());
-    for (size_t i = 0; i < c.folders.size(); ++i) {
-      const ReservedFolderDesc& desc = volume->format_info_.folders[i];
-      EXPECT_STREQ(desc.name, c.folders[i].name);
-      EXPECT_EQ(desc.count, c.folders[i].count);
-      char row[128];
-      snprintf(row, sizeof(row), "%10s %4d%% %5d MB #%-4d -%-4d %d\n", desc.name, desc.percent,
-               desc.size_mb, desc.count, desc.used, desc.start_cluster);
-      EXPECT_NE(log.find(row), std::string::npos) << row << log;
-      auto folder = volume->findEntry((std::string("/") + desc.name).c_str());
-      ASSERT_NE(folder, nullptr);
-      EXPECT_EQ(folder->velt_folder_, &desc);
-      ASSERT_EQ(folder->velt_reserved_files_.size(), c.folders[i].count);
-      for (const ReservedFile& f : folder->velt_reserved_files_) {
-        EXPECT_FALSE(f.used_);
-        EXPECT_EQ(f.size, desc.size_mb << 20);
+    {
+      CardImage::RootScope scope(card);
+      testing::internal::CaptureStdout();
+      int error = 0;
+      std::shared_ptr<VELT> volume = VELT::create(card.devicePath(), 0, kVELTOpMount, 0, &error);
+      std::string log = testing::internal::GetCapturedStdout();
+      ASSERT_NE(volume, nullptr) << error << log;
+      EXPECT_GE(volume->pbr_->num_clusters_ - 2, FAT32_MIN_CLUSTERS);
+      ASSERT_EQ(volume->format_info_.folder_count, c.folders.size());
+      for (size_t i = 0; i < c.folders.size(); ++i) {
+        const ReservedFolderDesc& desc = volume->format_info_.folders[i];
+        EXPECT_STREQ(desc.name, c.folders[i].name);
+        EXPECT_EQ(desc.count, c.folders[i].count);
+        auto folder = volume->findEntry((std::string("/") + desc.name).c_str());
+        ASSERT_NE(folder, nullptr);
+        EXPECT_EQ(folder->velt_folder_, &desc);
+        ASSERT_EQ(folder->velt_reserved_files_.size(), c.folders[i].count);
+        for (const ReservedFile& f : folder->velt_reserved_files_) {
+          EXPECT_FALSE(f.used_);
+          EXPECT_EQ(f.size, desc.size_mb << 20);
+        }
       }
     }
+
+    // Another implementation writes to the card and reads it back.
+    const std::string data = patternBytes(300000, static_cast<unsigned>(c.size_mb));
+    writeFileBytes(card.dir() + "/in.bin", data);
+    ShellResult put = userMtools(card, "mcopy", shellQuote(card.dir() + "/in.bin") + " ::/in.bin");
+    EXPECT_EQ(put.status, 0) << put.err;
+    ShellResult back = userMtools(card, "mcopy",
+                                  "::/in.bin " + shellQuote(card.dir() + "/out.bin"));
+    EXPECT_EQ(back.status, 0) << back.err;
+    EXPECT_TRUE(readFileBytes(card.dir() + "/out.bin") == data);
+    EXPECT_TRUE(fsckShowsOnlyReservedFiles(card));
   }
+}
+
+TEST(MkfsVeltTool, RefusesACardTooSmallForFat32) {
+  // 32 MiB leaves a partition of 31 MiB: fewer than 65525 clusters even of one sector.
+  CardImage card = makeCard(false, 32);
+  ASSERT_TRUE(card.ok()) << card.error();
+  ShellResult r = runTool(card, "/dev/mmcblk0p1 REC:40:4");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err,
+            "mkfs.velt: cannot format \"/dev/mmcblk0p1\": the partition is too small for FAT32: "
+            "31744 KiB, it needs at least 33290 KiB\n");
+  EXPECT_EQ(card.readBytes(card.partitionOffset() + 3, 8).substr(0, 4), std::string(4, '\0'));
 }
 
 }  // namespace

@@ -58,11 +58,19 @@ ShellResult CardImage::mtools(const std::string& command) const {
 }
 
 ShellResult CardImage::fsck(const std::string& flags) const {
-  // fsck.fat works on a partition: copy it out (sparse) and check the copy.
+  // fsck.fat works on a partition: copy it out (sparse) and check the copy. A copy of the
+  // card's extents with the space in front of the partition cut away costs nothing even on a
+  // large sparse card; where the file system cannot cut, dd copies the partition.
   std::string part = dir_.path() + "/partition.img";
-  ShellResult copy = runShell("dd if=" + shellQuote(image()) + " of=" + shellQuote(part) +
-                              " bs=1M iflag=skip_bytes skip=" + std::to_string(partition_offset_) +
-                              " conv=sparse status=none 2>&1");
+  ShellResult copy = runShell("cp --sparse=always " + shellQuote(image()) + " " +
+                              shellQuote(part) + " && fallocate -c -o 0 -l " +
+                              std::to_string(partition_offset_) + " " + shellQuote(part) +
+                              " 2>/dev/null");
+  if (copy.status != 0) {
+    copy = runShell("dd if=" + shellQuote(image()) + " of=" + shellQuote(part) +
+                    " bs=1M iflag=skip_bytes skip=" + std::to_string(partition_offset_) +
+                    " conv=sparse status=none 2>&1");
+  }
   if (copy.status != 0) return copy;
   ShellResult r = runShell("fsck.fat " + flags + " " + shellQuote(part));
   unlink(part.c_str());

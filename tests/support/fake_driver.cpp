@@ -59,6 +59,8 @@ bool FakeVolume::formatInMemory() {
   velt::Partition p;
   if (v.mbr_->getFAT32Partition(1, &p) < 0) return false;
   v.pbr_ = new velt::PBR(&v, 1, &p);
+  // 16 KiB clusters whatever the size: the fakes are far too small for a real FAT32.
+  v.pbr_->format_sectors_per_cluster_ = 32;
   return v.pbr_->format() == 0;
 }
 

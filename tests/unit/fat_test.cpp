@@ -216,16 +216,34 @@ TEST(Format, GeometryByPartitionSize) {
     p.total_sectors = sectors;
   };
   velt::PBR pbr(&v, 1);
+  // The table's cluster size, halved on small partitions until FAT32's minimum cluster count
+  // is reached; a partition too small even for one-sector clusters is refused.
+  const uint32_t smallest = velt::PBR::minimumFAT32Sectors();
   struct Row {
     uint64_t sectors;
-    uint32_t spc;
-  } rows[] = {{16777216, 32}, {16777217, 64}, {67108864, 64}, {67108865, 128}};
+    uint32_t spc;  // 0: refused
+  } rows[] = {{16777216, 32}, {16777217, 64}, {67108864, 64},   {67108865, 128},
+              {2250752, 32},  {2095104, 16},  {1046528, 8},     {522240, 4},
+              {129024, 1},    {smallest, 1},  {smallest - 1, 0}};
   for (const auto& r : rows) {
     setPartition(static_cast<uint32_t>(r.sectors));
     velt::Partition p;
     v.mbr_->getFAT32Partition(1, &p);
     pbr.partition_ = p;
-    EXPECT_EQ(pbr.calcSecorsPerCluster(), r.spc) << r.sectors;
+    EXPECT_EQ(pbr.chooseSectorsPerCluster(), r.spc) << r.sectors;
+    if (r.spc == 0) {
+      EXPECT_EQ(pbr.format(), -1) << r.sectors;
+      continue;
+    }
+    ASSERT_EQ(pbr.format(), 0) << r.sectors;
+    const uint32_t clusters = pbr.data_sectors_ / pbr.sectors_per_cluster_;
+    EXPECT_GE(clusters, velt::FAT32_MIN_CLUSTERS) << r.sectors;
+    EXPECT_LE(clusters + 2, pbr.bytes_per_sector_ * pbr.fat_sectors_ / 4) << r.sectors;
+    EXPECT_EQ(pbr.num_clusters_, clusters + 2) << r.sectors;
+    // Conventional geometry: 63 sectors per track, 255 heads, the partition's start hidden.
+    EXPECT_EQ(velt::le16(pbr.boot_sector_ + 24), 63u);
+    EXPECT_EQ(velt::le16(pbr.boot_sector_ + 26), 255u);
+    EXPECT_EQ(velt::le32(pbr.boot_sector_ + 28), 2048u);
   }
 
   // A 16 GiB card: the partition starts at 2048 and covers the rest.
@@ -245,17 +263,6 @@ TEST(Format, GeometryByPartitionSize) {
   EXPECT_EQ(0, memcmp(pbr.volume_label_, "           ", 11));
   EXPECT_TRUE(pbr.is_velt_partition_);
   EXPECT_EQ(pbr.write(), -1) << "refused outside a format operation";
-
-  // Whatever the size, every data cluster has its FAT entry (other tools refuse a volume
-  // whose FAT is shorter than its data area).
-  for (uint32_t sectors : {33554432u, 33552384u + 63, 4192256u, 16777216u, 8000000u}) {
-    setPartition(sectors);
-    ASSERT_EQ(pbr.format(), 0) << sectors;
-    uint32_t clusters = pbr.data_sectors_ / pbr.sectors_per_cluster_;
-    EXPECT_LE(clusters + 2, pbr.bytes_per_sector_ * pbr.fat_sectors_ / 4) << sectors;
-    EXPECT_GE(clusters, 65525u) << sectors;
-    EXPECT_EQ(pbr.num_clusters_, clusters + 2) << sectors;
-  }
 
   // A 1 GiB card gets a partition of 2,095,104 sectors at 2048.
   f.driver->reported_sectors = 2097152;
