@@ -226,6 +226,10 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // says by what. `mounts` and `proc` are the mount table and process directory to read.
   static bool isCardInUse(const std::string& device_path, std::string* where,
                           const char* mounts = "/proc/mounts", const char* proc = "/proc");
+  // The same for a card or partition named by its own path (an image file or a device node):
+  // mounted from that path, or served by a daemon whose driver device is that file.
+  static bool isImageInUse(const std::string& path, std::string* where,
+                           const char* mounts = "/proc/mounts", const char* proc = "/proc");
 
   // ===== Direct channel (velt_pipe.cpp) =====
   // Creates the pipes and starts the channel's threads; -1 when one already runs.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <vector>
 
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
@@ -67,26 +68,31 @@ std::string readWholeFile(const std::string& path) {
 
 }  // namespace
 
-bool VELT::isCardInUse(const std::string& device_path, std::string* where, const char* mounts,
-                       const char* proc) {
-  // A mount of the partition node (the kernel's own FAT driver, say).
-  const std::string node = platformPath(device_path);
-  if (FILE* fp = fopen(mounts, "r")) {
-    char line[1024];
-    while (fgets(line, sizeof(line), fp) != nullptr) {
-      char device[1024], dir[1024];
-      if (sscanf(line, "%1023s %1023s", device, dir) != 2) continue;
-      if (device_path == device || node == device) {
+namespace {
+
+// A line of the mount table whose source is one of `sources` (or the same file as one).
+bool findMount(const char* mounts, const std::vector<std::string>& sources, std::string* where) {
+  FILE* fp = fopen(mounts, "r");
+  if (fp == nullptr) return false;
+  char line[1024];
+  bool found = false;
+  while (!found && fgets(line, sizeof(line), fp) != nullptr) {
+    char device[1024], dir[1024];
+    if (sscanf(line, "%1023s %1023s", device, dir) != 2) continue;
+    for (const std::string& source : sources) {
+      if (source == device || (device[0] == '/' && sameFile(source, device))) {
         if (where != nullptr) *where = std::string("mounted at ") + dir;
-        fclose(fp);
-        return true;
+        found = true;
+        break;
       }
     }
-    fclose(fp);
   }
+  fclose(fp);
+  return found;
+}
 
-  // A daemon serving this card: same driver device once its VELT_ROOT is applied.
-  const std::string card = platformPath(kDriverDevice);
+// A running daemon whose driver device (after its VELT_ROOT) is the file `card`.
+bool findDaemon(const char* proc, const std::string& card, std::string* where) {
   DIR* dir = opendir(proc);
   if (dir == nullptr) return false;
   bool in_use = false;
@@ -104,6 +110,21 @@ bool VELT::isCardInUse(const std::string& device_path, std::string* where, const
   }
   closedir(dir);
   return in_use;
+}
+
+}  // namespace
+
+bool VELT::isCardInUse(const std::string& device_path, std::string* where, const char* mounts,
+                       const char* proc) {
+  // A mount of the partition node (the kernel's own FAT driver, say), or a daemon serving this
+  // card: the same driver device once its VELT_ROOT is applied.
+  return findMount(mounts, {device_path, platformPath(device_path)}, where) ||
+         findDaemon(proc, platformPath(kDriverDevice), where);
+}
+
+bool VELT::isImageInUse(const std::string& path, std::string* where, const char* mounts,
+                        const char* proc) {
+  return findMount(mounts, {path}, where) || findDaemon(proc, path, where);
 }
 
 int VELT::format(const FormatInfo& info, uint32_t mode, const char* label) {
