@@ -231,6 +231,14 @@ class VELT : public std::enable_shared_from_this<VELT> {
   static bool isImageInUse(const std::string& path, std::string* where,
                            const char* mounts = "/proc/mounts", const char* proc = "/proc");
 
+  // ===== Kernel caches (set by the front end, velt_tree.cpp) =====
+  // Called with the path of an entry whose size, visibility or existence changed other than
+  // through a callback of the front end (the direct channel, publication, recycling), so that
+  // the attributes the kernel cached for it are dropped. Must not block on entry locks.
+  std::function<void(const std::string&)> kernel_invalidate_;
+  void invalidateKernelCache(const DirEntry* entry);
+  void invalidateKernelCache(const std::string& path);
+
   // ===== Direct channel (velt_pipe.cpp) =====
   // Creates the pipes and starts the channel's threads; -1 when one already runs.
   int startDirectWriter();  // used by the front end

@@ -228,7 +228,9 @@ int VELT::DirEntry::secure2() {
     }
   }
   is_secured_ = true;
-  return update2(true, true);
+  int result = update2(true, true);
+  velt_->invalidateKernelCache(this);  // size and visibility changed
+  return result;
 }
 
 int VELT::DirEntry::getVELTFileIndex(int64_t disk_off) {
@@ -408,6 +410,11 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
       pbr->updateFSInfo();
     } else {
       if (!velt_file.used_) NERIO_ASSERT_TEXT("velt_reserved_files_[oldest_index].used_ == true");
+      if (velt_->kernel_invalidate_) {
+        if (auto recycled = findVELTChild(velt_file.dir_ent_disk_off)) {
+          velt_->invalidateKernelCache(recycled.get());
+        }
+      }
       removeVELTFile(velt_file.dir_ent_disk_off, &expected_char);
     }
   }

@@ -212,6 +212,8 @@ int VELT::File::write(const void* buf, size_t size, int64_t off) {
       entry_->checkFiles();
     }
   }
+  // The kernel learns of sizes changed through the mount itself; not of the channel's.
+  if (result > 0 && direct_ && velt_ != nullptr) velt_->invalidateKernelCache(entry_);
   return result;
 }
 

@@ -507,16 +507,22 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
 
 // ---- Volume lifetime ----
 
+// How long the kernel may trust a name or attributes it was given (seconds).
+static constexpr double kKernelCacheSeconds = 1.0;
+
 void* VELTFuse::__init(struct fuse_conn_info* /*conn*/, struct fuse_config* cfg) {
-  // Every read and write reaches the callbacks with the caller's own size and offset; nothing
-  // is cached in the kernel. The library numbers the nodes, so each entry has its own inode.
+  // Every read and write reaches the callbacks with the caller's own size and offset; file data
+  // is not cached in the kernel. The library numbers the nodes, so each entry has its own inode.
   cfg->use_ino = 0;
   cfg->direct_io = 1;
   cfg->kernel_cache = 0;
   cfg->nullpath_ok = 0;
-  cfg->entry_timeout = 0;
+  // Names and attributes are cached for a second: the kernel sees every change made through the
+  // mount, and the volume reports the others (kernel_invalidate_ below). Names that do not
+  // exist are not cached, since the direct channel creates files behind the kernel's back.
+  cfg->entry_timeout = kKernelCacheSeconds;
   cfg->negative_timeout = 0;
-  cfg->attr_timeout = 0;
+  cfg->attr_timeout = kKernelCacheSeconds;
 
   int error = -22;
   std::shared_ptr<VELT> velt;
@@ -537,6 +543,13 @@ void* VELTFuse::__init(struct fuse_conn_info* /*conn*/, struct fuse_config* cfg)
     return nullptr;
   }
   setVolume(velt);
+  if (struct fuse_context* context = fuse_get_context(); context != nullptr && context->fuse) {
+    struct fuse* fuse = context->fuse;
+    // Drops only cached attributes (no dentry or directory lock), so it is safe from any thread.
+    velt->kernel_invalidate_ = [fuse](const std::string& path) {
+      fuse_invalidate_path(fuse, path.c_str());
+    };
+  }
 
   velt->setMountPoint(options_.mount_path != nullptr ? options_.mount_path : kDefaultMountPath);
   velt->startDirectWriter();

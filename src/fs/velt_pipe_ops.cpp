@@ -260,6 +260,7 @@ int closeRequest(VELT& velt, const std::shared_ptr<VELT::File>& file, VELTWorkIt
     return result < 0 ? result : -EINVAL;
   }
   int deleted = parent->delChild(entry->shared_from_this());
+  velt.invalidateKernelCache(path);
   return result < 0 ? result : (deleted < 0 ? deleted : 0);
 }
 

@@ -36,6 +36,22 @@ std::shared_ptr<VELT::DirEntry> VELT::findEntry(const char* path) {
   return current;
 }
 
+void VELT::invalidateKernelCache(const std::string& path) {
+  if (!kernel_invalidate_) return;
+  std::string clean;
+  clean.reserve(path.size() + 1);
+  for (char c : path) {
+    if (c == '/' && !clean.empty() && clean.back() == '/') continue;
+    clean.push_back(c);
+  }
+  if (clean.empty() || clean[0] != '/') clean.insert(clean.begin(), '/');
+  kernel_invalidate_(clean);
+}
+
+void VELT::invalidateKernelCache(const DirEntry* entry) {
+  if (kernel_invalidate_ && entry != nullptr) invalidateKernelCache(entry->getPath());
+}
+
 void VELT::initRootEntry(const std::shared_ptr<DirEntry>& root) {
   if (root == nullptr) return;
   root->is_dir_ = true;
