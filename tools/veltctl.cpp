@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "fs/velt_driver.h"
 #include "fs/velt_fuse_ioctl.h"
 #include "fs/velt_pipe.h"
 #include "velt_client.h"
@@ -51,7 +53,9 @@ void usage(FILE* out) {
       "Common options (before the command):\n"
       "  -t, --timeout MS    give up waiting for a reply after MS milliseconds (default: wait)\n"
       "  -h, --help          this help\n"
-      "The pipes are /tmp/veltw and /tmp/velts, under $VELT_ROOT when that is set.\n",
+      "The pipes are /tmp/veltw and /tmp/velts, under $VELT_ROOT when that is set. One client\n"
+      "at a time: veltctl holds /tmp/veltw.lock while it uses them and stops when another\n"
+      "client holds it.\n",
       out);
 }
 
@@ -82,7 +86,12 @@ int timeout_ms = -1;
 
 int connectClient(DirectClient& client) {
   int r = client.connect(timeout_ms < 0 ? 5000 : timeout_ms);
-  if (r < 0) fail("cannot reach the daemon's channel", r);
+  if (r == -EBUSY) {
+    fprintf(stderr, "veltctl: another client is using the channel (it holds %s); try again later\n",
+            velt::platformPath(velt::kDirectLockFile).c_str());
+  } else if (r < 0) {
+    fail("cannot reach the daemon's channel", r);
+  }
   return r;
 }
 
@@ -128,10 +137,14 @@ int cmdWrite(int argc, char** argv) {
   if (connectClient(client) < 0) return 1;
   int fd = client.create(argv[optind], 0, timeout_ms);
   if (fd < 0) return fail(argv[optind], fd);
-  std::vector<uint8_t> buffer(static_cast<size_t>(record));
+  // Small records go to the pipe in batches; the daemon takes them apart.
+  client.setBatching(256 * 1024);
+  // Standard input is read in large pieces and sent as records of the asked size.
+  const size_t per_read = static_cast<size_t>(std::max<int64_t>(record, (1 << 20) / record * record));
+  std::vector<uint8_t> buffer(per_read);
   int64_t offset = 0;
   bool first = true;
-  for (;;) {
+  for (bool end = false; !end;) {
     size_t got = 0;
     while (got < buffer.size()) {
       ssize_t n = read(STDIN_FILENO, buffer.data() + got, buffer.size() - got);
@@ -140,13 +153,18 @@ int cmdWrite(int argc, char** argv) {
       if (n == 0) break;
       got += static_cast<size_t>(n);
     }
+    end = got < buffer.size();
     if (got == 0 && !first) break;
-    uint32_t flags = first && publish ? velt::kDirectFlagSecure : 0u;
-    int r = client.write(fd, offset, buffer.data(), static_cast<uint32_t>(got), 0, flags, event);
-    if (r < 0) return fail("write", r);
-    offset += static_cast<int64_t>(got);
-    first = false;
-    if (got < buffer.size()) break;
+    for (size_t at = 0; at < got || (got == 0 && first); at += static_cast<size_t>(record)) {
+      const size_t n = std::min<size_t>(static_cast<size_t>(record), got - at);
+      uint32_t flags = first && publish ? velt::kDirectFlagSecure : 0u;
+      int r = client.write(fd, offset, buffer.data() + at, static_cast<uint32_t>(n), 0, flags,
+                           event);
+      if (r < 0) return fail("write", r);
+      offset += static_cast<int64_t>(n);
+      first = false;
+      if (got == 0) break;
+    }
   }
   int r = event ? 0 : client.sync(fd, timeout_ms);
   if (r < 0) return fail("write", r);

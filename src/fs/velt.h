@@ -42,10 +42,14 @@ enum : uint32_t {
   kDirectOpSpliceEvent = 12,
 };
 
-// One direct-channel record inside the daemon, request or reply. Made with new; data_ is
-// malloc'ed and owned by the item (velt_pipe.cpp).
+class DirectBuffers;  // the channel's payload memory (velt_pipe_work.h)
+
+// One direct-channel record inside the daemon, request or reply. Made with new; data_ is owned
+// by the item: from `buffers` when given (counted against the channel's memory bound), else
+// malloc'ed (velt_pipe.cpp).
 struct VELTWorkItem {
-  VELTWorkItem(int32_t fd, uint32_t op, int64_t offset, int32_t param, uint32_t payload_size);
+  VELTWorkItem(int32_t fd, uint32_t op, int64_t offset, int32_t param, uint32_t payload_size,
+               DirectBuffers* buffers = nullptr);
   ~VELTWorkItem();
   VELTWorkItem(const VELTWorkItem&) = delete;
   VELTWorkItem& operator=(const VELTWorkItem&) = delete;
@@ -53,6 +57,12 @@ struct VELTWorkItem {
   bool appendData(const void* data, uint32_t size, uint32_t new_size_offset);
   // Allocates a reply buffer of `size` bytes; false when memory runs out.
   bool allocData(uint32_t size);
+  // Frees the payload; the item stays (a reply without data).
+  void releaseData();
+  // Counts `size` bytes for the reply a queued read will need (from `buffers` only), or gives
+  // that count back.
+  void reserveReply(uint32_t size);
+  void releaseReply();
 
   std::mutex mutex_;  // data_, data_length_ and size_ during an append or a release
   int32_t fd_ = 0;
@@ -65,6 +75,11 @@ struct VELTWorkItem {
   uint32_t new_size_offset_ = 0;  // provisional tail of a write
   uint64_t created_ = 0;  // monotonic microseconds of arrival
   uint64_t updated_ = 0;  // monotonic microseconds of the last append
+  DirectBuffers* buffers_ = nullptr;  // where data_ comes from; null: malloc
+  uint32_t reserved_ = 0;  // bytes counted in buffers_ for a reply not made yet
+  // The receiver is reading a continuation into data_ (request_mutex_): the worker leaves the
+  // item alone meanwhile.
+  bool filling_ = false;
 };
 
 constexpr size_t VELT_BUFFER_SIZE = 0x100000;  // bytes in each transfer buffer
@@ -258,8 +273,21 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // close_all also closes that file (every direct file when null). Takes request_mutex_.
   void flushAllRequests(const std::shared_ptr<File>& file, bool event, bool close_all);
   // Receiver's hand-over: merges a write into the growing write it continues, or queues the
-  // item. Caller holds request_mutex_; the item is owned by the queues afterwards.
-  void __queueRequest(VELTWorkItem* item);
+  // item. Caller holds request_mutex_; the item is owned by the queues afterwards. True when
+  // the worker has something new to look at.
+  bool __queueRequest(VELTWorkItem* item);
+  // The queue a request travels in. Caller holds request_mutex_.
+  std::list<VELTWorkItem*>* __queueOf(uint32_t op, int32_t param);
+  // The queued write that a write of `size` bytes at `offset` continues and may be appended
+  // to, or null. Caller holds request_mutex_.
+  VELTWorkItem* __mergeTarget(uint32_t op, int32_t fd, int64_t offset, uint32_t size);
+  // A write that may still grow (or is being filled) and so is not taken yet.
+  bool __mayGrow(const VELTWorkItem* request, uint64_t now) const;
+  // The first request of `queue` the worker may take now, or end().
+  std::list<VELTWorkItem*>::iterator __firstTakeable(std::list<VELTWorkItem*>& queue,
+                                                     uint64_t now);
+  // Microseconds until a queued write stops growing (at most an idle wait).
+  uint64_t __nextFetchDelay() const;
   // Carries out one request; the reply to send, or null when the item was released or parked.
   VELTWorkItem* executeDirectRequest(VELTWorkItem* item);
   // Appends a reply to responses_ and wakes the replier (also while stopping).
@@ -329,7 +357,8 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // has its reading end open by now, so the replier tries again at once.
   bool responder_retry_ = false;
   std::thread direct_worker_thread_;
-  std::mutex request_mutex_;  // the three request queues, last_normal_fetch_, direct_busy_
+  std::mutex request_mutex_;  // the three request queues, last_normal_fetch_, direct_busy_,
+                              // items' filling_
   std::condition_variable request_cv_;  // wakes the worker
   std::condition_variable direct_idle_cv_;  // signalled when the worker finishes a request
   std::list<VELTWorkItem*> control_requests_;  // open and create
@@ -342,6 +371,16 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // Clock of the scheduling decisions in microseconds; empty means nerio::monotonicMicros.
   // Tests drive it.
   std::function<uint64_t()> direct_clock_;
+  // Payload memory of the channel's items; its byte count is what the receiver bounds.
+  std::shared_ptr<DirectBuffers> direct_buffers_;
+  // The receiver stops reading requests while the items hold more bytes than this.
+  int64_t direct_held_max_ = 64ll << 20;
+  // A queued write is taken once it is this old, however it still grows (microseconds).
+  uint64_t direct_max_age_us_ = 1000000;
+  // Times the receiver stopped reading because of direct_held_max_, and its reads of the
+  // request pipe.
+  std::atomic<uint64_t> direct_pauses_{0};
+  std::atomic<uint64_t> direct_reads_{0};
 };
 
 }  // namespace velt

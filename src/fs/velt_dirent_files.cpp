@@ -1,5 +1,6 @@
 // Open files of an entry, and the channel reads parked on them until data arrives.
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 
 #include "fs/velt_dirent.h"
@@ -57,22 +58,11 @@ static void completeRequest(VELT* velt, VELT::File& file, VELTWorkItem* request,
       NERIO_ASSERT_TEXT("request->size_ >= result");
     request->size_ = static_cast<uint32_t>(result);
   } else {
-    std::lock_guard<std::mutex> lock(request->mutex_);
+    request->releaseData();
     request->param_ = result;
-    request->data_length_ = 0;
-    request->size_ = 0;
-    free(request->data_);
-    request->data_ = nullptr;
   }
   if (velt->postDirectResponse(request) < 0) {
     LOGE("post pending read request complete failed: fd %d\n", file.file_no_);
-    {
-      std::lock_guard<std::mutex> lock(request->mutex_);
-      request->data_length_ = 0;
-      request->size_ = 0;
-      free(request->data_);
-      request->data_ = nullptr;
-    }
     delete request;
   }
 }
@@ -90,10 +80,13 @@ int VELT::DirEntry::checkFiles() {
     }
     int64_t available = real_size_ - request->offset_;
     if (available < 1) continue;
-    uint32_t data_size = static_cast<uint32_t>(available);
-    if (data_size == 0) NERIO_ASSERT_TEXT("data_size > 0");
-    int result =
-        file->__read(request->data_, std::min(data_size, request->size_), request->offset_);
+    // A parked read holds no buffer; param_ is the size it wants.
+    const uint32_t count = static_cast<uint32_t>(
+        std::min<int64_t>(available, std::max<int32_t>(request->param_, 0)));
+    int result = count == 0 ? 0 : -ENOMEM;
+    if (count > 0 && request->allocData(count)) {
+      result = file->__read(request->data_, count, request->offset_);
+    }
     request->param_ = result;
     file->pending_request_ = nullptr;
     completeRequest(velt_, *file, request, result);

@@ -552,6 +552,8 @@ void* VELTFuse::__init(struct fuse_conn_info* /*conn*/, struct fuse_config* cfg)
   }
 
   velt->setMountPoint(options_.mount_path != nullptr ? options_.mount_path : kDefaultMountPath);
+  if (options_.channel_mem > 0) velt->direct_held_max_ = options_.channel_mem;
+  if (options_.channel_age_ms > 0) velt->direct_max_age_us_ = options_.channel_age_ms * 1000ull;
   velt->startDirectWriter();
 
   int64_t free_bytes = 0;

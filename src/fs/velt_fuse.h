@@ -35,6 +35,12 @@ struct VELTOptions {
   int32_t cache_size = 0;           // bytes; 0 disables the sector cache
   char* device_path = nullptr;      // partition device, /dev/mmcblk<disk>p<partition>
   char* mount_path = nullptr;       // the mount point once known
+  // Direct channel: bytes its queued requests and unsent replies may hold before the receiver
+  // stops reading ("-o channel_mem=64M", K or M), and the longest a queued write waits for
+  // appends ("-o channel_age=MS"). 0 keeps the defaults.
+  char* channel_mem_text = nullptr;
+  int32_t channel_mem = 0;
+  unsigned channel_age_ms = 0;
 };
 
 // Option keys handed to velt_opt_proc.

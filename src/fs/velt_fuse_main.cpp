@@ -46,7 +46,11 @@ int velt_opt_proc(void* /*data*/, const char* /*arg*/, int key, struct fuse_args
               "VELT options:\n"
               "    -d BLKDEV PATH   device path, default /dev/mmcblk0p1\n"
               "    -c CASH SIZE     internal cache size(K,M). 0 to disable cache. default "
-              "disabled. \"-c 16M\" set 16MB-cache.\n\n",
+              "disabled. \"-c 16M\" set 16MB-cache.\n"
+              "    -o channel_mem=SIZE  memory the direct channel may hold before it stops\n"
+              "                     reading requests (K,M; default 64M)\n"
+              "    -o channel_age=MS    longest a queued channel write waits for appends\n"
+              "                     (default 1000)\n\n",
               outargs->argv[0]);
       runLibraryWith(outargs, "-h");
       exit(1);
@@ -77,6 +81,7 @@ int main(int argc, char* argv[]) {
   options.mount_path = strdup(velt::kDefaultMountPath);
   auto free_options = [&options]() {
     free(options.cache_size_text);
+    free(options.channel_mem_text);
     free(options.device_path);
     free(options.mount_path);
     options = velt::VELTOptions();
@@ -93,6 +98,15 @@ int main(int argc, char* argv[]) {
   std::string shown;
   if (!velt::parseCacheSize(options.cache_size_text, &options.cache_size, &shown)) {
     fprintf(stderr, "size \"%s\" is invalid\n", shown.c_str());
+    fuse_opt_free_args(&args);
+    free_options();
+    return 1;
+  }
+
+  if (!velt::parseCacheSize(options.channel_mem_text, &options.channel_mem, &shown) ||
+      (options.channel_mem_text != nullptr && options.channel_mem < (1 << 20))) {
+    fprintf(stderr, "channel_mem \"%s\" is invalid (at least 1M)\n",
+            options.channel_mem_text != nullptr ? options.channel_mem_text : "");
     fuse_opt_free_args(&args);
     free_options();
     return 1;

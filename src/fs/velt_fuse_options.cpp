@@ -23,6 +23,8 @@ const struct fuse_opt kVELTOptionSpecs[] = {
     VELT_OPT("-d %s", device_path),
     VELT_OPT("cache=%s", cache_size_text),
     VELT_OPT("-c %s", cache_size_text),
+    VELT_OPT("channel_mem=%s", channel_mem_text),
+    VELT_OPT("channel_age=%u", channel_age_ms),
     FUSE_OPT_KEY("-V", kVELTOptKeyVersion),
     FUSE_OPT_KEY("--version", kVELTOptKeyVersion),
     FUSE_OPT_KEY("-h", kVELTOptKeyHelp),

@@ -10,6 +10,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
+#include <sys/mman.h>
+
 #include <new>
 #include <vector>
 
@@ -101,32 +104,219 @@ bool DirectMarkerSearch::push(uint8_t byte) {
   return false;
 }
 
-// ===== Work item =====
-
-VELTWorkItem::VELTWorkItem(int32_t fd, uint32_t op, int64_t offset, int32_t param,
-                           uint32_t payload_size)
-    : fd_(fd),
-      op_(op),
-      offset_(offset),
-      data_length_(payload_size),
-      size_(payload_size),
-      param_(param) {
-  if (payload_size > 0) {
-    data_ = static_cast<uint8_t*>(malloc(payload_size));
-    if (data_ == nullptr) {
-      NERIO_ASSERT_TEXT("data_ != nullptr");
-      data_length_ = size_ = 0;
-      throw std::bad_alloc();
+bool findDirectMarker(DirectMarkerSearch& search, const uint8_t* data, size_t size, size_t* used) {
+  size_t i = 0;
+  while (i < size) {
+    if (search.matched() == 0) {
+      // Nothing matched: every byte up to the next first marker byte leaves it so.
+      const void* first = memchr(data + i, kDirectMarker[0], size - i);
+      if (first == nullptr) break;
+      i = static_cast<size_t>(static_cast<const uint8_t*>(first) - data);
+    }
+    if (search.push(data[i++])) {
+      *used = i;
+      return true;
     }
   }
+  *used = size;
+  return false;
+}
+
+DirectHeaderCheck checkDirectHeader(const uint8_t* in, DirectHeader* header) {
+  *header = decodeDirectHeader(in);
+  if (!hasDirectMarker(in)) return DirectHeaderCheck::kBrokenMarker;
+  if (header->length < kDirectHeaderSize) return DirectHeaderCheck::kShortLength;
+  if (header->length - kDirectHeaderSize > kDirectPayloadMax) return DirectHeaderCheck::kTooLarge;
+  return DirectHeaderCheck::kOk;
+}
+
+DirectStreamCounts parseDirectStream(
+    const uint8_t* data, size_t size,
+    const std::function<void(const DirectHeader&, const uint8_t*, size_t)>& record) {
+  DirectStreamCounts counts;
+  DirectMarkerSearch search;
+  bool synced = false;
+  size_t at = 0;
+  uint8_t header[kDirectHeaderSize];
+  while (at < size) {
+    if (!synced) {
+      size_t used = 0;
+      const bool found = findDirectMarker(search, data + at, size - at, &used);
+      counts.skipped += found ? used - std::min<size_t>(used, sizeof(kDirectMarker)) : used;
+      at += used;
+      if (!found || size - at < kDirectHeaderSize - 4) break;
+      memcpy(header, kDirectMarker, 4);
+      memcpy(header + 4, data + at, kDirectHeaderSize - 4);
+      at += kDirectHeaderSize - 4;
+      synced = true;
+    } else {
+      if (size - at < kDirectHeaderSize) break;
+      memcpy(header, data + at, kDirectHeaderSize);
+      at += kDirectHeaderSize;
+    }
+    DirectHeader h;
+    switch (checkDirectHeader(header, &h)) {
+      case DirectHeaderCheck::kBrokenMarker:
+      case DirectHeaderCheck::kShortLength:
+        ++counts.broken;
+        synced = false;
+        search.reset();
+        continue;
+      case DirectHeaderCheck::kTooLarge:
+        ++counts.too_large;
+        break;
+      case DirectHeaderCheck::kOk:
+        break;
+    }
+    const size_t payload = h.length - kDirectHeaderSize;
+    const size_t here = std::min(payload, size - at);
+    ++counts.records;
+    record(h, data + at, here);
+    at += here;
+  }
+  return counts;
+}
+
+// ===== Payload memory =====
+
+namespace {
+
+size_t pageRound(size_t size) {
+  const size_t page = 4096;
+  return (size + page - 1) / page * page;
+}
+
+uint8_t* mapBytes(size_t size) {
+  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
+}
+
+}  // namespace
+
+DirectBuffers::~DirectBuffers() {
+  for (uint8_t* p : idle_) munmap(p, kPooledSize);
+}
+
+uint8_t* DirectBuffers::get(uint32_t size, uint32_t* capacity) {
+  uint8_t* data = nullptr;
+  size_t cap = size;
+  if (size < kSmallMax) {
+    data = static_cast<uint8_t*>(malloc(size > 0 ? size : 1));
+  } else if (size <= kPooledSize) {
+    cap = kPooledSize;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!idle_.empty()) {
+        data = idle_.back();
+        idle_.pop_back();
+      }
+    }
+    if (data == nullptr) {
+      data = mapBytes(cap);
+      if (data != nullptr) mapped_ += static_cast<int64_t>(cap);
+    }
+  } else {
+    cap = pageRound(size);
+    data = mapBytes(cap);
+    if (data != nullptr) mapped_ += static_cast<int64_t>(cap);
+  }
+  if (data == nullptr) return nullptr;
+  *capacity = static_cast<uint32_t>(cap);
+  held_ += static_cast<int64_t>(cap);
+  return data;
+}
+
+void DirectBuffers::put(uint8_t* data, uint32_t capacity) {
+  if (data == nullptr) return;
+  held_ -= static_cast<int64_t>(capacity);
+  if (capacity < kSmallMax) {
+    free(data);
+    // Many small payloads at once leave the heap large; give it back once the channel is
+    // nearly idle again.
+    if ((freed_small_ += capacity) > (8 << 20) && held() < kPooledSize) {
+      freed_small_ = 0;
+      malloc_trim(0);
+    }
+    return;
+  }
+  if (capacity == kPooledSize) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (static_cast<int>(idle_.size()) < kIdleKept) {
+      idle_.push_back(data);
+      return;
+    }
+  }
+  munmap(data, capacity);
+  mapped_ -= static_cast<int64_t>(capacity);
+}
+
+int DirectBuffers::idleCount() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return static_cast<int>(idle_.size());
+}
+
+// ===== Work item =====
+
+namespace {
+
+// A buffer of at least `size` bytes from `buffers`, or from malloc without one.
+uint8_t* takeBuffer(DirectBuffers* buffers, uint32_t size, uint32_t* capacity) {
+  if (buffers != nullptr) return buffers->get(size, capacity);
+  auto* data = static_cast<uint8_t*>(malloc(size > 0 ? size : 1));
+  if (data != nullptr) *capacity = size;
+  return data;
+}
+
+void giveBuffer(DirectBuffers* buffers, uint8_t* data, uint32_t capacity) {
+  if (buffers != nullptr) {
+    buffers->put(data, capacity);
+  } else {
+    free(data);
+  }
+}
+
+}  // namespace
+
+VELTWorkItem::VELTWorkItem(int32_t fd, uint32_t op, int64_t offset, int32_t param,
+                           uint32_t payload_size, DirectBuffers* buffers)
+    : fd_(fd), op_(op), offset_(offset), param_(param), buffers_(buffers) {
+  if (payload_size > 0) {
+    uint32_t capacity = 0;
+    data_ = takeBuffer(buffers_, payload_size, &capacity);
+    if (data_ == nullptr) {
+      NERIO_ASSERT_TEXT("data_ != nullptr");
+      throw std::bad_alloc();
+    }
+    data_length_ = capacity;
+    size_ = payload_size;
+  }
+  if (buffers_ != nullptr) buffers_->addItem();
   created_ = updated_ = nerio::monotonicMicros();
 }
 
 VELTWorkItem::~VELTWorkItem() {
+  releaseData();
+  releaseReply();
+  if (buffers_ != nullptr) buffers_->dropItem();
+}
+
+void VELTWorkItem::reserveReply(uint32_t size) {
+  if (buffers_ == nullptr) return;
+  releaseReply();
+  reserved_ = size;
+  buffers_->reserve(size);
+}
+
+void VELTWorkItem::releaseReply() {
+  if (buffers_ != nullptr && reserved_ > 0) buffers_->reserve(-static_cast<int64_t>(reserved_));
+  reserved_ = 0;
+}
+
+void VELTWorkItem::releaseData() {
   std::lock_guard<std::mutex> lock(mutex_);
-  size_ = data_length_ = 0;
-  free(data_);
+  giveBuffer(buffers_, data_, data_length_);
   data_ = nullptr;
+  size_ = data_length_ = 0;
 }
 
 bool VELTWorkItem::appendData(const void* data, uint32_t size, uint32_t new_size_offset) {
@@ -136,16 +326,21 @@ bool VELTWorkItem::appendData(const void* data, uint32_t size, uint32_t new_size
   if (size <= new_size_offset) NERIO_ASSERT_TEXT("size > new_size_offset");
   // A write's provisional tail is overwritten by its continuation.
   const uint32_t at = is_write ? size_ - std::min(new_size_offset_, size_) : size_;
-  const uint64_t grown = static_cast<uint64_t>(data_length_) + size;
-  if (grown > UINT32_MAX) return false;
+  const uint64_t needed = static_cast<uint64_t>(at) + size;
+  if (needed > UINT32_MAX) return false;
   if (size > 0) {
-    auto* new_data = static_cast<uint8_t*>(realloc(data_, grown));
-    if (new_data == nullptr) {
-      NERIO_ASSERT_TEXT("new_data");
-      return false;
+    if (needed > data_length_) {
+      uint32_t capacity = 0;
+      uint8_t* grown = takeBuffer(buffers_, static_cast<uint32_t>(needed), &capacity);
+      if (grown == nullptr) {
+        NERIO_ASSERT_TEXT("new_data");
+        return false;
+      }
+      if (at > 0) memcpy(grown, data_, at);
+      giveBuffer(buffers_, data_, data_length_);
+      data_ = grown;
+      data_length_ = capacity;
     }
-    data_ = new_data;
-    data_length_ = static_cast<uint32_t>(grown);
     memcpy(data_ + at, data, size);
   }
   size_ = at + size;
@@ -158,54 +353,70 @@ bool VELTWorkItem::allocData(uint32_t size) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (data_ != nullptr) {
     NERIO_ASSERT_TEXT("data_ == nullptr");
-    free(data_);
+    giveBuffer(buffers_, data_, data_length_);
     data_ = nullptr;
   }
-  size_ = data_length_ = size;
+  size_ = data_length_ = 0;
   updated_ = nerio::monotonicMicros();
   if (size == 0) return true;
-  data_ = static_cast<uint8_t*>(malloc(size));
+  uint32_t capacity = 0;
+  data_ = takeBuffer(buffers_, size, &capacity);
   if (data_ == nullptr) {
     NERIO_ASSERT_TEXT("data_ != nullptr");
-    size_ = data_length_ = 0;
     return false;
   }
+  size_ = size;
+  data_length_ = capacity;
   return true;
 }
 
 // ===== Queues =====
 
-void VELT::__queueRequest(VELTWorkItem* item) {
-  std::list<VELTWorkItem*>* queue = &normal_requests_;
-  if (isDirectControlOp(item->op_)) {
-    queue = &control_requests_;
-  } else if (isDirectEventQueueOp(item->op_, static_cast<uint32_t>(item->param_))) {
-    queue = &event_requests_;
+std::list<VELTWorkItem*>* VELT::__queueOf(uint32_t op, int32_t param) {
+  if (isDirectControlOp(op)) return &control_requests_;
+  if (isDirectEventQueueOp(op, static_cast<uint32_t>(param))) return &event_requests_;
+  return &normal_requests_;
+}
+
+VELTWorkItem* VELT::__mergeTarget(uint32_t op, int32_t fd, int64_t offset, uint32_t size) {
+  if (!isDirectWriteOp(op) || size == 0) return nullptr;
+  std::list<VELTWorkItem*>* queue = __queueOf(op, 0);
+  for (auto it = queue->rbegin(); it != queue->rend(); ++it) {
+    VELTWorkItem* last = *it;
+    if (last == nullptr || last->op_ != op || last->fd_ != fd) continue;
+    // A ready write is on its way to the card (a close may be writing it right now).
+    if (last->filling_ || (static_cast<uint32_t>(last->param_) & kDirectFlagReady) != 0 ||
+        last->data_ == nullptr) {
+      return nullptr;
+    }
+    const int64_t next = last->offset_ + last->size_ - last->new_size_offset_;
+    const uint64_t merged = static_cast<uint64_t>(last->size_) + size - last->new_size_offset_;
+    if (offset != next || merged > kDirectMergeMax) return nullptr;
+    return last;
   }
+  return nullptr;
+}
+
+bool VELT::__queueRequest(VELTWorkItem* item) {
+  std::list<VELTWorkItem*>* queue = __queueOf(item->op_, item->param_);
   try {
     if (isDirectWriteOp(item->op_) && item->size_ > 0) {
-      VELTWorkItem* last = nullptr;
+      VELTWorkItem* last = __mergeTarget(item->op_, item->fd_, item->offset_, item->size_);
+      if (last != nullptr && last->appendData(item->data_, item->size_, item->new_size_offset_)) {
+        last->param_ |= item->param_;
+        last->updated_ = channelNow(*this);
+        delete item;
+        return (static_cast<uint32_t>(last->param_) & kDirectFlagReady) != 0;
+      }
+      // The newest write of the file will not grow any more.
       for (auto it = queue->rbegin(); it != queue->rend(); ++it) {
         if (*it != nullptr && (*it)->op_ == item->op_ && (*it)->fd_ == item->fd_) {
-          last = *it;
+          if (!(*it)->filling_) (*it)->param_ |= kDirectFlagReady;
           break;
         }
       }
-      if (last != nullptr) {
-        const int64_t next = last->offset_ + last->size_ - last->new_size_offset_;
-        const uint64_t merged =
-            static_cast<uint64_t>(last->size_) + item->size_ - last->new_size_offset_;
-        if (item->offset_ == next && merged <= kDirectMergeMax &&
-            last->appendData(item->data_, item->size_, item->new_size_offset_)) {
-          last->param_ |= item->param_;
-          last->updated_ = channelNow(*this);
-          delete item;
-          return;
-        }
-        last->param_ |= kDirectFlagReady;
-      }
       queue->push_back(item);
-      return;
+      return true;
     }
     queue->push_back(item);
     if (item->op_ == kDirectOpClose) {
@@ -214,43 +425,100 @@ void VELT::__queueRequest(VELTWorkItem* item) {
         if (queued != nullptr && queued->fd_ == item->fd_) queued->param_ |= kDirectFlagReady;
       }
     }
+    return true;
   } catch (const std::exception&) {
     LOGE("got exception when creating direct writer buffer %zd bytes\n",
          static_cast<ssize_t>(item->size_));
     delete item;
+    return false;
   }
+}
+
+namespace {
+
+bool isReady(const VELTWorkItem* request) {
+  return (static_cast<uint32_t>(request->param_) & kDirectFlagReady) != 0;
+}
+
+}  // namespace
+
+bool VELT::__mayGrow(const VELTWorkItem* request, uint64_t now) const {
+  if (request == nullptr || !isDirectWriteOp(request->op_)) return false;
+  if (request->filling_) return true;
+  if (isReady(request) || direct_stop_) return false;
+  return now < request->updated_ + kDirectGrowUs && now < request->created_ + direct_max_age_us_;
+}
+
+std::list<VELTWorkItem*>::iterator VELT::__firstTakeable(std::list<VELTWorkItem*>& queue,
+                                                         uint64_t now) {
+  // A write that may still grow holds back the later requests of its file only; requests of
+  // other files go past it. A splice touches two files, so nothing goes past a held-back
+  // write to reach one.
+  int32_t held[kDirectScanMax];
+  int held_count = 0;
+  int scanned = 0;
+  for (auto it = queue.begin(); it != queue.end() && scanned < kDirectScanMax; ++it, ++scanned) {
+    VELTWorkItem* request = *it;
+    if (request == nullptr) return it;
+    if (held_count > 0 &&
+        (request->op_ == kDirectOpSplice || request->op_ == kDirectOpSpliceEvent)) {
+      break;
+    }
+    bool blocked = false;
+    for (int i = 0; i < held_count && !blocked; ++i) blocked = held[i] == request->fd_;
+    if (blocked) continue;
+    if (__mayGrow(request, now)) {
+      held[held_count++] = request->fd_;
+      continue;
+    }
+    return it;
+  }
+  return queue.end();
 }
 
 VELTWorkItem* VELT::__fetchRequest() {
   const uint64_t now = channelNow(*this);
-  auto growing = [&](const VELTWorkItem* request) {
-    return request != nullptr && isDirectWriteOp(request->op_) &&
-           (static_cast<uint32_t>(request->param_) & kDirectFlagReady) == 0 && !direct_stop_ &&
-           now < request->updated_ + kDirectGrowUs;
-  };
-  auto take = [](std::list<VELTWorkItem*>& queue) {
-    VELTWorkItem* request = queue.front();
-    queue.pop_front();
+  auto take = [](std::list<VELTWorkItem*>& queue, std::list<VELTWorkItem*>::iterator it) {
+    VELTWorkItem* request = *it;
+    queue.erase(it);
     if (request == nullptr) NERIO_ASSERT_TEXT("request != nullptr");
     return request;
   };
-  if (!control_requests_.empty()) return take(control_requests_);
+  if (!control_requests_.empty()) return take(control_requests_, control_requests_.begin());
+  auto normal = normal_requests_.empty() ? normal_requests_.end()
+                                         : __firstTakeable(normal_requests_, now);
   if (!event_requests_.empty()) {
     // A steady stream of event requests must not starve the normal queue.
-    if (!normal_requests_.empty() && now > last_normal_fetch_ + kDirectFairnessUs &&
-        (normal_requests_.front() == nullptr ||
-         now > normal_requests_.front()->updated_ + kDirectFairnessUs)) {
+    if (normal != normal_requests_.end() && now > last_normal_fetch_ + kDirectFairnessUs &&
+        (*normal == nullptr || now > (*normal)->updated_ + kDirectFairnessUs)) {
       last_normal_fetch_ = now;
-      return take(normal_requests_);
+      return take(normal_requests_, normal);
     }
-    if (!growing(event_requests_.front())) return take(event_requests_);
+    auto event = __firstTakeable(event_requests_, now);
+    if (event != event_requests_.end()) return take(event_requests_, event);
   }
-  if (!normal_requests_.empty()) {
-    if (growing(normal_requests_.front())) return nullptr;
+  if (normal != normal_requests_.end()) {
     last_normal_fetch_ = now;
-    return take(normal_requests_);
+    return take(normal_requests_, normal);
   }
   return nullptr;
+}
+
+uint64_t VELT::__nextFetchDelay() const {
+  const uint64_t now = channelNow(*this);
+  uint64_t delay = kDirectIdleWaitUs;
+  for (const auto* queue : {&normal_requests_, &event_requests_}) {
+    int scanned = 0;
+    for (auto it = queue->begin(); it != queue->end() && scanned < kDirectScanMax; ++it, ++scanned) {
+      const VELTWorkItem* request = *it;
+      // The receiver wakes the worker when it finishes filling an item that is due.
+      if (request == nullptr || !__mayGrow(request, now) || request->filling_) continue;
+      const uint64_t due =
+          std::min(request->updated_ + kDirectGrowUs, request->created_ + direct_max_age_us_);
+      delay = std::min(delay, due > now ? due - now : 0);
+    }
+  }
+  return delay;
 }
 
 void VELT::flushAllRequests(const std::shared_ptr<File>& file, bool event, bool close_all) {
@@ -278,7 +546,8 @@ void VELT::flushAllRequests(const std::shared_ptr<File>& file, bool event, bool 
     }
     for (auto it = queue->begin(); it != queue->end();) {
       VELTWorkItem* request = *it;
-      if (request != nullptr && file != nullptr && request->fd_ != file_no) {
+      if (request != nullptr &&
+          ((file != nullptr && request->fd_ != file_no) || request->filling_)) {
         ++it;
         continue;
       }

@@ -8,11 +8,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 namespace velt {
 
 constexpr const char kDirectRequestPipe[] = "/tmp/veltw";  // client -> daemon
 constexpr const char kDirectReplyPipe[] = "/tmp/velts";    // daemon -> client
+// Taken (flock, exclusive) by a client for as long as it uses the pipes: one client at a time.
+constexpr const char kDirectLockFile[] = "/tmp/veltw.lock";
 
 constexpr uint8_t kDirectMarker[4] = {0xFD, 0xEC, 0xB9, 0xA8};
 constexpr uint32_t kDirectHeaderSize = 28;
@@ -42,6 +45,10 @@ constexpr uint64_t kDirectFairnessUs = 333330;
 constexpr uint32_t kDirectPayloadMax = 64u << 20;
 // Receiver's wait for data before it looks at the stop flag again.
 constexpr int kDirectSelectUs = 300000;
+// Requests of a queue the worker looks at to find one it may take.
+constexpr int kDirectScanMax = 64;
+// Worker's longest sleep while only growing writes are queued.
+constexpr uint64_t kDirectIdleWaitUs = 100000;
 
 struct DirectHeader {
   uint32_t length = kDirectHeaderSize;  // whole record, header included
@@ -96,5 +103,31 @@ class DirectMarkerSearch {
  private:
   int matched_ = 0;
 };
+
+// Scans bytes for the marker, going on from where `search` stands. True when a marker ends in
+// them; `*used` is then the index just past it, otherwise `size` (a partial match is kept).
+bool findDirectMarker(DirectMarkerSearch& search, const uint8_t* data, size_t size, size_t* used);
+
+// What a record's 28 header bytes say about it.
+enum class DirectHeaderCheck {
+  kOk,
+  kBrokenMarker,  // not a record: back to the marker search
+  kShortLength,   // length below the header's own: back to the marker search
+  kTooLarge,      // payload above kDirectPayloadMax: answered with -EFBIG and skipped
+};
+DirectHeaderCheck checkDirectHeader(const uint8_t* in, DirectHeader* header);
+
+// The receiver's framing over a byte string, without a volume or a pipe: calls `record` for
+// every record it would take, in order (the payload may end short at the end of the bytes).
+struct DirectStreamCounts {
+  size_t records = 0;    // taken, too large ones included
+  size_t skipped = 0;    // bytes passed over while looking for a marker
+  size_t broken = 0;     // headers that sent the search back (broken marker, short length)
+  size_t too_large = 0;  // records answered with -EFBIG
+};
+DirectStreamCounts parseDirectStream(
+    const uint8_t* data, size_t size,
+    const std::function<void(const DirectHeader&, const uint8_t* payload, size_t payload_size)>&
+        record);
 
 }  // namespace velt

@@ -21,11 +21,7 @@ namespace direct {
 
 // Frees an item's payload; the item itself stays (it becomes a reply without data).
 void releaseData(VELTWorkItem* item) {
-  std::lock_guard<std::mutex> lock(item->mutex_);
-  free(item->data_);
-  item->data_ = nullptr;
-  item->size_ = 0;
-  item->data_length_ = 0;
+  item->releaseData();
 }
 
 VELTWorkItem* makeErrorReply(VELTWorkItem* item, int result) {
@@ -169,6 +165,7 @@ VELTWorkItem* readRequest(VELT::File& file, VELTWorkItem* request) {
   VELT::DirEntry* entry = file.entry_;
   const int32_t wanted = request->param_;
   releaseData(request);  // a read carries no payload; anything sent is ignored
+  request->releaseReply();  // the buffer made below takes its place
   std::lock_guard files_lock(entry->files_mutex_);
   std::lock_guard<std::mutex> file_lock(file.mutex_);
   if (file.pending_request_ != nullptr) {
@@ -179,14 +176,16 @@ VELTWorkItem* readRequest(VELT::File& file, VELTWorkItem* request) {
     request->param_ = 0;
     return request;
   }
-  if (!request->allocData(static_cast<uint32_t>(wanted))) {
-    LOGE("no memory for direct read %d bytes\n", wanted);
-    request->param_ = -ENOMEM;
-    return request;
-  }
   if (entry->real_size_ > request->offset_) {
+    // Served from the card straight into the reply's own buffer, no larger than the data.
     const int64_t available = entry->real_size_ - request->offset_;
-    const size_t count = static_cast<size_t>(std::min<int64_t>(wanted, available));
+    const uint32_t count =
+        static_cast<uint32_t>(std::min<int64_t>(std::min(wanted, kReadMax), available));
+    if (!request->allocData(count)) {
+      LOGE("no memory for direct read %d bytes\n", static_cast<int>(count));
+      request->param_ = -ENOMEM;
+      return request;
+    }
     int result = file.__read(request->data_, count, request->offset_);
     if (result > 0) {
       if (static_cast<int64_t>(request->size_) < result) {
@@ -200,6 +199,8 @@ VELTWorkItem* readRequest(VELT::File& file, VELTWorkItem* request) {
     }
     return request;
   }
+  // Parked without a buffer: the completion makes one of the size it then serves.
+  request->param_ = std::min(wanted, kReadMax);
   LOGW("read (%d, %d @ %jd) pending (file entry size: %lld, real size: %lld)\n",
        static_cast<int>(file.file_no_), wanted, static_cast<intmax_t>(request->offset_),
        static_cast<long long>(entry->size_), static_cast<long long>(entry->real_size_));

@@ -7,7 +7,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/select.h>
+#include <sys/uio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,22 +35,9 @@ namespace {
 
 constexpr int kRealTimePriority = 99;
 constexpr uint32_t kSpliceBufferStart = 0x80000;
-constexpr int kRetryWaitMs = 10;       // EAGAIN on a partial record
 constexpr int kReplyWaitMs = 1000;     // longest single wait for a client that does not read
 constexpr int kResetAckWaitMs = 2000;  // receiver's wait for the replier to drop a connection
-
-// 1 readable, 0 timeout, -1 error (errno set).
-int waitReadable(int fd, int timeout_us) {
-  fd_set set;
-  FD_ZERO(&set);
-  FD_SET(fd, &set);
-  struct timeval tv;
-  tv.tv_sec = timeout_us / 1000000;
-  tv.tv_usec = timeout_us % 1000000;
-  int r = select(fd + 1, &set, nullptr, nullptr, &tv);
-  if (r < 0) return -1;
-  return r > 0 ? 1 : 0;
-}
+constexpr int kPauseWaitMs = 20;       // receiver's look at the memory bound while paused
 
 // Runs a thread body; nothing thrown leaves the thread.
 template <typename Body>
@@ -64,48 +51,222 @@ void runGuarded(const char* label, Body body) {
   }
 }
 
-// Reads exactly `size` bytes from the request pipe. `header_base` >= 0 marks a header read
-// (bytes of it already read); EAGAIN is then reported. 0, or -1 after the failure was logged
-// (or when the channel stops meanwhile).
-int readFully(int fd, uint8_t* buffer, size_t size, int header_base,
-              const std::atomic<bool>& stop) {
-  size_t got = 0;
-  while (got < size) {
-    ssize_t n = read(fd, buffer + got, size - got);
-    if (n > 0) {
-      got += static_cast<size_t>(n);
-      continue;
-    }
-    if (n == 0) {
-      LOGI("disconnected\n");
+bool ownFifo(const struct stat& st) {
+  return S_ISFIFO(st.st_mode) && st.st_uid == geteuid();
+}
+
+// Makes `path` a named pipe of this process's user: anything else found there (a link, a
+// regular file, another user's pipe) is removed first. 0, or -1 when that fails.
+int preparePipe(const char* label, const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) == 0) {
+    if (ownFifo(st)) return 0;
+    LOGW("[%s] is not the daemon's named pipe (mode %o, owner %d): replaced\n", label,
+         static_cast<unsigned>(st.st_mode), static_cast<int>(st.st_uid));
+    int r = S_ISDIR(st.st_mode) ? rmdir(path.c_str()) : unlink(path.c_str());
+    if (r != 0 && errno != ENOENT) {
+      int err = errno;
+      LOGE("[%s] can not be removed: %d(%s)\n", label, err, strerror(err));
       return -1;
     }
+  }
+  if (mkfifo(path.c_str(), 0666) != 0) {
     int err = errno;
-    if (err == EINTR) continue;
-    if (err == EAGAIN) {
-      if (header_base >= 0) {
-        LOGI("read got EAGAIN %d of %d\n", header_base + static_cast<int>(got),
-             static_cast<int>(kDirectHeaderSize));
-      }
-      if (stop) return -1;
-      // Waits for the rest of the record, at most one retry interval.
-      waitReadable(fd, kRetryWaitMs * 1000);
-      continue;
-    }
-    LOGE("read error %d(%s)\n", err, strerror(err));
+    if (err == EEXIST) return 0;  // made meanwhile: the open checks what it got
+    LOGI("[%s] can not be created: %d(%s)\n", label, err, strerror(err));
     return -1;
   }
+  chmod(path.c_str(), 0666);  // whatever the umask, any local client may connect
   return 0;
 }
 
-// Writes all of `size` bytes to the reply pipe; waits for a slow reader at most
-// kReplyWaitMs at a time and gives up when the channel stops. 0 or -1.
-int writeFully(int fd, const uint8_t* data, size_t size, const std::atomic<bool>& stop) {
-  size_t put = 0;
-  while (put < size) {
-    ssize_t n = write(fd, data + put, size - put);
+// Opens one of the channel's pipes after checking it; what was opened is checked again, so a
+// swap between the check and the open is caught before a byte moves. -1 with errno set.
+int openPipe(const char* label, int flags) {
+  const std::string path = platformPath(label);
+  for (int attempt = 0; attempt < 2; ++attempt) {
+    preparePipe(label, path);
+    int fd = ::open(path.c_str(), flags | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && ownFifo(st)) return fd;
+    ::close(fd);
+  }
+  errno = EPERM;
+  return -1;
+}
+
+// The lock file that clients take before they use the pipes: a regular file of the daemon's
+// user that anyone may open for reading.
+void prepareLockFile() {
+  const std::string path = platformPath(kDirectLockFile);
+  struct stat st;
+  if (lstat(path.c_str(), &st) == 0) {
+    if (S_ISREG(st.st_mode) && st.st_uid == geteuid()) return;
+    LOGW("[%s] is not the daemon's lock file (mode %o, owner %d): replaced\n", kDirectLockFile,
+         static_cast<unsigned>(st.st_mode), static_cast<int>(st.st_uid));
+    if ((S_ISDIR(st.st_mode) ? rmdir(path.c_str()) : unlink(path.c_str())) != 0) return;
+  }
+  int fd = ::open(path.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd >= 0) {
+    fchmod(fd, 0644);
+    ::close(fd);
+  }
+}
+
+// The request pipe as the receiver reads it: bytes read ahead into a staging area, and payload
+// reads that go straight to their destination, picking up the next header in the same call.
+class RequestStream {
+ public:
+  static constexpr size_t kStageSize = 256u << 10;
+  // A payload rest of at least this many bytes is read straight into its item.
+  static constexpr size_t kStraightMin = 16u << 10;
+
+  RequestStream(int fd, const std::atomic<bool>& stop, std::atomic<uint64_t>& reads,
+                uint8_t* drain, size_t drain_size)
+      : fd_(fd), stop_(stop), reads_(reads), drain_(drain), drain_size_(drain_size),
+        stage_(new uint8_t[kStageSize]) {}
+
+  const uint8_t* data() const { return stage_.get() + pos_; }
+  size_t available() const { return end_ - pos_; }
+  void consume(size_t n) { pos_ += n; }
+
+  // At least `n` bytes staged: 1; the client went away: 0; failure or stop: -1 (logged).
+  int need(size_t n) {
+    while (available() < n) {
+      int r = fill(nullptr, 0, nullptr);
+      if (r <= 0) return r;
+    }
+    return 1;
+  }
+
+  // `size` bytes of payload into `dest`: 1, 0 or -1 as need().
+  int payload(uint8_t* dest, size_t size) {
+    size_t done = std::min(size, available());
+    memcpy(dest, data(), done);
+    consume(done);
+    while (done < size) {
+      const size_t rest = size - done;
+      if (rest < kStraightMin) {
+        int r = need(rest);
+        if (r <= 0) return r;
+        memcpy(dest + done, data(), rest);
+        consume(rest);
+        break;
+      }
+      size_t got = 0;
+      int r = fill(dest + done, rest, &got);
+      if (r <= 0) return r;
+      done += got;
+    }
+    return 1;
+  }
+
+  // Reads and drops `size` bytes: 1, 0 or -1 as need().
+  int skip(uint64_t size) {
+    uint64_t left = size;
+    while (left > 0) {
+      size_t n = static_cast<size_t>(std::min<uint64_t>(left, available()));
+      consume(n);
+      left -= n;
+      if (left == 0) break;
+      size_t got = 0;
+      int r = drain_ != nullptr && left >= kStraightMin
+                  ? fill(drain_, static_cast<size_t>(std::min<uint64_t>(left, drain_size_)), &got)
+                  : fill(nullptr, 0, nullptr);
+      if (r <= 0) return r;
+      left -= got;
+    }
+    return 1;
+  }
+
+  // Waits up to `ms` for the client to hang up; true when it has.
+  bool hungUp(int ms) {
+    struct pollfd pfd = {fd_, 0, 0};
+    return poll(&pfd, 1, ms) > 0 && (pfd.revents & (POLLHUP | POLLERR)) != 0;
+  }
+
+ private:
+  // One read: into `dest` (up to dest_size, count in *got) and then into the stage (only a
+  // header's worth after a destination). 1, 0 or -1 as need().
+  int fill(uint8_t* dest, size_t dest_size, size_t* got) {
+    for (;;) {
+      if (may_be_empty_) {
+        if (stop_) return -1;
+        struct pollfd pfd = {fd_, POLLIN, 0};
+        int r = poll(&pfd, 1, kDirectSelectUs / 1000);
+        if (r == 0) continue;
+        if (r < 0) {
+          int err = errno;
+          if (err == EINTR) continue;
+          LOGE("select() error: %d(%s)\n", err, strerror(err));
+          return -1;
+        }
+      }
+      if (pos_ == end_) {
+        pos_ = end_ = 0;
+      } else if (end_ + kDirectHeaderSize > kStageSize || (dest == nullptr && pos_ > 0)) {
+        memmove(stage_.get(), data(), available());
+        end_ -= pos_;
+        pos_ = 0;
+      }
+      struct iovec parts[2];
+      int count = 0;
+      if (dest != nullptr) parts[count++] = {dest, dest_size};
+      const size_t room = kStageSize - end_;
+      parts[count++] = {stage_.get() + end_, dest != nullptr ? std::min<size_t>(room, kDirectHeaderSize * 4) : room};
+      const size_t asked = (dest != nullptr ? dest_size : 0) + parts[count - 1].iov_len;
+      ssize_t n = readv(fd_, parts, count);
+      ++reads_;
+      if (n > 0) {
+        may_be_empty_ = static_cast<size_t>(n) < asked;
+        size_t to_dest = dest != nullptr ? std::min(static_cast<size_t>(n), dest_size) : 0;
+        if (got != nullptr) *got = to_dest;
+        end_ += static_cast<size_t>(n) - to_dest;
+        return 1;
+      }
+      if (n == 0) {
+        LOGI("disconnected\n");
+        return 0;
+      }
+      int err = errno;
+      if (err == EAGAIN) {
+        may_be_empty_ = true;
+        continue;
+      }
+      if (err == EINTR) continue;
+      LOGE("read error %d(%s)\n", err, strerror(err));
+      return -1;
+    }
+  }
+
+  int fd_;
+  const std::atomic<bool>& stop_;
+  std::atomic<uint64_t>& reads_;
+  uint8_t* drain_;
+  size_t drain_size_;
+  std::unique_ptr<uint8_t[]> stage_;
+  size_t pos_ = 0;
+  size_t end_ = 0;
+  bool may_be_empty_ = true;  // the last read did not fill what it asked for: poll first
+};
+
+// Writes all of the parts to the reply pipe; waits for a slow reader at most kReplyWaitMs at a
+// time and gives up when the channel stops. 0 or -1.
+int writeFully(int fd, struct iovec* parts, int count, const std::atomic<bool>& stop) {
+  while (count > 0) {
+    ssize_t n = writev(fd, parts, count);
     if (n > 0) {
-      put += static_cast<size_t>(n);
+      size_t left = static_cast<size_t>(n);
+      while (count > 0 && left >= parts->iov_len) {
+        left -= parts->iov_len;
+        ++parts;
+        --count;
+      }
+      if (count > 0) {
+        parts->iov_base = static_cast<uint8_t*>(parts->iov_base) + left;
+        parts->iov_len -= left;
+      }
       continue;
     }
     int err = n < 0 ? errno : EIO;
@@ -132,24 +293,118 @@ int writeFully(int fd, const uint8_t* data, size_t size, const std::atomic<bool>
 
 // Reads and drops what a client that went away left unread in the reply pipe.
 void drainReplyPipe(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return;
-  uint8_t scratch[4096];
-  while (read(fd, scratch, sizeof(scratch)) > 0) {
+  struct stat st;
+  if (fstat(fd, &st) == 0 && ownFifo(st)) {
+    uint8_t scratch[4096];
+    while (read(fd, scratch, sizeof(scratch)) > 0) {
+    }
   }
   ::close(fd);
 }
 
+// Reads one record's payload and hands it to the queues: 0, or -1 when the connection ended.
+int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
+  const uint32_t payload = h.length - kDirectHeaderSize;
+  int32_t param = static_cast<int32_t>(h.param);
+  uint32_t new_size_offset = 0;
+  if (isDirectWriteOp(h.op)) {
+    new_size_offset = directWriteNewSizeOffset(h.param);
+    param = static_cast<int32_t>(directWriteFlags(h.param));
+  }
+  DirectBuffers* buffers = v.direct_buffers_.get();
+
+  // A continuation of a queued write is read straight into that write's buffer.
+  if (isDirectWriteOp(h.op) && payload > 0) {
+    VELTWorkItem* target = nullptr;
+    uint32_t at = 0;
+    {
+      std::lock_guard<std::mutex> lock(v.request_mutex_);
+      target = v.__mergeTarget(h.op, h.fd, h.offset, payload);
+      if (target != nullptr) {
+        at = target->size_ - target->new_size_offset_;
+        if (static_cast<uint64_t>(at) + payload <= target->data_length_) {
+          target->filling_ = true;
+        } else {
+          target = nullptr;
+        }
+      }
+    }
+    if (target != nullptr) {
+      int r = in.payload(target->data_ + at, payload);
+      {
+        std::lock_guard<std::mutex> lock(v.request_mutex_);
+        target->filling_ = false;
+        if (r > 0) {
+          std::lock_guard<std::mutex> item_lock(target->mutex_);
+          target->size_ = at + payload;
+          target->new_size_offset_ = new_size_offset;
+          target->param_ |= param;
+          target->updated_ = channelNow(v);
+        }
+      }
+      // Woken only when the write is due: otherwise the worker already waits for it.
+      bool due = r <= 0;
+      if (!due) {
+        std::lock_guard<std::mutex> lock(v.request_mutex_);
+        due = !v.__mayGrow(target, channelNow(v));
+      }
+      if (due) v.request_cv_.notify_one();
+      return r > 0 ? 0 : -1;
+    }
+  }
+
+  VELTWorkItem* item = nullptr;
+  try {
+    item = new VELTWorkItem(h.fd, h.op, h.offset, param, 0, buffers);
+    if (payload > 0 && !item->allocData(payload)) {
+      delete item;
+      item = nullptr;
+    }
+  } catch (const std::exception&) {
+    item = nullptr;
+  }
+  if (item == nullptr) {
+    LOGE("got exception when creating direct writer buffer %zd bytes\n",
+         static_cast<ssize_t>(payload));
+    return in.skip(payload) > 0 ? 0 : -1;
+  }
+  item->new_size_offset_ = new_size_offset;
+  if (payload > 0 && in.payload(item->data_, payload) <= 0) {
+    delete item;
+    return -1;
+  }
+  item->created_ = item->updated_ = channelNow(v);
+  // A queued read counts as the reply it will make, so that reads nobody collects stop the
+  // receiver before their replies pile up.
+  if (isDirectReadOp(h.op) && param > 0) {
+    item->reserveReply(static_cast<uint32_t>(std::min(param, direct::kReadMax)));
+  }
+  bool wake;
+  {
+    std::lock_guard<std::mutex> lock(v.request_mutex_);
+    wake = v.__queueRequest(item);
+  }
+  if (wake) v.request_cv_.notify_one();
+  if (!v.responder_open_) {
+    std::lock_guard<std::mutex> lock(v.response_mutex_);
+    v.responder_retry_ = true;
+    v.response_cv_.notify_all();
+  }
+  return 0;
+}
+
+
 }  // namespace
 
 void VELT::pipe_reader() {
-  const std::string path = platformPath(kDirectRequestPipe);
   bool synced = false;
   DirectMarkerSearch search;
   uint8_t header[kDirectHeaderSize];
   for (;;) {
     receiver_open_ = false;
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    int fd = openPipe(kDirectRequestPipe, O_RDONLY | O_NONBLOCK);
     if (fd < 0) {
       int err = errno;
       LOGE("[%s] open receiver error: %d(%s)\n", kDirectRequestPipe, err, strerror(err));
@@ -163,97 +418,69 @@ void VELT::pipe_reader() {
       receiver_open_ = false;
       return;
     }
+    RequestStream in(fd, direct_stop_, direct_reads_, drain_buffer_.get(),
+                     drain_buffer_ != nullptr ? VELT_BUFFER_SIZE : 0);
+    bool hung_up = false;
+    bool paused = false;
     while (!direct_stop_) {
-      int ready = waitReadable(fd, kDirectSelectUs);
-      if (ready == 0) continue;
-      if (ready < 0) {
-        int err = errno;
-        if (err == EINTR) continue;
-        LOGE("select() error: %d(%s)\n", err, strerror(err));
-        break;
-      }
-      if (!synced) {
-        uint8_t byte;
-        ssize_t n = ::read(fd, &byte, 1);
-        if (n != 1) {
-          int err = n < 0 ? errno : 0;
-          if (err == EAGAIN || err == EINTR) continue;
-          LOGE("read error %d(%s)\n", err, strerror(err));
-          break;
+      // Back-pressure: while the channel holds too much, the client's writes wait in the pipe.
+      // A client that has gone away sends nothing more, so what it left is read regardless.
+      if (!hung_up && direct_buffers_->held() > direct_held_max_) {
+        if (!paused) {
+          paused = true;
+          ++direct_pauses_;
         }
-        if (!search.push(byte)) continue;
+        hung_up = in.hungUp(kPauseWaitMs);
+        continue;
+      }
+      paused = false;
+      if (!synced) {
+        if (in.available() == 0 && in.need(1) <= 0) break;
+        size_t used = 0;
+        const bool found = findDirectMarker(search, in.data(), in.available(), &used);
+        in.consume(used);
+        if (!found) continue;
         LOGI("data synced.\n");
+        if (in.need(kDirectHeaderSize - 4) <= 0) break;
         memcpy(header, kDirectMarker, sizeof(kDirectMarker));
-        if (readFully(fd, header + 4, kDirectHeaderSize - 4, 4, direct_stop_) < 0) break;
+        memcpy(header + 4, in.data(), kDirectHeaderSize - 4);
+        in.consume(kDirectHeaderSize - 4);
         synced = true;
       } else {
-        if (readFully(fd, header, kDirectHeaderSize, 0, direct_stop_) < 0) {
+        if (in.need(kDirectHeaderSize) <= 0) {
           synced = false;
           break;
         }
-        if (!hasDirectMarker(header)) {
-          LOGE("data sync broken!\n");
-          synced = false;
-          search.reset();
-          continue;
-        }
+        memcpy(header, in.data(), kDirectHeaderSize);
+        in.consume(kDirectHeaderSize);
       }
 
-      const DirectHeader h = decodeDirectHeader(header);
-      if (h.length < kDirectHeaderSize) {
-        // A length shorter than the header itself: the stream is not where it seems to be.
-        NERIO_ASSERT_TEXT("(ssize_t)size >= 0");
+      DirectHeader h;
+      const DirectHeaderCheck check = checkDirectHeader(header, &h);
+      if (check == DirectHeaderCheck::kBrokenMarker || check == DirectHeaderCheck::kShortLength) {
+        if (check == DirectHeaderCheck::kBrokenMarker) {
+          LOGE("data sync broken!\n");
+        } else {
+          // A length shorter than the header itself: the stream is not where it seems to be.
+          NERIO_ASSERT_TEXT("(ssize_t)size >= 0");
+        }
         synced = false;
         search.reset();
         continue;
       }
-      const uint32_t payload = h.length - kDirectHeaderSize;
-      int32_t param = static_cast<int32_t>(h.param);
-      uint32_t new_size_offset = 0;
-      if (isDirectWriteOp(h.op)) {
-        new_size_offset = directWriteNewSizeOffset(h.param);
-        param = static_cast<int32_t>(directWriteFlags(h.param));
-      }
-      VELTWorkItem* item = nullptr;
-      if (payload <= kDirectPayloadMax) {
+      if (check == DirectHeaderCheck::kTooLarge) {
+        // The client learns that its record was not taken; the stream stays in step.
+        LOGE("record of %u bytes is too large, refused\n", h.length);
         try {
-          item = new VELTWorkItem(h.fd, h.op, h.offset, param, payload);
+          queueDirectResponse(
+              new VELTWorkItem(h.fd, kDirectOpError, h.offset, -EFBIG, 0, direct_buffers_.get()));
         } catch (const std::exception&) {
-          item = nullptr;
+          LOGE("got exception when creating direct response\n");
         }
-      }
-      if (item == nullptr) {
-        LOGE("got exception when creating direct writer buffer %zd bytes\n",
-             static_cast<ssize_t>(payload));
-        uint8_t small[4096];
-        uint8_t* drain = drain_buffer_ != nullptr ? drain_buffer_.get() : small;
-        const size_t piece = drain_buffer_ != nullptr ? VELT_BUFFER_SIZE : sizeof(small);
-        uint32_t left = payload;
-        bool ok = true;
-        while (left > 0 && ok) {
-          const size_t n = std::min<size_t>(left, piece);
-          ok = readFully(fd, drain, n, -1, direct_stop_) == 0;
-          left -= static_cast<uint32_t>(n);
-        }
-        if (!ok) break;
+        if (in.skip(h.length - kDirectHeaderSize) <= 0) break;
         continue;
       }
-      item->new_size_offset_ = new_size_offset;
-      item->created_ = item->updated_ = channelNow(*this);
-      if (payload > 0 && readFully(fd, item->data_, payload, -1, direct_stop_) < 0) {
-        delete item;
-        break;
-      }
-      {
-        std::lock_guard<std::mutex> lock(request_mutex_);
-        __queueRequest(item);
-      }
-      request_cv_.notify_one();
-      if (!responder_open_) {
-        std::lock_guard<std::mutex> lock(response_mutex_);
-        responder_retry_ = true;
-        response_cv_.notify_all();
-      }
+      if (receiveRecord(*this, in, h) < 0) break;
     }
     ::close(fd);
     receiver_open_ = false;
@@ -293,7 +520,7 @@ void VELT::pipe_writer() {
           response_cv_.notify_all();
         }
       }
-      fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+      fd = openPipe(kDirectReplyPipe, O_WRONLY | O_NONBLOCK);
       if (fd >= 0) break;
       int err = errno;
       if (err != ENXIO) {
@@ -345,10 +572,8 @@ void VELT::pipe_writer() {
       h.param = static_cast<uint32_t>(item->param_);
       uint8_t header[kDirectHeaderSize];
       encodeDirectHeader(h, header);
-      if (writeFully(fd, header, sizeof(header), direct_stop_) < 0 ||
-          (payload > 0 && writeFully(fd, item->data_, payload, direct_stop_) < 0)) {
-        broken = true;
-      }
+      struct iovec parts[2] = {{header, sizeof(header)}, {item->data_, payload}};
+      if (writeFully(fd, parts, payload > 0 ? 2 : 1, direct_stop_) < 0) broken = true;
       delete item;
       if (broken || direct_stop_) break;
     }
@@ -380,8 +605,10 @@ void VELT::direct_worker() {
     if (empty()) break;
     VELTWorkItem* item = __fetchRequest();
     if (item == nullptr) {
-      // Only writes that may still grow: look again shortly.
-      request_cv_.wait_for(lock, std::chrono::milliseconds(kRetryWaitMs));
+      // Only writes that may still grow: sleep until the first of them is due (the receiver
+      // wakes the worker sooner when one becomes ready).
+      const uint64_t delay = std::max<uint64_t>(__nextFetchDelay(), 200);
+      request_cv_.wait_for(lock, std::chrono::microseconds(delay));
       continue;
     }
     direct_busy_ = true;
@@ -397,16 +624,9 @@ void VELT::direct_worker() {
 int VELT::startDirectWriter() {
   std::lock_guard<std::mutex> state_lock(mutex_);
   for (const char* pipe : {kDirectRequestPipe, kDirectReplyPipe}) {
-    const std::string path = platformPath(pipe);
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0) continue;
-    if (mkfifo(path.c_str(), 0666) != 0) {
-      int err = errno;
-      LOGI("[%s] can not be created: %d(%s)\n", pipe, err, strerror(err));
-    } else {
-      chmod(path.c_str(), 0666);  // whatever the umask, any local client may connect
-    }
+    preparePipe(pipe, platformPath(pipe));
   }
+  prepareLockFile();
   if (pipe_reader_thread_.joinable()) {
     LOGI("direct pipe reader already started\n");
     return -1;
@@ -424,6 +644,7 @@ int VELT::startDirectWriter() {
   splice_buffer_size_ = splice_buffer_ != nullptr ? kSpliceBufferStart : 0;
   if (splice_buffer_ == nullptr) NERIO_ASSERT_TEXT("splice_buffer_ != nullptr");
   if (drain_buffer_ == nullptr) drain_buffer_.reset(new (std::nothrow) uint8_t[VELT_BUFFER_SIZE]);
+  if (direct_buffers_ == nullptr) direct_buffers_ = std::make_shared<DirectBuffers>();
   {
     std::lock_guard<std::mutex> lock(request_mutex_);
     last_normal_fetch_ = channelNow(*this);

@@ -1,7 +1,7 @@
 // The direct channel and the ioctl commands of a mounted daemon: streaming into a reserved
-// folder while another client reads the data as it arrives, close with unlink, a client that
-// is killed mid-stream, a hostile client, the veltctl tool, and the control commands through
-// the mount. Afterwards fsck.fat and mtools judge the card.
+// folder while the same client reads the data as it arrives, close with unlink, a client that
+// is killed mid-stream, the veltctl tool (one client at a time), and the control commands
+// through the mount. Afterwards fsck.fat and mtools judge the card.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -124,27 +124,25 @@ bool startsWithPattern(const std::string& data, int64_t size) {
 }
 
 TEST_F(Channel, RecordingIntoAReservedFolderIsReadBackWhileItIsWritten) {
-  // The writer: creates the file, then only sends (its replies would go to the reader).
-  DirectClient writer;
-  ASSERT_EQ(writer.connect(5000), 0);
+  // One client (one at a time may use the channel): a thread writes while the test reads.
+  DirectClient client;
+  ASSERT_EQ(client.connect(5000), 0);
   const std::string file = path("REC/stream.bin");
-  const int w = writer.create(file, 0, 5000);
+  const int w = client.create(file, 0, 5000);
   ASSERT_GE(w, 3);
-  writer.dropReplyPipe();
-
-  DirectClient reader;
-  ASSERT_EQ(reader.connect(5000), 0);
-  const int r = reader.open(file, 0, 5000);
+  const int r = client.open(file, 0, 5000);
   ASSERT_GE(r, 3);
+  DirectClient& writer = client;
+  DirectClient& reader = client;
 
   // The first read comes before any data: it waits in the daemon.
   ASSERT_EQ(reader.sendRead(r, 0, 1 << 20), 0);
   ASSERT_TRUE(waitForOutput(") pending (file entry size: 83886080, real size: 0)"))
       << daemon_.out();
 
-  // Records of one pipe page each, so the two clients' records never mix; the daemon merges
-  // them into large writes. The first publishes the reserved file. Every 8 MiB the writer
-  // lets the reader catch up, so that its next read waits for data again.
+  // Records of one pipe page each; the daemon merges them into large writes. The first
+  // publishes the reserved file. Every 8 MiB the writer lets the reader catch up, so that its
+  // next read waits for data again.
   constexpr int64_t kPause = 8ll << 20;
   std::atomic<int64_t> read_so_far{0};
   std::atomic<bool> writer_ok{true};
@@ -196,8 +194,7 @@ TEST_F(Channel, RecordingIntoAReservedFolderIsReadBackWhileItIsWritten) {
   EXPECT_TRUE(reader.takeErrors().empty());
   EXPECT_EQ(reader.getSize(r, true, 5000), kStreamBytes);
   EXPECT_EQ(reader.closeAndWait(r, 0, 10000), 0);
-  writer.disconnect();
-  reader.disconnect();
+  client.disconnect();
 
   // The mount shows the published file with its data.
   struct stat st;
@@ -261,6 +258,14 @@ TEST_F(Channel, CloseWithUnlinkRemovesTheFileAndVeltctlDrivesTheChannel) {
   EXPECT_NE(r.err.find("No such file"), std::string::npos) << r.err;
   r = runShell(ctl + "size " + shellQuote("/elsewhere/x"));
   EXPECT_NE(r.err.find("Invalid argument"), std::string::npos) << r.err;
+  {
+    // One client at a time: veltctl says who is in the way.
+    DirectClient holder;
+    ASSERT_EQ(holder.connect(5000), 0);
+    r = runShell(ctl + "size " + shellQuote(path("REC")));
+    EXPECT_NE(r.status, 0);
+    EXPECT_NE(r.err.find("another client is using the channel"), std::string::npos) << r.err;
+  }
 
   unmountAndCheck();
   r = card_->mtools("mdir -/ -b ::/");
@@ -323,58 +328,6 @@ TEST_F(Channel, AKilledClientLosesNothingItSentAndTheNextClientIsServed) {
   next.disconnect();
   unmountAndCheck();
   EXPECT_TRUE(startsWithPattern(cardFile("/REC/killed.bin"), kBytes));
-}
-
-TEST_F(Channel, AHostileClientLeavesTheDaemonServing) {
-  std::mt19937 rng(77);
-  for (int round = 0; round < 3; ++round) {
-    DirectClient hostile;
-    ASSERT_EQ(hostile.connect(5000), 0);
-    std::vector<uint8_t> bytes(200000);
-    for (auto& b : bytes) b = static_cast<uint8_t>(rng());
-    // Real markers at random places, followed by random headers: lengths of every size.
-    for (int k = 0; k < 50; ++k) {
-      size_t at = rng() % (bytes.size() - 28);
-      memcpy(&bytes[at], velt::kDirectMarker, 4);
-    }
-    ASSERT_EQ(hostile.sendRaw(bytes.data(), bytes.size()), 0);
-    // Records the daemon must survive whatever state the junk left it in.
-    DirectHeader h;
-    for (uint32_t op : {0u, 4u, 13u, 0xFFFFFFFFu, 3u, 7u, 9u, 11u}) {
-      h.fd = static_cast<int32_t>(rng());
-      h.op = op;
-      h.offset = static_cast<int64_t>(rng()) << 20;
-      h.param = static_cast<uint32_t>(rng());
-      hostile.send(h, "junk", 4);
-    }
-    uint8_t huge[28];
-    DirectHeader big;
-    big.length = 0xFFFFFFFF;
-    big.op = velt::kDirectOpWrite;
-    velt::encodeDirectHeader(big, huge);
-    hostile.sendRaw(huge, sizeof(huge));
-    hostile.sendRaw(bytes.data(), 100000);
-    hostile.disconnect();
-    // The next client may connect only once this one's end of stream was seen: until then the
-    // pipe is one stream and its bytes would continue this client's last record.
-    ASSERT_TRUE(waitForOutput("pending requests#", round + 1)) << daemon_.out();
-  }
-
-  DirectClient good;
-  ASSERT_EQ(good.connect(5000), 0);
-  const int fd = good.create(path("after.bin"), 0, 5000);
-  ASSERT_GE(fd, 3);
-  std::vector<uint8_t> data(50000);
-  fillPattern(data.data(), 0, data.size());
-  ASSERT_EQ(good.write(fd, 0, data.data(), static_cast<uint32_t>(data.size())), 0);
-  EXPECT_EQ(good.sync(fd, 5000), 0);
-  EXPECT_EQ(good.getSize(fd + 100000, false, 5000), -EBADF);
-  EXPECT_EQ(good.closeAndWait(fd, 0, 5000), 0);
-  good.disconnect();
-  struct stat st;
-  ASSERT_EQ(stat(path("after.bin").c_str(), &st), 0);
-  EXPECT_EQ(st.st_size, 50000);
-  unmountAndCheck();
 }
 
 // ioctl on an open file of the mount: 0 or -errno.

@@ -398,9 +398,8 @@ TEST(DirentFiles, OpenFileListAndParkedReads) {
   ASSERT_EQ(e->addFile(reader), 0);
   EXPECT_EQ(e->addFile(reader), -1);
   ASSERT_EQ(e->addFile(idle), 0);
-  auto* request = new velt::VELTWorkItem(11, velt::kDirectOpRead, 1000, 0, 0);
-  ASSERT_TRUE(request->allocData(500));
-  request->size_ = 500;
+  // A parked read holds no buffer; param_ is the size it wants.
+  auto* request = new velt::VELTWorkItem(11, velt::kDirectOpRead, 1000, 500, 0);
   reader->pending_request_ = request;
 
   {
@@ -427,9 +426,7 @@ TEST(DirentFiles, OpenFileListAndParkedReads) {
   EXPECT_EQ(c.root->delChild(e), -EBUSY);
 
   // A channel that no longer takes replies: the request is dropped and forgotten.
-  auto* late = new velt::VELTWorkItem(12, velt::kDirectOpRead, 1100, 0, 0);
-  ASSERT_TRUE(late->allocData(50));
-  late->size_ = 50;
+  auto* late = new velt::VELTWorkItem(12, velt::kDirectOpRead, 1100, 50, 0);
   idle->pending_request_ = late;
   c.v->direct_stop_ = true;
   {

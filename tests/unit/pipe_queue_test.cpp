@@ -162,14 +162,15 @@ TEST(PipeQueue, AppendsGoToTheNewestWriteOfTheFileAndCloseMakesItReady) {
   auto r = q.fetch();
   ASSERT_NE(r, nullptr);
   EXPECT_EQ(r->op_, velt::kDirectOpRead);
-  EXPECT_EQ(q.fetch(), nullptr) << "file 8's write still grows";
+  // File 8's write still grows; the close of file 7 goes past it.
+  auto c = q.fetch();
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(c->op_, velt::kDirectOpClose);
+  EXPECT_EQ(q.fetch(), nullptr);
   q.now += velt::kDirectGrowUs;
   auto w8 = q.fetch();
   ASSERT_NE(w8, nullptr);
   EXPECT_EQ(w8->fd_, 8);
-  auto c = q.fetch();
-  ASSERT_NE(c, nullptr);
-  EXPECT_EQ(c->op_, velt::kDirectOpClose);
 }
 
 TEST(PipeQueue, GrowingWritesWaitTheirWindow) {
@@ -179,6 +180,7 @@ TEST(PipeQueue, GrowingWritesWaitTheirWindow) {
     int32_t flags;
     bool stop;
     bool taken;
+    bool trickle = false;  // appended every 10 ms until then
   } rows[] = {
       {"10 ms old", 10000, 0, false, false},
       {"just inside the window", velt::kDirectGrowUs - 1, 0, false, false},
@@ -186,13 +188,21 @@ TEST(PipeQueue, GrowingWritesWaitTheirWindow) {
       {"34 ms old", 34000, 0, false, true},
       {"ready", 0, velt::kDirectFlagReady, false, true},
       {"stopping", 0, 0, true, true},
+      // Appended to all the time (a trickle), it is still taken at its maximum age.
+      {"trickle at its maximum age", 1000000, 0, false, true, true},
+      {"trickle just below it", 999999, 0, false, false, true},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.what);
     for (uint32_t op : {velt::kDirectOpWrite, velt::kDirectOpWriteEvent}) {
       Queues q;
       q.queue(q.item(5, op, 0, r.flags, 100));
-      q.now += r.age;
+      // Appends every 10 ms keep it growing; only its age since creation counts then.
+      for (uint64_t t = 10000; r.trickle && t + 10000 <= r.age; t += 10000) {
+        q.now += 10000;
+        q.queue(q.item(5, op, static_cast<int64_t>(100 * t / 10000), 0, 100));
+      }
+      q.now = 1000000 + r.age;
       q.v.direct_stop_ = r.stop;
       auto taken = q.fetch();
       EXPECT_EQ(taken != nullptr, r.taken) << "op " << op;
@@ -252,15 +262,41 @@ TEST(PipeQueue, ControlFirstThenEventsWithAFairShareForNormalRequests) {
   EXPECT_EQ(g.fetch(), nullptr);
 }
 
-TEST(PipeQueue, OnlyTheFirstRequestOfAQueueIsConsidered) {
-  Queues q;
-  q.queue(q.item(5, velt::kDirectOpWrite, 0, 0, 10));
-  q.queue(q.item(6, velt::kDirectOpGetSize, 0, 0, 0));
-  EXPECT_EQ(q.fetch(), nullptr) << "requests of one queue keep their arrival order";
-  q.now += velt::kDirectGrowUs;
-  EXPECT_EQ(q.fetch()->fd_, 5);
-  EXPECT_EQ(q.fetch()->fd_, 6);
-  EXPECT_EQ(q.fetch(), nullptr);
+TEST(PipeQueue, AGrowingWriteHoldsBackOnlyTheRequestsOfItsOwnFile) {
+  // Queue: a growing write of file 5, then the listed requests; what the worker takes, in order,
+  // while the write still grows.
+  struct Row {
+    const char* what;
+    std::vector<std::pair<int32_t, uint32_t>> behind;  // fd, op
+    std::vector<int32_t> taken;                        // fds taken before the write is due
+  } rows[] = {
+      {"other files go past", {{6, velt::kDirectOpGetSize}, {7, velt::kDirectOpRead}}, {6, 7}},
+      {"its own file waits", {{5, velt::kDirectOpGetSize}, {6, velt::kDirectOpGetSize}}, {6}},
+      {"a growing write of another file holds back that file only",
+       {{6, velt::kDirectOpWrite}, {6, velt::kDirectOpGetSize}, {7, velt::kDirectOpClose}},
+       {7}},
+      {"nothing goes past to a splice", {{6, velt::kDirectOpSplice}, {7, velt::kDirectOpGetSize}},
+       {}},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.what);
+    Queues q;
+    q.queue(q.item(5, velt::kDirectOpWrite, 0, 0, 10));
+    int64_t offset = 1000;
+    for (auto [fd, op] : r.behind) q.queue(q.item(fd, op, offset += 1000, 0, 16));
+    std::vector<int32_t> taken;
+    while (auto next = q.fetch()) taken.push_back(next->fd_);
+    EXPECT_EQ(taken, r.taken);
+    // Once due, the write goes first and everything else follows in arrival order.
+    q.now += velt::kDirectGrowUs;
+    auto w = q.fetch();
+    ASSERT_NE(w, nullptr);
+    EXPECT_EQ(w->fd_, 5);
+    EXPECT_EQ(w->op_, velt::kDirectOpWrite);
+    size_t rest = 0;
+    while (q.fetch() != nullptr) ++rest;
+    EXPECT_EQ(rest, r.behind.size() - r.taken.size());
+  }
 }
 
 TEST(PipeQueue, FlushWithoutFileDropsEverythingQueued) {

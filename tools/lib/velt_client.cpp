@@ -3,6 +3,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -35,6 +37,19 @@ int clearNonBlocking(int fd) {
   return 0;
 }
 
+// Opens one of the daemon's pipes; anything but a named pipe is refused (-ELOOP for a link,
+// -ENOTSUP otherwise).
+int openPipe(const std::string& path, int flags) {
+  int fd = ::open(path.c_str(), flags | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+  if (fd < 0) return -errno;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode)) {
+    ::close(fd);
+    return -ENOTSUP;
+  }
+  return fd;
+}
+
 }  // namespace
 
 DirectClient::~DirectClient() {
@@ -42,16 +57,15 @@ DirectClient::~DirectClient() {
 }
 
 void DirectClient::disconnect() {
+  flush();
+  batch_.clear();
   if (request_fd_ >= 0) ::close(request_fd_);
   if (reply_fd_ >= 0) ::close(reply_fd_);
-  request_fd_ = reply_fd_ = -1;
+  if (lock_fd_ >= 0) ::close(lock_fd_);  // lets the lock go
+  request_fd_ = reply_fd_ = lock_fd_ = -1;
   in_.clear();
+  in_pos_ = in_end_ = 0;
   kept_.clear();
-}
-
-void DirectClient::dropReplyPipe() {
-  if (reply_fd_ >= 0) ::close(reply_fd_);
-  reply_fd_ = -1;
 }
 
 int DirectClient::openRequestPipe(int timeout_ms) {
@@ -60,7 +74,7 @@ int DirectClient::openRequestPipe(int timeout_ms) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
   for (;;) {
     // Non-blocking so that a daemon that is not there costs a timeout, not a hang.
-    int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    int fd = openPipe(path, O_WRONLY | O_NONBLOCK);
     if (fd >= 0) {
       int r = clearNonBlocking(fd);
       if (r < 0) {
@@ -70,8 +84,7 @@ int DirectClient::openRequestPipe(int timeout_ms) {
       request_fd_ = fd;
       return 0;
     }
-    int err = errno;
-    if (err != ENXIO && err != ENOENT) return -err;
+    if (fd != -ENXIO && fd != -ENOENT) return fd;
     if (!forever && Clock::now() >= deadline) return -ETIMEDOUT;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
@@ -80,11 +93,28 @@ int DirectClient::openRequestPipe(int timeout_ms) {
 int DirectClient::connect(int timeout_ms) {
   disconnect();
   signal(SIGPIPE, SIG_IGN);
+  // One client at a time: the lock file beside the pipes, held until disconnect().
+  const std::string lock_path = platformPath(kDirectLockFile);
+  lock_fd_ = ::open(lock_path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (lock_fd_ < 0 && errno == ENOENT) {
+    lock_fd_ = ::open(lock_path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+  }
+  if (lock_fd_ < 0) return -errno;
+  if (flock(lock_fd_, LOCK_EX | LOCK_NB) != 0) {
+    int err = errno == EWOULDBLOCK ? EBUSY : errno;
+    disconnect();
+    return -err;
+  }
   const std::string reply_path = platformPath(kDirectReplyPipe);
   // Reading end first: the daemon's replier connects once a reader exists. Opened
   // non-blocking so that the open itself never waits; reads wait in poll.
-  reply_fd_ = ::open(reply_path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (reply_fd_ < 0) return -errno;
+  reply_fd_ = openPipe(reply_path, O_RDONLY | O_NONBLOCK);
+  if (reply_fd_ < 0) {
+    int err = reply_fd_;
+    reply_fd_ = -1;
+    disconnect();
+    return err;
+  }
   int r = openRequestPipe(timeout_ms);
   if (r < 0) {
     disconnect();
@@ -94,6 +124,7 @@ int DirectClient::connect(int timeout_ms) {
 }
 
 int DirectClient::sendRaw(const void* bytes, size_t size) {
+  std::lock_guard<std::mutex> lock(send_mutex_);
   if (request_fd_ < 0) return -ENOTCONN;
   const auto* p = static_cast<const uint8_t*>(bytes);
   size_t put = 0;
@@ -109,34 +140,28 @@ int DirectClient::sendRaw(const void* bytes, size_t size) {
   return 0;
 }
 
-int DirectClient::send(DirectHeader header, const void* payload, size_t size) {
-  if (request_fd_ < 0) return -ENOTCONN;
-  if (size > UINT32_MAX - kDirectHeaderSize) return -EINVAL;
-  header.length = static_cast<uint32_t>(kDirectHeaderSize + size);
-  uint8_t bytes[kDirectHeaderSize];
-  encodeDirectHeader(header, bytes);
-  struct iovec parts[2] = {{bytes, sizeof(bytes)}, {const_cast<void*>(payload), size}};
-  const size_t total = sizeof(bytes) + size;
+int DirectClient::__sendParts(struct iovec* parts, int count) {
   size_t put = 0;
-  for (int attempt = 0;; ++attempt) {
-    ssize_t n;
-    if (put < sizeof(bytes)) {
-      struct iovec rest[2] = {{bytes + put, sizeof(bytes) - put}, parts[1]};
-      n = ::writev(request_fd_, rest, size > 0 ? 2 : 1);
-    } else {
-      n = ::write(request_fd_, static_cast<const uint8_t*>(payload) + (put - sizeof(bytes)),
-                  total - put);
-    }
+  for (int attempt = 0;;) {
+    ssize_t n = ::writev(request_fd_, parts, count);
     if (n > 0) {
       put += static_cast<size_t>(n);
-      if (put == total) return 0;
+      size_t left = static_cast<size_t>(n);
+      while (count > 0 && left >= parts->iov_len) {
+        left -= parts->iov_len;
+        ++parts;
+        --count;
+      }
+      if (count == 0) return 0;
+      parts->iov_base = static_cast<uint8_t*>(parts->iov_base) + left;
+      parts->iov_len -= left;
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
     int err = n < 0 ? errno : EIO;
-    // The daemon's receiver drops the pipe for a moment after a previous client left; a record
+    // The daemon's receiver drops the pipe for a moment after a previous client left; records
     // not begun yet can go again once it is back.
-    if (err == EPIPE && put == 0 && attempt < 3) {
+    if (err == EPIPE && put == 0 && attempt++ < 3) {
       ::close(request_fd_);
       request_fd_ = -1;
       int r = openRequestPipe(2000);
@@ -147,42 +172,84 @@ int DirectClient::send(DirectHeader header, const void* payload, size_t size) {
   }
 }
 
+int DirectClient::__flush() {
+  if (batch_.empty()) return 0;
+  struct iovec part = {batch_.data(), batch_.size()};
+  int r = __sendParts(&part, 1);
+  batch_.clear();
+  return r;
+}
+
+int DirectClient::flush() {
+  std::lock_guard<std::mutex> lock(send_mutex_);
+  if (request_fd_ < 0) return batch_.empty() ? 0 : -ENOTCONN;
+  return __flush();
+}
+
+int DirectClient::send(DirectHeader header, const void* payload, size_t size) {
+  std::lock_guard<std::mutex> lock(send_mutex_);
+  if (request_fd_ < 0) return -ENOTCONN;
+  if (size > UINT32_MAX - kDirectHeaderSize) return -EINVAL;
+  header.length = static_cast<uint32_t>(kDirectHeaderSize + size);
+  uint8_t bytes[kDirectHeaderSize];
+  encodeDirectHeader(header, bytes);
+  if (batch_bytes_ > 0 && header.length < batch_bytes_) {
+    batch_.insert(batch_.end(), bytes, bytes + sizeof(bytes));
+    const auto* p = static_cast<const uint8_t*>(payload);
+    if (size > 0) batch_.insert(batch_.end(), p, p + size);
+    return batch_.size() >= batch_bytes_ ? __flush() : 0;
+  }
+  int r = __flush();
+  if (r < 0) return r;
+  struct iovec parts[2] = {{bytes, sizeof(bytes)}, {const_cast<void*>(payload), size}};
+  return __sendParts(parts, size > 0 ? 2 : 1);
+}
+
 int DirectClient::receive(Reply* reply, int timeout_ms) {
   if (reply_fd_ < 0) return -ENOTCONN;
+  // A reply may answer a request still gathered here.
+  if (int r = flush(); r < 0) return r;
   const bool forever = timeout_ms < 0;
   const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
+  constexpr size_t kReadAhead = 1u << 20;
   for (;;) {
     // Drop whatever precedes a marker, then take a whole record when it is there.
-    size_t start = 0;
     DirectMarkerSearch search;
-    bool found = false;
-    for (size_t i = 0; i < in_.size(); ++i) {
-      if (search.push(in_[i])) {
-        start = i + 1 - sizeof(kDirectMarker);
-        found = true;
-        break;
-      }
-    }
+    size_t used = 0;
+    const bool found = findDirectMarker(search, in_.data() + in_pos_, in_end_ - in_pos_, &used);
     if (!found) {
       // Keep a possible marker prefix at the end.
-      size_t keep = static_cast<size_t>(search.matched());
-      in_.erase(in_.begin(), in_.end() - static_cast<std::ptrdiff_t>(std::min(keep, in_.size())));
+      in_pos_ = in_end_ - static_cast<size_t>(search.matched());
     } else {
-      if (start > 0) in_.erase(in_.begin(), in_.begin() + static_cast<std::ptrdiff_t>(start));
-      if (in_.size() >= kDirectHeaderSize) {
-        DirectHeader h = decodeDirectHeader(in_.data());
+      in_pos_ += used - sizeof(kDirectMarker);
+      if (in_end_ - in_pos_ >= kDirectHeaderSize) {
+        DirectHeader h = decodeDirectHeader(in_.data() + in_pos_);
         if (h.length < kDirectHeaderSize) {
-          in_.erase(in_.begin());  // not a record: look for the next marker
+          ++in_pos_;  // not a record: look for the next marker
           continue;
         }
-        if (in_.size() >= h.length) {
+        if (in_end_ - in_pos_ >= h.length) {
           reply->header = h;
-          reply->payload.assign(in_.begin() + kDirectHeaderSize, in_.begin() + h.length);
-          in_.erase(in_.begin(), in_.begin() + h.length);
+          reply->payload.assign(in_.begin() + static_cast<std::ptrdiff_t>(in_pos_ + kDirectHeaderSize),
+                                in_.begin() + static_cast<std::ptrdiff_t>(in_pos_ + h.length));
+          in_pos_ += h.length;
           return 0;
         }
       }
     }
+    // Room behind what is kept: the whole record when its length is known.
+    if (in_pos_ > 0) {
+      memmove(in_.data(), in_.data() + in_pos_, in_end_ - in_pos_);
+      in_end_ -= in_pos_;
+      in_pos_ = 0;
+    }
+    size_t want = kReadAhead;
+    if (in_end_ >= kDirectHeaderSize) {
+      const size_t length = std::min<size_t>(decodeDirectHeader(in_.data()).length,
+                                             kDirectHeaderSize + kDirectPayloadMax);
+      if (length > in_end_) want = std::max(want, length - in_end_);
+    }
+    if (in_.size() < in_end_ + want) in_.resize(in_end_ + want);
     struct pollfd pfd = {reply_fd_, POLLIN, 0};
     int r = poll(&pfd, 1, remainingMs(forever, deadline));
     if (r < 0) {
@@ -190,14 +257,13 @@ int DirectClient::receive(Reply* reply, int timeout_ms) {
       return -errno;
     }
     if (r == 0) return -ETIMEDOUT;
-    uint8_t chunk[65536];
-    ssize_t n = ::read(reply_fd_, chunk, sizeof(chunk));
+    ssize_t n = ::read(reply_fd_, in_.data() + in_end_, in_.size() - in_end_);
     if (n > 0) {
-      in_.insert(in_.end(), chunk, chunk + n);
+      in_end_ += static_cast<size_t>(n);
       continue;
     }
     if (n == 0) return -EPIPE;  // the daemon closed its end
-    if (errno == EAGAIN || errno == EINTR) continue;
+    if (errno == EINTR || errno == EAGAIN) continue;
     return -errno;
   }
 }

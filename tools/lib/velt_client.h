@@ -6,18 +6,25 @@
 // fd, size queries and closes in offset) and keeps replies it is not waiting for yet; error
 // replies of writes, closes and splices are collected for takeErrors().
 //
-// A client object is not thread-safe. connect() ignores SIGPIPE for the process so that a
-// daemon that goes away shows up as an error, not a signal. A record of at most PIPE_BUF
-// (4,096) bytes reaches the request pipe in one piece, so several clients may send such
-// records at the same time; only one of them may read replies (the others drop their reply
-// pipe once they have what they need, see dropReplyPipe).
+// One client at a time: connect() takes an exclusive lock on the lock file beside the pipes
+// (flock) and fails with -EBUSY while another client holds it; disconnect() lets it go. The
+// pipes are refused unless they are named pipes (a link or a regular file in their place is
+// not followed).
+//
+// Sending is thread-safe (a record goes out whole); receiving replies is for one thread at a
+// time. connect() ignores SIGPIPE for the process so that a daemon that goes away shows up as
+// an error, not a signal.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
+
+struct iovec;
 
 #include "fs/velt_pipe.h"
 
@@ -39,12 +46,15 @@ class DirectClient {
   // receiver. The paths honour VELT_ROOT. 0 or a negative errno.
   int connect(int timeout_ms = 5000);
   void disconnect();
-  // Closes the reading end of the reply pipe: from now on this client only sends.
-  void dropReplyPipe();
   bool connected() const { return request_fd_ >= 0 && reply_fd_ >= 0; }
 
   // One record; header.length is set from the payload size. 0 or a negative errno.
   int send(DirectHeader header, const void* payload, size_t size);
+  // With `bytes` > 0, records smaller than that are gathered and sent together once that many
+  // bytes are waiting, and before any wait for a reply (flush() sends them at once). A stream
+  // of small records then costs the daemon a wake-up per batch instead of one per record.
+  void setBatching(size_t bytes) { batch_bytes_ = bytes; }
+  int flush();
   // Bytes as they are, for tests of the daemon's framing.
   int sendRaw(const void* bytes, size_t size);
   // The next reply record, finding the marker again after stray bytes. timeout_ms < 0 waits
@@ -87,10 +97,20 @@ class DirectClient {
   int waitFor(const std::function<bool(const Reply&)>& match, Reply* reply, int timeout_ms);
   int nextTag() { return ++tag_; }
 
+  int lock_fd_ = -1;
   int request_fd_ = -1;
   int reply_fd_ = -1;
-  int tag_ = 0;
-  std::vector<uint8_t> in_;  // received bytes not yet made into records
+  std::atomic<int> tag_{0};
+  std::mutex send_mutex_;    // one record at a time into the request pipe; batch_
+  size_t batch_bytes_ = 0;
+  std::vector<uint8_t> batch_;  // records gathered, not sent yet
+  int __flush();
+  // Writes the parts whole; a pipe that the daemon dropped for a moment is opened again when
+  // nothing of them went out yet. Caller holds send_mutex_.
+  int __sendParts(struct iovec* parts, int count);
+  std::vector<uint8_t> in_;  // received bytes; records start at in_pos_
+  size_t in_pos_ = 0;
+  size_t in_end_ = 0;
   std::deque<Reply> kept_;   // replies nobody waited for yet
 };
 
