@@ -2,12 +2,14 @@
 // preallocated files). Missing partition tables, partitions and boot records are created.
 #include <getopt.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -120,6 +122,8 @@ int main(int argc, char** argv) {
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
+  // The volume's serial number comes from rand(): a different one for every format.
+  srand(static_cast<unsigned>(time(nullptr)) ^ static_cast<unsigned>(getpid()) << 16);
   uint32_t mode = velt::kVELTFormatModeN;
   std::string label;
   bool has_label = false;

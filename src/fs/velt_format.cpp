@@ -227,6 +227,8 @@ int VELT::format(const FormatInfo& info, uint32_t mode, const char* label) {
     LOGE("PBR to VELT failed\n");
     return fail();
   }
+  // A kept boot sector (another formatter's, or an older one) gets the geometry too.
+  pbr_->setConventionalGeometry();
   const bool keep_files = (format_info_.flags & 1) != 0 && !partition_created_ &&
                           (extra_ & kVELTFormatFresh) == 0;
   if (rebuildRoot(keep_files) < 0) {

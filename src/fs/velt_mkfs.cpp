@@ -139,9 +139,7 @@ int PBR::format() {
   putLe16(boot_sector_ + 14, static_cast<uint16_t>(reserved_sectors_));
   boot_sector_[16] = static_cast<uint8_t>(num_fats_);
   boot_sector_[21] = static_cast<uint8_t>(media_);
-  putLe16(boot_sector_ + kSectorsPerTrackField, kSectorsPerTrack);
-  putLe16(boot_sector_ + kHeadsField, kHeads);
-  putLe32(boot_sector_ + kHiddenSectorsField, partition_.lba);
+  setConventionalGeometry();
   putLe32(boot_sector_ + 32, total_sectors_);
   putLe32(boot_sector_ + 36, fat_sectors_);
   putLe16(boot_sector_ + 40, static_cast<uint16_t>(ext_flags_));
@@ -189,6 +187,16 @@ int PBR::format() {
   pbr_damaged_ = fsinfo_damaged_ = fat_damaged_ = false;
   valid_ = true;
   return 0;
+}
+
+void PBR::setConventionalGeometry() {
+  // Zero heads or sectors per track make some FAT tools refuse the volume; hidden sectors tell
+  // where the partition starts.
+  if (le16(boot_sector_ + kSectorsPerTrackField) == 0 || le16(boot_sector_ + kHeadsField) == 0) {
+    putLe16(boot_sector_ + kSectorsPerTrackField, kSectorsPerTrack);
+    putLe16(boot_sector_ + kHeadsField, kHeads);
+  }
+  putLe32(boot_sector_ + kHiddenSectorsField, partition_.lba);
 }
 
 uint32_t PBR::minimumFAT32Sectors() {

@@ -33,6 +33,9 @@ class PBR {
   // The cluster size a format gives the partition: the table's, halved while that leaves
   // fewer than FAT32_MIN_CLUSTERS clusters; 0 when even one sector per cluster does.
   uint32_t chooseSectorsPerCluster() const;
+  // Puts 63 sectors per track and 255 heads (where the boot sector has none) and the partition's
+  // start as hidden sectors into the boot sector image.
+  void setConventionalGeometry();
   // The smallest partition, in sectors, that a format accepts.
   static uint32_t minimumFAT32Sectors();
 
