@@ -108,6 +108,9 @@ int VELT::DirEntry::touch(time_t atime, time_t mtime) {
   write_date_ = timeToFatDate(mtime);
   write_time_ = timeToFatTime(mtime);
   modified_ = mtime;
+  // Until publication the card holds the previous occupant's names in front of a deleted
+  // record; the stamps go out with the record that publishes the file.
+  if (is_reserved_ && !is_secured_) return 0;
   uint8_t r[DIR_RECORD_SIZE] = {};
   if (velt_->read(r, DIR_RECORD_SIZE, dir_ent_disk_off_) < DIR_RECORD_SIZE) {
     int err = errno ? errno : EIO;

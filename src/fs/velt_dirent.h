@@ -190,9 +190,9 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   // reserved file, else the oldest idle one. Empty on failure with `error` set.
   std::shared_ptr<DirEntry> takeOverReservedFile(const char* file_name, uint8_t* entry_buffer,
                                                  int* error);
-  // delChild's path for a file of a reserved folder (this): gives the records and clusters
-  // back to the reserved file instead of freeing them.
-  int delReservedChild(const std::shared_ptr<DirEntry>& child);
+  // delChild's path for a file of a reserved folder (this), reserved_mutex_ held: gives the
+  // records and clusters back to the reserved file instead of freeing them.
+  int __delReservedChild(const std::shared_ptr<DirEntry>& child);
 
   // Laid out by size to keep padding out: the whole tree stays in memory. Members only a
   // directory (or an open file) fills are held out of line (OutOfLine).

@@ -510,6 +510,13 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
     return -EINVAL;
   }
   if (loadClusterMap() < 0) return -EINVAL;
+  // A file of a reserved folder is deleted only while it still holds its reserved file, and
+  // nobody opens or recycles it meanwhile.
+  std::unique_lock<std::mutex> reserved_lock;
+  if (velt_folder_ != nullptr && child->isArchive()) {
+    reserved_lock = std::unique_lock<std::mutex>(velt_->reserved_mutex_);
+    if (findVELTChild(child->dir_ent_disk_off_) != child) return -ENOENT;
+  }
   if (child->isDir()) {
     if (child->velt_folder_ != nullptr) {
       LOGE("VELT reserved folder can not be deleted\n");
@@ -558,7 +565,7 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
 
   if (velt_folder_ != nullptr && child->isArchive()) {
     // The records and clusters stay with the reserved file.
-    delReservedChild(child);
+    __delReservedChild(child);
   } else {
     deleteLongNameRecords(*child);
     velt_->pbr_->freeClusterChains(child->start_cluster_, false);

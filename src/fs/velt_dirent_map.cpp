@@ -175,6 +175,10 @@ int VELT::DirEntry::alloc(int request_dir_entry_count, bool reserve_it) {
   const int per_cluster = static_cast<int>(velt_->pbr_->cluster_length_ / DIR_RECORD_SIZE);
   if (!reserve_it) NERIO_ASSERT_TEXT("reserve_it == true");
   if (!isDir()) NERIO_ASSERT_MSG(isDir(), ": [%s] is not directory\n", getPath().c_str());
+  if (velt_folder_ != nullptr) {
+    LOGE("[%s] reserved folder: no records but its reserved files\n", getPath().c_str());
+    return -1;
+  }
   if (request_dir_entry_count > per_cluster || request_dir_entry_count < 1) {
     NERIO_ASSERT_MSG(request_dir_entry_count <= per_cluster, ": %d <= %d\n",
                      request_dir_entry_count, per_cluster);

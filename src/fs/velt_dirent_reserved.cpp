@@ -457,7 +457,7 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
   for (int k = 0; k < fillers; ++k) {
     buildFillerRecord((*entry->lfn_records_)[k].data());
     std::lock_guard lock(map_mutex_);
-    entry_map_[first + k] = DIR_ENTRY_FREE;
+    entry_map_[first + k] = kFillerSeq;  // the group keeps its slots, fillers included
   }
   for (int k = 0; k < needed; ++k) {
     const int seq = needed - k;
@@ -497,12 +497,11 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
   return entry;
 }
 
-int VELT::DirEntry::delReservedChild(const std::shared_ptr<DirEntry>& child) {
+int VELT::DirEntry::__delReservedChild(const std::shared_ptr<DirEntry>& child) {
   if (velt_folder_ == nullptr || child == nullptr) {
     NERIO_ASSERT_TEXT("velt_folder_ != nullptr && child != nullptr");
     return -EINVAL;
   }
-  std::lock_guard<std::mutex> lock(velt_->reserved_mutex_);
   velt_folder_->used -= 1;
   if (velt_folder_->used < 0) {
     ASSERT_TEXT_MSG("velt_folder->used >= 0", ": %d >= 0\n", velt_folder_->used);

@@ -348,6 +348,8 @@ int VELTFuse::__mkdir(const char* path, mode_t /*mode*/) {
     }
     DirEntryPtr parent = resolve(*velt, parent_path);
     if (!parent) return -ENOENT;
+    // A reserved folder holds its reserved files and nothing else.
+    if (parent->is_dir_ && velt->entryToVELTFolder(parent) != nullptr) return -EPERM;
     DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), true);
     if (!entry) return -ENOMEM;
     // The directory's first cluster was taken with the FAT written at once; the free count in

@@ -83,7 +83,8 @@ int writeRequest(VELT::File& file, VELTWorkItem* request) {
     if (pbr != nullptr) pbr->lockFAT();
     result = file.write(request->data_, request->size_, request->offset_);
     if (pbr != nullptr) {
-      pbr->unlockFAT(false);
+      // The last count written off writes the deferred FAT and FSInfo, whoever deferred them.
+      pbr->unlockFAT(true);
       pbr->flushFATs();
     }
     if (result < 0) return result;

@@ -85,6 +85,17 @@ std::shared_ptr<VELT::File> VELT::newFile(bool dir_mode, bool for_write, bool di
     return nullptr;
   }
   try {
+    // A file of a reserved folder opens only while it still holds its reserved file: the
+    // takeover that would recycle it and its deletion are serialised with this.
+    std::unique_lock<std::mutex> reserved_lock;
+    DirEntry* parent = entry->parent_;
+    if (!dir_mode && parent != nullptr && parent->velt_folder_ != nullptr) {
+      reserved_lock = std::unique_lock<std::mutex>(reserved_mutex_);
+      if (parent->findVELTChild(entry->dir_ent_disk_off_) != entry) {
+        errno = ENOENT;
+        return nullptr;
+      }
+    }
     if (!dir_mode) entry->loadClusterMap();
     uint32_t handle;
     {

@@ -267,7 +267,7 @@ TEST_F(ReservedTest, Secure2PublishesNamesOfOneTwoAndThreeRecords) {
     shortNameToName83(e->short_name_.c_str(), name11);
     EXPECT_EQ(r.substr(0, 11), std::string(reinterpret_cast<char*>(name11), 11));
     EXPECT_EQ(static_cast<uint8_t>(r[11]), 0x20);
-    // The group: fillers in the low slots (free in the slot map), then the name's records.
+    // The group: fillers in the low slots (still taken in the slot map), then the name's records.
     const int fillers = 3 - cases[i].records;
     const int first = e->lfs_entry_start_index_;
     for (int k = 0; k < 3; ++k) {
@@ -276,7 +276,7 @@ TEST_F(ReservedTest, Secure2PublishesNamesOfOneTwoAndThreeRecords) {
       if (k < fillers) {
         EXPECT_EQ(p[0], 0x41) << k;
         EXPECT_EQ(p[13], 0) << k;
-        EXPECT_EQ(folder_->entry_map_[first + k], 0x00) << k;
+        EXPECT_EQ(folder_->entry_map_[first + k], 0x41) << k;
       } else {
         const int seq = 3 - k;
         EXPECT_EQ(p[0], seq | (k == fillers ? 0x40 : 0)) << k;
