@@ -1,9 +1,11 @@
 // Files of a reserved folder: takeover of free and of the oldest idle reserved files, deletion,
-// publication with secure2, and what the card shows other FAT tools after each step.
+// publication with secure2, what the card shows other FAT tools after each step, and what users
+// and clients do to the folder through the front ends.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,6 +15,8 @@
 #include "fs/velt_dirent.h"
 #include "fs/velt_endian.h"
 #include "fs/velt_file.h"
+#include "fs/velt_fuse.h"
+#include "fs/velt_pipe.h"
 #include "velt_fsck.h"
 
 namespace velt::test {
@@ -321,6 +325,137 @@ TEST_F(ReservedTest, NameTooLongForThreeRecordsChangesNothing) {
   EXPECT_NE(create((std::string(35, 'n') + ".avi").c_str()), nullptr);
   EXPECT_EQ(fatCopies(), fat_before);
   EXPECT_TRUE(fsckHolds());
+}
+
+
+// What users and clients once did to a reserved folder, each as a row: every row must leave a
+// card that the next load takes as it is, with every recording published before it.
+TEST_F(ReservedTest, NothingUsersDoBreaksTheFolder) {
+  VELTFuse::setVolume(volume_);
+  // A recording that must survive everything; kept open so that no recycling takes it.
+  auto keep = create("keep.avi");
+  ASSERT_NE(keep, nullptr);
+  const std::string data = patternBytes(5000, 7);
+  auto keeper = volume_->newFile(false, true, false, keep);
+  ASSERT_NE(keeper, nullptr);
+  ASSERT_EQ(keeper->write(data.data(), data.size(), 0), static_cast<int>(data.size()));
+  ASSERT_EQ(keep->secure2(), 0);
+  const auto& table = folder_->velt_reserved_files_;
+
+  struct Row {
+    const char* what;
+    std::function<void()> run;
+  };
+  const std::vector<Row> rows = {
+      {"a folder made in the reserved folder",
+       [&] {
+         EXPECT_EQ(VELTFuse::__mkdir("/REC/sub", 0755), -EPERM);
+         EXPECT_EQ(VELTFuse::__rmdir("/REC/sub"), -ENOENT);
+         EXPECT_EQ(folder_->createChild("sub2", false, true, nullptr), nullptr);
+       }},
+      {"a published short name keeps its filler slots taken",
+       [&] {
+         auto k = create("k.avi");
+         ASSERT_NE(k, nullptr);
+         ASSERT_EQ(k->secure2(), 0);
+         for (int i = 0; i < 2; ++i) {
+           EXPECT_NE(folder_->entry_map_[k->lfs_entry_start_index_ + i], DIR_ENTRY_FREE) << i;
+         }
+         EXPECT_EQ(folder_->delChild(k), 0);
+       }},
+      {"touch on a file taken over and not published",
+       [&] {
+         auto t = create("t.avi");
+         ASSERT_NE(t, nullptr);
+         const struct timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
+         EXPECT_EQ(VELTFuse::__utimens("/REC/t.avi", times, nullptr), 0);
+         EXPECT_EQ(t->modified_, 1000000000);
+         const std::string r = record(t->dir_ent_disk_off_);
+         EXPECT_EQ(static_cast<uint8_t>(r[0]), DIR_ENTRY_DELETED) << "still hidden on the card";
+         EXPECT_EQ(static_cast<uint8_t>(r[11]), 0x22);
+         EXPECT_EQ(folder_->delChild(t), 0);
+       }},
+      {"open and deletion of a file recycled meanwhile",
+       [&] {
+         std::vector<std::shared_ptr<VELT::DirEntry>> idle;
+         for (const char* name : {"x.avi", "y.avi", "z.avi"}) {
+           idle.push_back(create(name));
+           ASSERT_NE(idle.back(), nullptr) << name;
+           ASSERT_EQ(idle.back()->secure2(), 0);
+         }
+         ASSERT_EQ(folder_->velt_folder_->used, 4);
+         auto fresh = create("fresh.avi");
+         ASSERT_NE(fresh, nullptr);
+         std::shared_ptr<VELT::DirEntry> gone;
+         for (const auto& e : idle) {
+           if (folder_->findChild(e->name_.c_str()) == nullptr) gone = e;
+         }
+         ASSERT_NE(gone, nullptr) << "one idle file was recycled";
+         ASSERT_EQ(gone->start_cluster_, fresh->start_cluster_);
+         // A path resolved before the recycling must not open the new recording's clusters.
+         EXPECT_EQ(volume_->newFile(false, false, false, gone), nullptr);
+         // Nor may its deletion give the new recording's reserved file back.
+         EXPECT_EQ(folder_->delChild(gone), -ENOENT);
+         EXPECT_TRUE(table[folder_->getVELTFileIndex(fresh->dir_ent_disk_off_)].used_);
+         EXPECT_EQ(folder_->velt_folder_->used, 4);
+         auto busy = volume_->newFile(false, false, false, fresh);  // not to be recycled now
+         ASSERT_NE(busy, nullptr);
+         auto next = create("next.avi");
+         ASSERT_NE(next, nullptr);
+         EXPECT_NE(next->start_cluster_, fresh->start_cluster_) << "one chain, two files";
+         busy->close();
+         ASSERT_EQ(fresh->secure2(), 0);
+         ASSERT_EQ(next->secure2(), 0);
+         keeper->close();  // the last mount writer: nobody holds a FAT-lock count now
+       }},
+      {"a channel write that drops the last FAT-lock count",
+       [&] {
+         const std::string path = "/plain.bin";
+         auto* create_request =
+             new VELTWorkItem(1, kDirectOpCreate, 0, 0, static_cast<uint32_t>(path.size() + 1));
+         memcpy(create_request->data_, path.c_str(), path.size() + 1);
+         std::unique_ptr<VELTWorkItem> created(volume_->executeDirectRequest(create_request));
+         ASSERT_NE(created, nullptr);
+         const int fd = created->param_;
+         ASSERT_GE(fd, 3);
+         const std::string bytes = patternBytes(3 * volume_->pbr_->cluster_length_, 9);
+         auto* write_request = new VELTWorkItem(fd, kDirectOpWrite, 0, 0,
+                                                static_cast<uint32_t>(bytes.size()));
+         memcpy(write_request->data_, bytes.data(), bytes.size());
+         std::unique_ptr<VELTWorkItem> written(volume_->executeDirectRequest(write_request));
+         EXPECT_EQ(written, nullptr) << "a write is answered only when it fails";
+         volume_->flush();
+         const std::string fsinfo = card_->readBytes(
+             volume_->pbr_->sectorOffset(volume_->pbr_->fsinfo_sector_) + 488, 4);
+         EXPECT_EQ(le32(reinterpret_cast<const uint8_t*>(fsinfo.data())),
+                   volume_->pbr_->free_cluster_count_)
+             << "the free count on the card follows the channel's allocations";
+         std::unique_ptr<VELTWorkItem> closed(
+             volume_->executeDirectRequest(new VELTWorkItem(fd, kDirectOpClose, 0, 0, 0)));
+       }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    row.run();
+    EXPECT_TRUE(fsckHolds());
+  }
+  VELTFuse::setVolume(nullptr);
+
+  folder_.reset();
+  volume_.reset();
+  Loaded l = loadCard(*card_);
+  ASSERT_EQ(l.error, 0) << l.log;
+  for (const char* repair : {"try to create it now", "unusable", "modified, flush now"}) {
+    EXPECT_EQ(l.log.find(repair), std::string::npos) << repair << "\n" << l.log;
+  }
+  volume_ = l.volume;
+  folder_ = volume_->findEntry("/REC");
+  ASSERT_NE(folder_, nullptr);
+  std::set<std::string> names;
+  for (const auto& child : folder_->children_) names.insert(child->name_);
+  EXPECT_EQ(names.count("keep.avi"), 1u);
+  EXPECT_EQ(names.count("fresh.avi") + names.count("next.avi"), 2u);
+  EXPECT_EQ(card_->type("/REC/keep.avi").substr(0, data.size()), data);
 }
 
 }  // namespace
