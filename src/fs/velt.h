@@ -164,6 +164,10 @@ class VELT : public std::enable_shared_from_this<VELT> {
   void resetWriteBuffer();  // caller holds io_mutex_
   void cacheBufferSectors(int64_t first, int64_t count, bool cache);  // caller holds io_mutex_
   bool fetchSector(int64_t sector, uint8_t* dst);  // caller holds io_mutex_
+  // Writes out the pending write buffer, then has the backing store put everything written so
+  // far on the card: the barrier between steps whose order must survive a power cut. 0, or -1
+  // with errno EIO.
+  int sync();
 
   // ===== Card layout: MBR, PBR, FSInfo, FAT (velt_mbr, velt_pbr, velt_fat, velt_mkfs) =====
   // Init steps from the partition table to the version check; a result code.

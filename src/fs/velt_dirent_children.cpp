@@ -459,13 +459,28 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::createChild(const char* file_nam
       return fail(e);
     };
 
+    // A new folder is complete on the card (its cluster with "." and "..", its FAT entry)
+    // before any record names it, so a power cut leaves it either absent or whole. Its FAT
+    // entry goes out now even while writers hold the FAT lock.
+    const bool folder_first = is_dir && !is_dot && entry_buffer == nullptr;
+    if (folder_first) {
+      int r = entry->allocClusters(1, true);
+      if (r < 0) return undo(r == -ENOSPC ? -ENOSPC : -EIO);
+      if (isEOC(entry->start_cluster_)) NERIO_ASSERT_TEXT("isEOC(entry->start_cluster_) == false");
+      entry->parent_ = this;  // ".." points here; attached for real below
+      entry->createChild(".", false, true, nullptr);
+      entry->createChild("..", false, true, nullptr);
+      entry->parent_ = nullptr;
+      velt_->pbr_->flushFATs();
+      if (velt_->sync() != 0) return undo(-EIO);
+    }
     if (lfn_count > 0) {
       int r = writeLongNameRecords(entry, units, lfn_count, first, record, buffer, &written);
       if (r < 0) return undo(r);
     }
     // A plain file stays without clusters until data arrives (its first write allocates one):
     // an empty file with a cluster is an error to other FAT tools.
-    if (!is_dot && (is_dir || reserved)) {
+    if (!is_dot && !folder_first && (is_dir || reserved)) {
       if (entry->start_cluster_ != 0) NERIO_ASSERT_TEXT("entry->start_cluster_ == 0");
       int r = entry->allocClusters(1, is_dir);
       if (r < 0) return undo(r == -ENOSPC ? -ENOSPC : -EIO);
@@ -491,7 +506,7 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::createChild(const char* file_nam
 
     addChild(entry);
     name_hold.release();
-    if (is_dir && !is_dot) {
+    if (is_dir && !is_dot && !folder_first) {
       entry->createChild(".", false, true, entry_buffer);
       entry->createChild("..", false, true, entry_buffer);
     }

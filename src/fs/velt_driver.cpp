@@ -96,6 +96,12 @@ class PositionalDriver : public BlockDriver {
     if (fstat(fd_, &st) != 0) return -1;
     return st.st_size / kDriverSectorSize;
   }
+  int flush() override {
+    while (fdatasync(fd_) != 0) {
+      if (errno != EINTR) return -1;
+    }
+    return 0;
+  }
 
  private:
   int fd_;

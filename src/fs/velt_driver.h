@@ -5,7 +5,8 @@
 // positional I/O under the same contract:
 //   read:  answers 1..count sectors (fewer is a short answer, not a failure); < 1 is a failure;
 //   write: answers exactly count, anything else is a failure;
-//   size:  the card size in sectors, or -1.
+//   size:  the card size in sectors, or -1;
+//   flush: what the writes answered so far is on the card (or the backend cannot tell); 0 or -1.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +23,8 @@ class BlockDriver {
   virtual int readSectors(uint32_t start_sector, int sector_count, void* buffer) = 0;
   virtual int writeSectors(uint32_t start_sector, int sector_count, const void* buffer) = 0;
   virtual int64_t sizeInSectors() = 0;
+  // Writes may sit in a cache below us and reach the card in any order until this returns.
+  virtual int flush() { return 0; }
 };
 
 // Request codes of the companion driver (type 'o'). On a 64-bit host the request record carries

@@ -261,14 +261,16 @@ int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
     takeCluster(c);
     if (zero) zeroCluster(c);
     if (out != nullptr) out[i] = c;
-    if (tail >= num_clusters_) return -1;
-    fat1_[tail] = c;
-    if (__syncFATEntry(tail) != 0 || c >= num_clusters_) return -1;
+    if (tail >= num_clusters_ || c >= num_clusters_) return -1;
+    // The new end goes out before the link to it, so the card never holds a chain that runs
+    // into a free cluster.
     if (first == FAT_EOC) first = c;
     fat1_[c] = FAT_EOC;
     if (isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, next_cluster_number) == false");
     setUsedBit(c);
     if (__syncFATEntry(c) != 0) return -1;
+    fat1_[tail] = c;
+    if (__syncFATEntry(tail) != 0) return -1;
     tail = c;
   }
   return first;

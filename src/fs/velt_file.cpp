@@ -195,6 +195,7 @@ int VELT::File::__write(const void* buf, size_t size, int64_t off) {
   int r = forEachRun(*velt_, off, static_cast<int64_t>(size), lookup, writeRun);
   if (r < 0) return r;
   written_ = 1;
+  uncommitted_ = 1;
   accessed_ = 1;
   direct_offset_ = off + static_cast<int64_t>(size);
   return static_cast<int>(size);
@@ -227,6 +228,56 @@ int VELT::File::flush() {
   velt_->pbr_->flushFATs();
   written_ = 0;
   return 0;
+}
+
+bool VELT::File::needsCommit() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return uncommitted_ != 0 && file_no_ != kClosedFileNo;
+}
+
+int VELT::File::commit(bool publish) {
+  if (velt_ == nullptr || velt_->pbr_ == nullptr || entry_ == nullptr) return -EIO;
+  VELT& v = *velt_;
+  PBR& pbr = *v.pbr_;
+  bool modified;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    modified = uncommitted_ != 0;
+    uncommitted_ = 0;
+  }
+  bool ok = true;
+  // The card may reorder writes between flushes: each step reaches the card before the next
+  // one points at it.
+  auto step = [&v, &ok] {
+    if (v.sync() != 0) ok = false;
+  };
+
+  step();  // data
+  pbr.flushFATs();
+  step();  // chains
+
+  if (!dir_mode_ && entry_->isArchive() && entry_->dir_ent_disk_off_ != 0) {
+    std::lock_guard lock(entry_->files_mutex_);
+    if (entry_->is_reserved_ && !entry_->is_secured_) {
+      // Unpublished recordings stay invisible until asked for.
+      if (publish && entry_->secure2() < 0) ok = false;
+    } else if (entry_->update2(true, modified) < 0) {
+      ok = false;
+    }
+  }
+  step();  // directory record
+
+  {
+    std::lock_guard<std::mutex> reserved_lock(v.reserved_mutex_);
+    std::lock_guard<std::mutex> fat_lock(pbr.fat_mutex_);
+    if (pbr.updateFSInfo(true) != 0) ok = false;
+  }
+  step();  // free count
+  if (!ok) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    uncommitted_ = 1;  // still owed
+  }
+  return ok ? 0 : -EIO;
 }
 
 int VELT::File::close() {

@@ -35,6 +35,13 @@ class VELT::File : public std::enable_shared_from_this<VELT::File> {
   int write(const void* buf, size_t size, int64_t off);
   int __write(const void* buf, size_t size, int64_t off);
   int flush();
+  // Makes everything this file holds survive a power cut, each step on the card before the
+  // next begins: its data; its FAT entries on every copy (deferred entries of other writers go
+  // along); its directory record with size, first cluster and times (with `publish`, a
+  // taken-over reserved file not yet visible is published here); FSInfo. 0, or -EIO.
+  int commit(bool publish);
+  // True when data was written since the last commit.
+  bool needsCommit();
   // 0 when this close released the file, -1 when it was already closed.
   int close();
   // Bit 1: cache the sectors this file writes; bit 0: read cache mode (kept only).
@@ -51,6 +58,7 @@ class VELT::File : public std::enable_shared_from_this<VELT::File> {
   DirEntry* entry_ = nullptr;  // not owned; the volume's tree keeps it
   int64_t direct_offset_ = 0;  // byte after the last successful read or write
   uint8_t written_ = 0;
+  uint8_t uncommitted_ = 0;  // data written since the last commit
   uint8_t accessed_ = 0;
   uint8_t direct_ = 0;      // opened by the direct channel
   uint8_t fat_locked_ = 0;  // holds one count of the FAT lock

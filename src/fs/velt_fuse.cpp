@@ -331,8 +331,23 @@ int VELTFuse::__release(const char* /*path*/, struct fuse_file_info* fi) {
   }
 }
 
-int VELTFuse::__fsync(const char* /*path*/, int /*datasync*/, struct fuse_file_info* /*fi*/) {
-  return 0;
+// fsync and fdatasync alike: the size and first cluster in the record are what makes the data
+// reachable, so both commit the whole file.
+int VELTFuse::__fsync(const char* /*path*/, int /*datasync*/, struct fuse_file_info* fi) {
+  try {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
+    if (!file) return -EBADF;
+    bool publish;
+    {
+      std::lock_guard<std::mutex> lock(file->mutex_);
+      publish = !file->direct_ && file->written_;
+    }
+    return file->commit(publish);
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
 }
 
 // ---- Namespace changes ----

@@ -282,4 +282,16 @@ int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache) {
   return static_cast<int>(len);
 }
 
+int VELT::sync() {
+  std::lock_guard<std::mutex> lock(io_mutex_);
+  if (driver_ == nullptr) {
+    errno = EIO;
+    return -1;
+  }
+  bool ok = write_start_sector_ < 0 || __flush() == 0;
+  if (driver_->flush() != 0) ok = false;
+  if (!ok) errno = EIO;
+  return ok ? 0 : -1;
+}
+
 }  // namespace velt

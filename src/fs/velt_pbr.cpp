@@ -249,9 +249,9 @@ int PBR::write() {
   return 0;
 }
 
-int PBR::updateFSInfo() {
+int PBR::updateFSInfo(bool force) {
   NERIO_ASSERT(velt_ != nullptr);
-  if (fat_locked_count_ != 0) return 0;
+  if (fat_locked_count_ != 0 && !force) return 0;
   if (!valid_) {
     LOGE("PBR invalid\n");
     return -1;

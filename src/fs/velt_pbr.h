@@ -26,7 +26,8 @@ class PBR {
 
   int read();
   int write();
-  int updateFSInfo();
+  // Writes FSInfo (and its backup); deferred while the FAT lock is held unless `force`.
+  int updateFSInfo(bool force = false);
   int markVELT(const char* label);
   int format();
   uint32_t calcSecorsPerCluster() const;

@@ -90,11 +90,9 @@ int writeRequest(VELT::File& file, VELTWorkItem* request) {
     if (result < 0) return result;
   }
   if ((static_cast<uint32_t>(request->param_) & kDirectFlagSecure) != 0) {
-    VELT::DirEntry* entry = file.entry_;
-    if (entry != nullptr && entry->is_reserved_) {
-      std::lock_guard lock(entry->files_mutex_);  // readers of the stamps and size take it too
-      if (!entry->is_secured_) entry->secure2();
-    }
+    // Published means on the card: data, chain, records and free count, in that order.
+    int committed = file.commit(true);
+    if (committed < 0) return committed;
   }
   return result;
 }
