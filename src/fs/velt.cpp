@@ -168,6 +168,7 @@ int VELT::init() {
 }
 
 void VELT::unload() {
+  stopCommitter();
   stopDirectWriter();
 
   // Open files go before the tree: they point at its entries, and a writer's FAT-lock count

@@ -297,6 +297,15 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // Appends a reply to responses_ and wakes the replier (also while stopping).
   void queueDirectResponse(VELTWorkItem* item);
 
+  // ===== Commit interval (velt_commit.cpp) =====
+  // Every `seconds` (0: never), open files that were written since their last commit are
+  // committed by a thread of the volume, so a power cut loses at most that much of a recording
+  // in progress. Stopped by stopCommitter and by unload.
+  void startCommitter(int seconds);
+  void stopCommitter();
+  // One pass of that thread: commits every open file with uncommitted data; how many.
+  int commitOpenFiles();
+
   // ===== Data members =====
   std::mutex mutex_;  // guards state_; serialises path walks
   int state_ = kVELTStateUnloaded;
@@ -341,6 +350,12 @@ class VELT : public std::enable_shared_from_this<VELT> {
   CacheEntry** cache_hash_table_ = nullptr;
 
   // Card layout members.
+
+  // Commit interval members.
+  std::thread commit_thread_;
+  std::mutex commit_mutex_;  // commit_stop_
+  std::condition_variable commit_cv_;
+  bool commit_stop_ = false;
 
   // Direct channel members.
   std::atomic<bool> direct_stop_{false};  // stop request for the three threads

@@ -583,6 +583,8 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
     __delReservedChild(child);
   } else {
     deleteLongNameRecords(*child);
+    // The chain is freed only once no record on the card points at it any more.
+    if (child->start_cluster_ != 0 && velt_->sync() != 0) return -EIO;
     velt_->pbr_->freeClusterChains(child->start_cluster_, false);
   }
   removeChild(child, true);

@@ -293,7 +293,15 @@ int VELT::File::close() {
     file_no_ = kClosedFileNo;
   }
   int result = velt_ != nullptr ? velt_->freeFile(handle) : -ENODEV;
-  if (update && velt_ != nullptr) {
+  bool uncommitted;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    uncommitted = uncommitted_ != 0;
+  }
+  if (update && uncommitted && velt_ != nullptr && velt_->pbr_ != nullptr) {
+    // New data: the record that reaches it goes out only after the data and the chain.
+    if (commit(false) != 0) result = -EIO;
+  } else if (update && velt_ != nullptr) {
     if (written_ && velt_->pbr_ != nullptr) {
       PBR* pbr = velt_->pbr_;
       pbr->flushFATs();

@@ -516,7 +516,10 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
         }
       }
     }
-    return from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
+    int moved = from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
+    // A rename that returned survives a power cut.
+    if (moved == 0 && velt->sync() != 0) return -EIO;
+    return moved;
   } catch (...) {
     return exceptionAnswer(__func__);
   }
@@ -572,6 +575,7 @@ void* VELTFuse::__init(struct fuse_conn_info* /*conn*/, struct fuse_config* cfg)
   if (options_.channel_mem > 0) velt->direct_held_max_ = options_.channel_mem;
   if (options_.channel_age_ms > 0) velt->direct_max_age_us_ = options_.channel_age_ms * 1000ull;
   velt->startDirectWriter();
+  velt->startCommitter(options_.commit_seconds);
 
   int64_t free_bytes = 0;
   if (velt->pbr_ != nullptr) {

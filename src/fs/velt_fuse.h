@@ -27,6 +27,7 @@ constexpr int kVELTVersionPatch = 20;
 
 constexpr const char kDefaultDevicePath[] = "/dev/mmcblk0p1";
 constexpr const char kDefaultMountPath[] = "/mnt/extsd";
+constexpr int kDefaultCommitSeconds = 5;
 
 // Filled by the option parser. The strings are heap copies: the parser frees the previous value
 // when an option replaces it.
@@ -41,6 +42,7 @@ struct VELTOptions {
   char* channel_mem_text = nullptr;
   int32_t channel_mem = 0;
   unsigned channel_age_ms = 0;
+  int commit_seconds = kDefaultCommitSeconds;  // "-o commit=5"; 0: open files wait for fsync
 };
 
 // Option keys handed to velt_opt_proc.

@@ -50,7 +50,9 @@ int velt_opt_proc(void* /*data*/, const char* /*arg*/, int key, struct fuse_args
               "    -o channel_mem=SIZE  memory the direct channel may hold before it stops\n"
               "                     reading requests (K,M; default 64M)\n"
               "    -o channel_age=MS    longest a queued channel write waits for appends\n"
-              "                     (default 1000)\n\n",
+              "                     (default 1000)\n"
+              "    -o commit=SECONDS    put open files' new data on the card every SECONDS,\n"
+              "                     as fsync would (default 5; 0: only fsync and close)\n\n",
               outargs->argv[0]);
       runLibraryWith(outargs, "-h");
       exit(1);
@@ -90,6 +92,13 @@ int main(int argc, char* argv[]) {
   struct fuse_args args = FUSE_ARGS_INIT(argc, argv);
   if (fuse_opt_parse(&args, &options, velt::kVELTOptionSpecs, velt::velt_opt_proc) != 0) {
     // The parser has printed why.
+    fuse_opt_free_args(&args);
+    free_options();
+    return 1;
+  }
+
+  if (options.commit_seconds < 0) {
+    fprintf(stderr, "commit interval \"%d\" is invalid\n", options.commit_seconds);
     fuse_opt_free_args(&args);
     free_options();
     return 1;

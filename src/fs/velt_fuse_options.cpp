@@ -25,6 +25,7 @@ const struct fuse_opt kVELTOptionSpecs[] = {
     VELT_OPT("-c %s", cache_size_text),
     VELT_OPT("channel_mem=%s", channel_mem_text),
     VELT_OPT("channel_age=%u", channel_age_ms),
+    VELT_OPT("commit=%d", commit_seconds),
     FUSE_OPT_KEY("-V", kVELTOptKeyVersion),
     FUSE_OPT_KEY("--version", kVELTOptKeyVersion),
     FUSE_OPT_KEY("-h", kVELTOptKeyHelp),

@@ -166,6 +166,15 @@ class Session {
         ++it;
       }
     }
+    auto under = [&from](const std::string& path) {
+      return path == from || path.rfind(from + "/", 0) == 0;
+    };
+    std::set<std::string> moved_present;
+    for (const auto& path : p.present) {
+      if (under(path)) moved_present.insert(to + path.substr(from.size()));
+    }
+    std::erase_if(p.present, under);
+    std::erase_if(p.absent, under);
     p.forget(to);
     p.forget(from);
     p.renames.push_back({from, to});
@@ -178,6 +187,7 @@ class Session {
     p.renames.pop_back();
     if (r != 0) throw std::runtime_error("rename " + from + ": " + std::to_string(r));
     for (auto& [path, bytes] : moved) p.synced[path] = bytes;
+    p.present.insert(moved_present.begin(), moved_present.end());
     p.present.insert(to);
     p.absent.insert(from);
   }
