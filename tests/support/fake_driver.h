@@ -12,7 +12,7 @@
 namespace velt_test {
 
 struct DriverRequest {
-  char kind;  // 'r' or 'w'
+  char kind;  // 'r', 'w' or 'f' (flush)
   uint32_t start;
   int count;
   bool operator==(const DriverRequest& o) const {
@@ -32,6 +32,11 @@ class FakeDriver : public velt::BlockDriver {
     return reported_sectors >= 0 ? reported_sectors : static_cast<int64_t>(data_.size() / 512);
   }
   int64_t reported_sectors = -1;  // a card size to report instead of the held sectors
+  // Recorded as {'f', 0, 0}.
+  int flush() override {
+    requests.push_back({'f', 0, 0});
+    return 0;
+  }
 
   // The next read (or write) answers with this many sectors (<= 0: a failure) instead.
   void queueReadAnswer(int sectors) { read_answers_.push_back(sectors); }

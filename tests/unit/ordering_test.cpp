@@ -1,0 +1,199 @@
+// The order in which operations put things on the card. A card may reorder writes between two
+// flushes of the backing store, so every "before" a power cut relies on needs a flush between
+// the two writes. Each row runs one operation on a fake card, labels every request by what it
+// touches (file data, FAT, a folder's records, FSInfo, flush) and checks its rules.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "fake_driver.h"
+#include "fs/velt_dirent.h"
+#include "fs/velt_file.h"
+#include "fs/velt_fuse.h"
+#include "fs/velt_pipe.h"
+
+namespace {
+
+using velt::VELT;
+using velt::VELTFuse;
+using Entry = std::shared_ptr<VELT::DirEntry>;
+
+struct Card : velt_test::FakeCard {
+  Card() { VELTFuse::setVolume(f.volume); }
+  ~Card() { VELTFuse::setVolume(nullptr); }
+
+  uint64_t create(const char* path) {
+    fuse_file_info fi{};
+    EXPECT_EQ(VELTFuse::__create(path, 0644, &fi), 0) << path;
+    return fi.fh;
+  }
+  void write(uint64_t fh, size_t size, off_t at = 0) {
+    std::vector<char> data(size, 'x');
+    fuse_file_info fi{};
+    fi.fh = fh;
+    EXPECT_EQ(VELTFuse::__write("", data.data(), size, at, &fi), static_cast<int>(size));
+  }
+  int fsync(uint64_t fh) {
+    fuse_file_info fi{};
+    fi.fh = fh;
+    return VELTFuse::__fsync("", 0, &fi);
+  }
+  void close(uint64_t fh) {
+    fuse_file_info fi{};
+    fi.fh = fh;
+    VELTFuse::__flush("", &fi);
+    EXPECT_EQ(VELTFuse::__release("", &fi), 0);
+  }
+  Entry find(const char* path) { return v->findEntry(path); }
+  void mark(const Entry& e, const std::string& label) {
+    for (uint32_t c = e->start_cluster_; c >= 2 && c < velt::FAT_EOC; c = pbr->fat1_[c])
+      labels[c] = label;
+  }
+
+  // The requests from `from` on, one label each.
+  std::vector<std::string> trace(size_t from) {
+    std::vector<std::string> out;
+    const auto& reqs = f.driver->requests;
+    const uint32_t lba = pbr->partition_.lba;
+    for (size_t i = from; i < reqs.size(); ++i) {
+      const auto& r = reqs[i];
+      if (r.kind == 'f') {
+        out.push_back("flush");
+        continue;
+      }
+      if (r.kind != 'w') continue;
+      const uint32_t s = r.start - lba;
+      if (s >= pbr->reserved_sectors_ && s < pbr->data_start_sector_) {
+        out.push_back("fat");
+      } else if (s == pbr->fsinfo_sector_ || s == pbr->backup_boot_sector_ + 1) {
+        out.push_back("fsinfo");
+      } else if (s >= pbr->data_start_sector_) {
+        uint32_t c = (s - pbr->data_start_sector_) / pbr->sectors_per_cluster_ + 2;
+        out.push_back(labels.count(c) ? labels[c] : "other");
+      } else {
+        out.push_back("other");
+      }
+    }
+    return out;
+  }
+  std::map<uint32_t, std::string> labels;
+};
+
+std::string join(const std::vector<std::string>& t) {
+  std::string s;
+  for (const auto& x : t) s += (s.empty() ? "" : " ") + x;
+  return s;
+}
+
+// `a` reaches the card, and is flushed, before the first `b` is written.
+::testing::AssertionResult flushedBefore(const std::vector<std::string>& t, const std::string& a,
+                                         const std::string& b) {
+  size_t first_b = t.size();
+  for (size_t i = 0; i < t.size(); ++i) {
+    if (t[i] == b) {
+      first_b = i;
+      break;
+    }
+  }
+  if (first_b == t.size()) return ::testing::AssertionFailure() << "no " << b << " in " << join(t);
+  bool seen_a = false, flushed = false;
+  for (size_t i = 0; i < first_b; ++i) {
+    if (t[i] == a) {
+      seen_a = true;
+      flushed = false;
+    } else if (t[i] == "flush") {
+      flushed = true;
+    }
+  }
+  if (!seen_a) return ::testing::AssertionFailure() << "no " << a << " before " << b << ": " << join(t);
+  if (!flushed) return ::testing::AssertionFailure() << "no flush between " << a << " and " << b << ": " << join(t);
+  return ::testing::AssertionSuccess();
+}
+
+struct Rule {
+  const char* before;
+  const char* after;
+};
+
+struct Row {
+  const char* what;
+  // Sets the card up, returns the request index the operation starts at; the operation runs,
+  // then `label` names the clusters.
+  std::function<void(Card&)> setup;
+  std::function<void(Card&)> operation;
+  std::function<void(Card&)> label;
+  std::vector<Rule> rules;
+  bool ends_with_flush;
+};
+
+uint64_t g_fh = 0;
+uint64_t g_other = 0;
+
+TEST(Ordering, EachOperationFlushesBetweenTheStepsItReliesOn) {
+  const uint32_t kData = 40000;  // three 16 KiB clusters
+  const Row rows[] = {
+      {"fsync of a growing file",
+       [](Card& c) { g_fh = c.create("/a.bin"); },
+       [&](Card& c) {
+         c.write(g_fh, kData);
+         EXPECT_EQ(c.fsync(g_fh), 0);
+       },
+       [](Card& c) {
+         c.mark(c.find("/a.bin"), "data");
+         c.mark(c.root, "dir");
+       },
+       {{"data", "fat"}, {"fat", "dir"}, {"dir", "fsinfo"}},
+       true},
+      {"close of a written file",
+       [](Card& c) { g_fh = c.create("/b.bin"); },
+       [&](Card& c) {
+         c.write(g_fh, kData);
+         c.close(g_fh);
+       },
+       [](Card& c) {
+         c.mark(c.find("/b.bin"), "data");
+         c.mark(c.root, "dir");
+       },
+       {{"data", "dir"}, {"fat", "dir"}},
+       false},
+      {"mkdir while a writer holds the FAT lock",
+       [](Card& c) { g_other = c.create("/open.bin"); },
+       [](Card& c) { EXPECT_EQ(VELTFuse::__mkdir("/a folder with a long name", 0755), 0); },
+       [](Card& c) {
+         c.mark(c.find("/a folder with a long name"), "folder");
+         c.mark(c.root, "dir");
+       },
+       {{"folder", "dir"}, {"fat", "dir"}},
+       false},
+      {"unlink",
+       [](Card& c) {
+         g_fh = c.create("/gone.bin");
+         c.write(g_fh, kData);
+         c.close(g_fh);
+       },
+       [](Card& c) { EXPECT_EQ(VELTFuse::__unlink("/gone.bin"), 0); },
+       [](Card& c) { c.mark(c.root, "dir"); },
+       {{"dir", "fat"}},
+       false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    Card c;
+    row.setup(c);
+    const size_t from = c.f.driver->requests.size();
+    row.operation(c);
+    row.label(c);
+    const auto t = c.trace(from);
+    for (const Rule& r : row.rules) EXPECT_TRUE(flushedBefore(t, r.before, r.after));
+    if (row.ends_with_flush) {
+      ASSERT_FALSE(t.empty());
+      EXPECT_EQ(t.back(), "flush") << join(t);
+    }
+  }
+}
+
+}  // namespace
