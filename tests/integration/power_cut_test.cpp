@@ -104,10 +104,29 @@ class Session {
     std::string path;
     std::string data;
   };
+  // Names in the folder of `path`: a creation in a full reserved folder takes over (recycles)
+  // the recording taken over longest ago, whose promises go with it.
+  std::set<std::string> siblings(const std::string& path) {
+    std::set<std::string> out;
+    auto dir = volume_->findEntry(path.substr(0, path.rfind('/')).c_str());
+    if (dir == nullptr) return out;
+    std::lock_guard lock(dir->children_mutex_);
+    for (const auto& c : dir->children_) out.insert(path.substr(0, path.rfind('/') + 1) + c->name_);
+    return out;
+  }
+  void forgetRecycled(const std::set<std::string>& before, const std::string& path) {
+    std::set<std::string> after = siblings(path);
+    for (const auto& name : before) {
+      if (after.count(name) == 0) p.forget(name);
+    }
+  }
+
   Open create(const std::string& path) {
     p.forget(path);
     fuse_file_info fi{};
+    const std::set<std::string> before = siblings(path);
     int r = VELTFuse::__create(path.c_str(), 0644, &fi);
+    forgetRecycled(before, path);
     check();
     if (r != 0) throw std::runtime_error("create " + path + ": " + std::to_string(r));
     return Open{fi.fh, path, {}};
@@ -195,7 +214,9 @@ class Session {
   // The channel: create, write (optionally with publication), close, as its worker runs them.
   int channelCreate(const std::string& path) {
     p.forget(path);
+    const std::set<std::string> before = siblings(path);
     auto reply = run(100, kDirectOpCreate, 0, 2, path.c_str(), static_cast<uint32_t>(path.size() + 1));
+    forgetRecycled(before, path);
     check();
     if (reply == nullptr || reply->param_ < 0) throw std::runtime_error("channel create " + path);
     return reply->param_;
@@ -524,7 +545,6 @@ void reservedRecordings(Session& s) {
   // Fill the folder, then one more: the oldest recording is taken over again.
   unsigned seed = 80;
   while (taken.size() < g_capacity) channelRecording("/REC/fill " + std::to_string(seed++) + ".mp4", seed);
-  s.p.forget(taken.front());
   mountRecording("/REC/recycled.mp4", 90);
 }
 
