@@ -297,12 +297,10 @@ int VELT::File::close() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     uncommitted = uncommitted_ != 0;
+    uncommitted_ = 0;
   }
-  if (update && uncommitted && velt_ != nullptr && velt_->pbr_ != nullptr) {
-    // New data: the record that reaches it goes out only after the data and the chain.
-    if (commit(false) != 0) result = -EIO;
-  } else if (update && velt_ != nullptr) {
-    if (written_ && velt_->pbr_ != nullptr) {
+  if (update && velt_ != nullptr) {
+    if ((written_ || uncommitted) && velt_->pbr_ != nullptr) {
       PBR* pbr = velt_->pbr_;
       pbr->flushFATs();
       // A writer without a FAT-lock count (an existing file opened again, a direct file) took
@@ -313,8 +311,10 @@ int VELT::File::close() {
         pbr->updateFSInfo();
       }
     }
+    // New data and its chain reach the card before the record that points at them.
+    if (uncommitted && velt_->sync() != 0) result = -EIO;
     std::lock_guard lock(entry_->files_mutex_);
-    entry_->update2(accessed_ != 0, written_ != 0);
+    entry_->update2(accessed_ != 0, written_ != 0 || uncommitted);
     // Data still pending in the write buffer goes out now; losing it must reach the closer.
     if (velt_->flush() != 0 && result == 0) result = -EIO;
   }

@@ -280,7 +280,7 @@ TEST(CallbacksWithoutVolume, AnswerTheirNoVolumeError) {
       {"write", VELTFuse::__write("/a", buf, sizeof(buf), 0, &fi), -EINVAL},
       {"flush", VELTFuse::__flush("/a", &fi), -EINVAL},
       {"release", VELTFuse::__release("/a", &fi), -ENODEV},
-      {"fsync", VELTFuse::__fsync("/a", 0, &fi), 0},
+      {"fsync", VELTFuse::__fsync("/a", 0, &fi), -ENODEV},
       {"mkdir", VELTFuse::__mkdir("/d", 0755), -ENODEV},
       {"create", VELTFuse::__create("/a", 0644, &fi), -ENODEV},
       {"unlink", VELTFuse::__unlink("/a"), -EINVAL},

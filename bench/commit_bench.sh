@@ -1,0 +1,54 @@
+#!/usr/bin/env bash
+# Run by hand (it mounts); never part of the tests. What the commit interval costs a recording:
+# a sequential write through the mount in 1 MiB blocks, with the default interval and with
+# -o commit=0, each on a fresh card image, alternating, best of ROUNDS.
+# Settings (environment): MB (1024), CARD (2G), ROUNDS (3), VELT_BIN (default build/velt.fuse).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+MB=${MB:-1024}
+CARD=${CARD:-2G}
+ROUNDS=${ROUNDS:-3}
+VELT_BIN=${VELT_BIN:-$(pwd)/build/velt.fuse}
+
+work=$(mktemp -d /tmp/velt_commit_XXXXXX)
+pid=""
+cleanup() {
+  set +e
+  grep -q " $work/mnt " /proc/mounts && fusermount3 -u "$work/mnt"
+  [ -n "$pid" ] && wait "$pid" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+mkdir -p "$work/mnt" "$work/root/dev" "$work/root/tmp"
+: >"$work/root/dev/mmcblk0p1"
+
+run_once() {  # mount options...; prints seconds
+  local img=$work/root/dev/velt
+  rm -f "$img"
+  truncate -s "$CARD" "$img"
+  echo 'start=2048, type=c' | sfdisk -q "$img"
+  mkfs.fat -F 32 --offset 2048 "$img" $(( ($(stat -c %s "$img") - 1048576) / 1024 )) >/dev/null
+  VELT_ROOT=$work/root "$VELT_BIN" "$@" -f "$work/mnt" >"$work/velt.log" 2>&1 &
+  pid=$!
+  for _ in $(seq 1 3000); do grep -q " $work/mnt " /proc/mounts && break; sleep 0.01; done
+  local s e
+  s=$(date +%s.%N)
+  dd if=/dev/zero of="$work/mnt/recording.mp4" bs=1M count="$MB" conv=fsync status=none
+  e=$(date +%s.%N)
+  fusermount3 -u "$work/mnt"
+  wait "$pid" || true
+  pid=""
+  awk "BEGIN { printf \"%.3f\", $e - $s }"
+}
+
+best_default=999999
+best_off=999999
+for ((r = 1; r <= ROUNDS; r++)); do
+  d=$(run_once)
+  o=$(run_once -o commit=0)
+  echo "round $r: default commit ${d}s, commit=0 ${o}s" >&2
+  best_default=$(awk "BEGIN { print ($d < $best_default) ? $d : $best_default }")
+  best_off=$(awk "BEGIN { print ($o < $best_off) ? $o : $best_off }")
+done
+printf 'write %d MiB, 1 MiB blocks, conv=fsync: default commit %.3f s, commit=0 %.3f s (%+.1f%%)\n' \
+  "$MB" "$best_default" "$best_off" "$(awk "BEGIN { print ($best_default / $best_off - 1) * 100 }")"
