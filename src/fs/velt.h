@@ -110,6 +110,8 @@ enum VELTResult : int {
   kVELTBadVELT = 9,
 };
 
+struct LoadRepairs;  // velt_load.h
+
 class VELT : public std::enable_shared_from_this<VELT> {
  public:
   class DirEntry;  // velt_dirent.h
@@ -331,6 +333,9 @@ class VELT : public std::enable_shared_from_this<VELT> {
   uint8_t* write_buffer_ = nullptr;
   uint8_t* sector_buffer_ = nullptr;
   bool partition_created_ = false;  // a format operation had to create the partition entry
+  // The load found damage too wide to repair safely: nothing is written to the card.
+  std::atomic<bool> read_only_{false};
+  LoadRepairs* load_repairs_ = nullptr;  // repairs the tree build holds back (velt_load.h)
 
   // Block I/O members.
   std::unique_ptr<BlockDriver> driver_;  // backend behind device_fd_

@@ -11,6 +11,8 @@
 
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
+#include "fs/velt_load.h"
 
 namespace velt {
 
@@ -20,6 +22,99 @@ namespace {
 
 std::string folderName(const ReservedFolderDesc& desc) {
   return std::string(desc.name, strnlen(desc.name, sizeof(desc.name)));
+}
+
+// Loads the tree from the root with every repair held back in `repairs`.
+int loadHeldBack(VELT& v, LoadRepairs* repairs) {
+  v.load_repairs_ = repairs;
+  int r = v.loadDirEntries(v.root_.get(), v.pbr_->root_cluster_, v.op_mode_ == kVELTOpFormat, 0);
+  v.load_repairs_ = nullptr;
+  return r;
+}
+
+// Clusters the FAT holds as taken.
+uint32_t usedClusters(VELT& v) {
+  PBR& pbr = *v.pbr_;
+  std::lock_guard<std::mutex> lock(pbr.fat_mutex_);
+  uint32_t used = 0;
+  for (uint32_t c = 2; c < pbr.num_clusters_; ++c) used += pbr.__entry(c) != 0;
+  return used;
+}
+
+// Clusters the FAT holds as taken that no entry reached, beyond the tails cut off files.
+uint32_t lostClusters(VELT& v, const LoadRepairs& repairs) {
+  PBR& pbr = *v.pbr_;
+  std::lock_guard<std::mutex> lock(pbr.fat_mutex_);
+  uint64_t lost = 0;
+  for (uint32_t c = 2; c < pbr.num_clusters_; ++c) {
+    lost += pbr.__entry(c) != 0 && !pbr.isClusterUsed(c);
+  }
+  return static_cast<uint32_t>(lost > repairs.trimmed ? lost - repairs.trimmed : 0);
+}
+
+// Lost chains of a few interrupted writes are repaired; a load that would give back most of
+// what the card holds went wrong somewhere (a root in the wrong place, a FAT copy of garbage).
+constexpr uint32_t kWholesaleMinClusters = 16;
+bool wholesaleLoss(VELT& v, const LoadRepairs& repairs) {
+  const uint32_t lost = lostClusters(v, repairs);
+  return lost >= kWholesaleMinClusters && lost > usedClusters(v) / 2;
+}
+
+// Reloads the layout from the backup boot sector when it differs from the primary one.
+bool switchToBackupBootSector(VELT& v) {
+  PBR* old = v.pbr_;
+  const int64_t backup = static_cast<int64_t>(old->partition_.lba + 6) *
+                         old->partition_.bytes_per_sector;
+  uint8_t sector[512];
+  if (v.read(sector, 512, backup) != 512 || memcmp(sector, old->boot_sector_, 512) == 0) {
+    return false;
+  }
+  LOGW("the primary boot sector leads to a wholesale loss: trying the backup\n");
+  PBR* alt = new (std::nothrow) PBR(&v, old->partition_no_, &old->partition_);
+  if (alt == nullptr) return false;
+  const FormatInfo info = v.format_info_;
+  if (alt->read(true) != 0) {
+    delete alt;
+    v.format_info_ = info;
+    return false;
+  }
+  v.root_->clear();
+  v.pbr_ = alt;
+  delete old;
+  v.initRootEntry(v.root_);
+  return true;
+}
+
+// Writes what the load held back: repaired folders, cut FAT entries, the unreached clusters
+// freed, FSInfo when its free count was wrong, and the primary boot sector when the backup
+// had to stand in for it.
+void commitRepairs(VELT& v, LoadRepairs* repairs) {
+  PBR& pbr = *v.pbr_;
+  const uint32_t len = pbr.cluster_length_;
+  for (const LoadRepairs::DirWrite& d : repairs->dirs) {
+    for (size_t ci = 0; ci < d.chain.size(); ++ci) {
+      if (v.write(d.data.data() + ci * len, len, v.clusterOffset(d.chain[ci]), true) <
+          static_cast<int>(len)) {
+        LOGE("cluster %d write error\n", d.chain[ci]);
+      }
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(pbr.fat_mutex_);
+    for (uint32_t c : repairs->fat_cuts) pbr.__syncFATEntry(c);
+  }
+  const uint32_t counted_before = le32(pbr.fsinfo_ + 488);
+  pbr.releaseUnusedClusters(false);
+  if (pbr.fsinfo_damaged_ || pbr.fsinfo_rebuilt_ || counted_before != pbr.free_cluster_count_) {
+    LOGW("repair: FSInfo free count %u set to %u\n", counted_before, pbr.free_cluster_count_);
+    pbr.updateFSInfo();
+  }
+  if (pbr.pbr_damaged_ && v.op_mode_ == kVELTOpMount) {
+    const int64_t boot = static_cast<int64_t>(pbr.partition_.lba) * pbr.partition_.bytes_per_sector;
+    if (v.write(pbr.boot_sector_, 512, boot, true) == 512) {
+      LOGW("repair: primary boot sector restored from its backup\n");
+    }
+  }
 }
 
 }  // namespace
@@ -48,16 +143,32 @@ int VELT::buildRoot() {
     // A format that keeps nothing: no cluster is reached, so all become free.
     pbr_->releaseUnusedClusters(true);
   } else {
-    int r = loadDirEntries(root_.get(), pbr_->root_cluster_, op_mode_ == kVELTOpFormat, 0);
+    LoadRepairs repairs;
+    int r = loadHeldBack(*this, &repairs);
+    if (r == 0 && op_mode_ == kVELTOpMount && wholesaleLoss(*this, repairs)) {
+      // The primary boot sector may be what leads astray (a wrong root, a wrong FAT size):
+      // the backup gets its chance before the card is given up on.
+      if (!pbr_->pbr_damaged_ && switchToBackupBootSector(*this)) {
+        repairs = LoadRepairs();
+        r = loadHeldBack(*this, &repairs);
+      }
+      if (r == 0 && wholesaleLoss(*this, repairs)) {
+        LOGE("the load would free %u of the %u clusters the FAT holds: nothing is freed or "
+             "repaired, the card is served read-only (check it with fsck)\n",
+             lostClusters(*this, repairs), usedClusters(*this));
+        read_only_ = true;
+        return 0;
+      }
+    }
     if (exclusive) {
       if (r != 0) return r;
       if (!pbr_->is_velt_partition_) return 0;
     } else if (r == 0) {
-      pbr_->releaseUnusedClusters(true);
+      commitRepairs(*this, &repairs);
     } else {
-      // A root that could not be read reaches nothing: freeing what it did not mark would
-      // wipe the card. Leave the FAT as it is and let the mount fail.
-      LOGE("root directory not loaded (%d), unreached clusters kept\n", r);
+      // A tree that could not be read reaches nothing: freeing what it did not mark would
+      // wipe the card. Leave the card as it is and let the mount fail.
+      LOGE("root directory not loaded (%d), nothing repaired, unreached clusters kept\n", r);
       result = r;
     }
   }
@@ -154,7 +265,7 @@ int VELT::rebuildRoot(bool keep_files) {
          ++steps) {
       fat[c] = pbr_->fat1_[c];
       flags[c / 8] |= static_cast<uint8_t>(1u << (c % 8));
-      c = pbr_->fat1_[c];
+      c = pbr_->__entry(c);
     }
   };
 

@@ -13,30 +13,64 @@ namespace velt {
 
 static constexpr const char kLogTag[] = "VELT.PBR";
 
+bool PBR::readFatCopy(uint32_t copy, uint32_t* table) {
+  const size_t bytes = static_cast<size_t>(bytes_per_sector_) * fat_sectors_;
+  return velt_->read(table, static_cast<int>(bytes),
+                     sectorOffset(reserved_sectors_ + copy * fat_sectors_)) ==
+         static_cast<int>(bytes);
+}
+
+// FAT1 could not be read whole: it is read sector by sector, and the sectors the card cannot
+// give are taken from FAT2. False when a sector is unreadable in every copy.
+bool PBR::patchFat1(std::vector<uint32_t>* fat2, bool fat2_read) {
+  const uint32_t per_sector = bytes_per_sector_ / 4;
+  uint32_t patched = 0;
+  for (uint32_t s = 0; s < fat_sectors_; ++s) {
+    uint32_t* dst = fat1_.data() + static_cast<size_t>(s) * per_sector;
+    if (velt_->read(dst, static_cast<int>(bytes_per_sector_),
+                    sectorOffset(reserved_sectors_ + s)) == static_cast<int>(bytes_per_sector_)) {
+      continue;
+    }
+    uint32_t* alt = fat2->data() + static_cast<size_t>(s) * per_sector;
+    if (!fat2_read &&
+        (num_fats_ < 2 ||
+         velt_->read(alt, static_cast<int>(bytes_per_sector_),
+                     sectorOffset(reserved_sectors_ + fat_sectors_ + s)) !=
+             static_cast<int>(bytes_per_sector_))) {
+      LOGE("FAT sector %u unreadable in every copy\n", s);
+      return false;
+    }
+    memcpy(dst, alt, bytes_per_sector_);
+    ++patched;
+  }
+  LOGW("FAT1: %u unreadable sectors taken from FAT2\n", patched);
+  return true;
+}
+
 int PBR::loadFATs() {
   fat_damaged_ = false;
-  size_t bytes = static_cast<size_t>(bytes_per_sector_) * fat_sectors_;
   try {
     fat1_.assign(fat_clusters_, 0);
     fat1_flags_.assign((fat_clusters_ + 7) / 8, 0);
-    if (velt_->read(fat1_.data(), static_cast<int>(bytes), sectorOffset(reserved_sectors_)) <
-        static_cast<int>(bytes)) {
+    // The card is little-endian; so is every host this runs on (checked at compile time).
+    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "FAT images are little-endian");
+    std::vector<uint32_t> fat2;
+    if (num_fats_ > 1) fat2.assign(fat_clusters_, 0);
+    const bool fat1_read = readFatCopy(0, fat1_.data());
+    const bool fat2_read = num_fats_ > 1 && readFatCopy(1, fat2.data());
+    if (!fat1_read) {
       int err = errno;
       LOGE("FAT1 read error: %d(%s)\n", err, strerror(err));
       fat_damaged_ = true;
-      return -1;
+      if (num_fats_ < 2 || !patchFat1(&fat2, fat2_read)) return -1;
     }
-    // The card is little-endian; so is every host this runs on (checked at compile time).
-    static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "FAT images are little-endian");
-    if (num_fats_ > 1) {
-      std::vector<uint32_t> fat2(fat_clusters_, 0);
-      if (velt_->read(fat2.data(), static_cast<int>(bytes),
-                      sectorOffset(reserved_sectors_ + fat_sectors_)) < static_cast<int>(bytes)) {
-        int err = errno;
-        LOGE("FAT2 read error: %d(%s)\n", err, strerror(err));
-        fat_damaged_ = true;
-        return -1;
-      }
+    if (num_fats_ > 1 && !fat2_read) {
+      // Rewritten from FAT1 once the tree is built.
+      int err = errno;
+      LOGE("FAT2 read error: %d(%s)\n", err, strerror(err));
+      fat_damaged_ = true;
+    }
+    if (num_fats_ > 1 && fat2_read) {
       int mismatched = 0;
       for (uint32_t c = 0; c < num_clusters_; ++c) {
         if (fat1_[c] == fat2[c]) continue;
@@ -65,7 +99,7 @@ uint32_t PBR::__nextCluster(uint32_t c) {
     NERIO_ASSERT_MSG(num_clusters_ > c, ": %d > %d(0x%08x)\n", num_clusters_, c, c);
     return FAT_EOC;
   }
-  return fat1_[c];
+  return __entry(c);
 }
 
 bool PBR::__isValidCluster(uint32_t c) {
@@ -201,14 +235,14 @@ int64_t PBR::scanFreeCluster() {
   uint32_t start = next_free_cluster_number_;
   if (start < num_clusters_) {
     for (uint32_t c = std::max<uint32_t>(start, 2); c < num_clusters_; ++c) {
-      if (fat1_[c] == 0) return c;
+      if (__entry(c) == 0) return c;
     }
   }
   LOGW("the end of the fat table reaches. started @ %d / %d, retry from the begin...\n", start,
        num_clusters_);
   next_free_cluster_number_ = root_cluster_ + 1;
   for (uint32_t c = root_cluster_ + 1; c < num_clusters_; ++c) {
-    if (fat1_[c] == 0) return c;
+    if (__entry(c) == 0) return c;
   }
   return -1;
 }
@@ -232,7 +266,7 @@ int64_t PBR::allocCluster(bool zero) {
     return FAT_EOC;
   }
   uint32_t c = static_cast<uint32_t>(found);
-  fat1_[c] = FAT_EOC;
+  __setEntry(c, FAT_EOC);
   if (isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, cluster_number) == false");
   setUsedBit(c);
   if (__syncFATEntry(c) != 0) return -1;
@@ -265,11 +299,11 @@ int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
     // The new end goes out before the link to it, so the card never holds a chain that runs
     // into a free cluster.
     if (first == FAT_EOC) first = c;
-    fat1_[c] = FAT_EOC;
+    __setEntry(c, FAT_EOC);
     if (isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, next_cluster_number) == false");
     setUsedBit(c);
     if (__syncFATEntry(c) != 0) return -1;
-    fat1_[tail] = c;
+    __setEntry(tail, c);
     if (__syncFATEntry(tail) != 0) return -1;
     tail = c;
   }
@@ -279,7 +313,7 @@ int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
 int PBR::endOfCluster(uint32_t c) {
   std::lock_guard<std::mutex> lock(fat_mutex_);
   if (c >= num_clusters_) return -1;
-  fat1_[c] = FAT_EOC;
+  __setEntry(c, FAT_EOC);
   if (!isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, cluster_number)");
   setUsedBit(c);
   return __syncFATEntry(c) == 0 ? 0 : -1;
@@ -291,7 +325,7 @@ int PBR::__freeCluster(uint32_t c) {
     next_free_cluster_number_ = c;
   }
   ++free_cluster_count_;
-  fat1_[c] = 0;
+  __setEntry(c, 0);
   fat1_flags_[c / 8] &= static_cast<uint8_t>(~(1u << (c % 8)));
   return __syncFATEntry(c);
 }
@@ -311,7 +345,7 @@ int PBR::freeClusterChains(uint32_t first, bool zero) {
       } else {
         uint32_t cur = first;
         for (uint32_t steps = 0; steps < num_clusters_; ++steps) {
-          uint32_t next = fat1_[cur];
+          uint32_t next = __entry(cur);
           if (next == 0) break;
           if (zero) zeroCluster(cur);
           __freeCluster(cur);
@@ -357,7 +391,7 @@ bool PBR::checkClusterChains(uint32_t first, size_t size) {
       return false;
     }
     prev = cur;
-    cur = fat1_[cur];
+    cur = __entry(cur);
     total += cluster_length_;
   }
 }
@@ -381,7 +415,7 @@ int64_t PBR::getClusterCount(uint32_t first) {
     }
     ++count;
     prev = cur;
-    cur = fat1_[cur];
+    cur = __entry(cur);
   }
   return count;
 }
@@ -420,9 +454,9 @@ int PBR::__releaseUnusedClusters(bool write_fsinfo) {
     bool changed = false;
     for (uint32_t c = 2; c < num_clusters_; ++c) {
       if (isClusterUsed(c)) continue;
-      if (fat1_[c] != 0) {
+      if (__entry(c) != 0) {
         changed = true;
-        fat1_[c] = 0;
+        __setEntry(c, 0);
         __markFATSectorDirty(static_cast<uint32_t>(4ull * c / bytes_per_sector_));
       }
       if (count == 0) first = c;
@@ -443,9 +477,9 @@ int PBR::releaseUnusedClusters(bool write_fsinfo) {
 int PBR::fixFATEntry(uint32_t c, uint32_t value) {
   std::lock_guard<std::mutex> lock(fat_mutex_);
   if (c >= num_clusters_) return -1;
-  uint32_t old = fat1_[c];
+  uint32_t old = __entry(c);
   LOGI("fix fat entry [%d(0x%08x)] %d(0x%08x) -> %d(0x%08x)\n", c, c, old, old, value, value);
-  fat1_[c] = value;
+  __setEntry(c, value);
   __syncFATEntry(c);
   __flushFATs();
   return 0;

@@ -219,6 +219,10 @@ bool VELT::fetchSector(int64_t sector, uint8_t* dst) {
 int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache) {
   if (len == 0) return 0;
   if (off < 0) return -1;
+  if (read_only_) {
+    errno = EROFS;
+    return -1;
+  }
   const uint8_t* src = static_cast<const uint8_t*>(src_ptr);
   std::lock_guard<std::mutex> lock(io_mutex_);
   if (driver_ == nullptr || write_buffer_ == nullptr) return -1;

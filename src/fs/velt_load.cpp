@@ -69,7 +69,7 @@ int VELT::loadDirEntries(DirEntry* cur, uint32_t start_cluster, bool formatting,
     return scan->run();
   } catch (const std::bad_alloc&) {
     LOGE("got exception when loading directory entries (cluster %d)\n", start_cluster);
-    return -1;
+    return kLoadNoMemory;
   }
 }
 
@@ -80,7 +80,9 @@ DirScan::DirScan(VELT* velt, VELT::DirEntry* cur, uint32_t start_cluster, bool f
       cur_(cur),
       start_cluster_(start_cluster),
       formatting_(formatting),
-      depth_(depth) {}
+      depth_(depth) {
+  claims_ = velt->load_repairs_ != nullptr;
+}
 
 int DirScan::run() {
   int r = prepare();
@@ -104,7 +106,17 @@ int DirScan::prepare() {
     return -1;
   }
   cur_->clear();
-  if (depth_ == 0 && !pbr_->checkClusterChains(start_cluster_)) {
+  if (depth_ == 0 && claims_) {
+    Claim c = claim(start_cluster_, folderMaxClusters(), true, false);
+    if (c.first_bad != nullptr) {
+      LOGE("[%s] wrong cluster chains.\n", path().c_str());
+      return -1;
+    }
+    if (c.cut_after != 0) {
+      noteRepair("[/] chain %s: cut after cluster %u", c.cut_why, c.cut_after);
+    }
+    velt_->load_repairs_->starts.insert(start_cluster_);
+  } else if (depth_ == 0 && !pbr_->checkClusterChains(start_cluster_)) {
     LOGE("[%s] wrong cluster chains.\n", path().c_str());
     return -1;
   }
@@ -133,13 +145,13 @@ int DirScan::prepare() {
     work_.assign(bytes, 0);
   } catch (const std::bad_alloc&) {
     LOGE("got exception when creating cluster data: %d bytes\n", static_cast<int>(bytes));
-    return -1;
+    return records > kMaxDirectoryRecords ? -1 : kLoadNoMemory;
   }
   try {
     cur_->entry_map_.assign(static_cast<size_t>(records), 0);
   } catch (const std::bad_alloc&) {
     LOGE("got exception when resizing VELTFile map table...\n");
-    return -1;
+    return kLoadNoMemory;
   }
   entry_count_ = static_cast<int>(records);
   chain_.reserve(static_cast<size_t>(clusters));
@@ -155,10 +167,14 @@ int DirScan::readChain() {
     if (velt_->read(dst, static_cast<int>(len), velt_->clusterOffset(cluster)) <
         static_cast<int>(len)) {
       LOGE("cluster %d read error\n", cluster);
-      return -1;
+      return kLoadReadError;
     }
     memcpy(work_.data() + static_cast<size_t>(ci) * len, dst, len);
     chain_.push_back(cluster);
+    if (ci == 0 && claims_ && cur_->parent_ != nullptr) {
+      int r = checkDotRecords();
+      if (r != 0) return r;
+    }
     for (int k = 0; k < per_cluster_; ++k) {
       int r = record(ci * per_cluster_ + k);
       if (r < 0) return r;
@@ -169,7 +185,7 @@ int DirScan::readChain() {
     }
     if (!isChainCluster(cluster)) break;
   }
-  return 0;
+  return claims_ ? loadPending() : 0;
 }
 
 int64_t DirScan::recordOffset(int index) const {
@@ -206,6 +222,13 @@ int DirScan::record(int index) {
     case DIR_ENTRY_FREE:
       return emptyRecord(index);
     case DIR_ENTRY_DELETED:
+      if (lfn_mode_) {
+        // The name's record was deleted and its long name left behind.
+        LOGI("orphaned long-name records, mark deleted ones (order %d~%d)\n", lfn_xord_,
+             lfn_ent_count_);
+        markSlots(lfn_xord_, lfn_ent_count_);
+        applyRepairRule();
+      }
       resetLfn();
       return 0;
     default:
@@ -309,7 +332,7 @@ int DirScan::openSequence(int index, int ord) {
   } catch (const std::bad_alloc&) {
     LOGE("got exception when creating lfn buffer: %d lfns, %d words\n", ord,
          kLfnCharsPerRecord * ord);
-    return -1;
+    return kLoadNoMemory;
   }
   lfn_valid_ = false;
   return collect(index, ord);
@@ -399,7 +422,7 @@ int DirScan::shortNameRecord(int index) {
     entry = std::make_shared<VELT::DirEntry>(velt_);
   } catch (const std::bad_alloc&) {
     LOGE("got exception when creating DirEntry!\n");
-    return -1;
+    return kLoadNoMemory;
   }
 
   std::string name;
@@ -448,6 +471,20 @@ int DirScan::shortNameRecord(int index) {
     entry->lfn_disk_offsets_.assign(offsets, static_cast<size_t>(lfn_ent_count_));
   }
 
+  if (claims_ && !reserved() && !is_label &&
+      (attr & (kAttrDirectory | kAttrVolumeId)) != (kAttrDirectory | kAttrVolumeId)) {
+    int dropped = 0;
+    if (is_file) {
+      dropped = fileRecord(index, wrec(index), name);
+    } else if ((attr & kAttrDirectory) != 0) {
+      dropped = folderRecord(index, wrec(index), dot, name);
+    }
+    if (dropped != 0) {
+      resetLfn();
+      return 0;
+    }
+  }
+
   entry->dir_ent_disk_off_ = recordOffset(index);
   cur_->addChild(entry);
   if (entry->init(name.c_str(), short_name.c_str(), attr, wrec(index)) != 0) {
@@ -460,8 +497,17 @@ int DirScan::shortNameRecord(int index) {
   }
 
   const uint32_t child_cluster = entry->start_cluster_;
-  if (entry->isDir() && !dot && child_cluster != 0 && child_cluster != start_cluster_ &&
-      child_cluster != cur_->start_cluster_) {
+  if (claims_ && entry->isDir() && !dot && !(formatting_ && cur_ == velt_->root_.get())) {
+    PendingDir pd{entry, index, {}};
+    if (lfn_valid_) {
+      for (int k = std::max(lfn_xord_, 1); k <= std::min(lfn_ent_count_, FAT32_LFN_ENTRY_COUNT_MAX);
+           ++k) {
+        if (slots_[k - 1].p != nullptr) pd.lfn.push_back(slots_[k - 1].p);
+      }
+    }
+    pending_.push_back(std::move(pd));
+  } else if (entry->isDir() && !dot && child_cluster != 0 && child_cluster != start_cluster_ &&
+             child_cluster != cur_->start_cluster_) {
     if (formatting_ && cur_ == velt_->root_.get()) {
       cur_->removeChild(entry, true);
     } else {
@@ -488,6 +534,7 @@ int DirScan::loadSubdirectory(const std::shared_ptr<VELT::DirEntry>& child, int 
     r = velt_->loadDirEntries(child.get(), child->start_cluster_, false, depth_ + 1);
   }
   if (r >= 0) return 0;
+  if (isHardLoadError(r)) return r;
 
   LOGE("loading [%s] failed, mark deleted one\n", child->getPath().c_str());
   markDeleted(index);
@@ -511,12 +558,22 @@ int DirScan::loadSubdirectory(const std::shared_ptr<VELT::DirEntry>& child, int 
 
 int DirScan::finish() {
   VELT_REPORT(!lfn_mode_ && !lfn_valid_, "lfn_mode == false && lfn_valid == false", "\n");
+  if (lfn_mode_ && !reserved()) {
+    // A long name at the very end of the folder, without its name record.
+    LOGI("orphaned long-name records, mark deleted ones (order %d~%d)\n", lfn_xord_,
+         lfn_ent_count_);
+    markSlots(lfn_xord_, lfn_ent_count_);
+    applyRepairRule();
+    resetLfn();
+  }
+  if (velt_->op_mode_ == kVELTOpExclusive && repaired_) return -EBADF;
   if (modified_) {
     if (velt_->op_mode_ == kVELTOpExclusive) return -EBADF;
     LOGW("[%s] modified, flush now\n", path().c_str());
     int r = writeBack();
     if (r != 0) return r;
   }
+  if (claims_ && !reserved()) return 0;  // every chain was claimed as it was found
   std::vector<uint32_t> clusters;
   {
     std::lock_guard lock(cur_->children_mutex_);
@@ -531,11 +588,20 @@ int DirScan::finish() {
 
 int DirScan::writeBack() {
   const uint32_t len = pbr_->cluster_length_;
-  for (size_t ci = 0; ci < chain_.size(); ++ci) {
+  // At mount time the tree build writes the repaired folders once it has judged the whole card.
+  for (size_t ci = 0; ci < chain_.size() && !claims_; ++ci) {
     if (velt_->write(work_.data() + ci * len, len, velt_->clusterOffset(chain_[ci]), true) <
         static_cast<int>(len)) {
       LOGE("cluster %d write error\n", chain_[ci]);
       return -1;
+    }
+  }
+  if (claims_) {
+    try {
+      velt_->load_repairs_->dirs.push_back(LoadRepairs::DirWrite{chain_, work_});
+    } catch (const std::bad_alloc&) {
+      LOGE("got exception when keeping a repaired folder\n");
+      return kLoadNoMemory;
     }
   }
   // The slot map follows the card: repaired records are deleted ones now.

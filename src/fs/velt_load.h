@@ -3,9 +3,11 @@
 // (velt_load.cpp, velt_load_reserved.cpp).
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "fs/velt.h"
@@ -14,6 +16,28 @@
 namespace velt {
 
 constexpr int FAT32_LFN_ENTRY_COUNT_MAX = 20;  // largest long-name order accepted
+
+// Results of a directory load beyond 0 and -1 (damage: the parent deletes the folder's record).
+// A card that cannot be read, or memory that runs out, fails the whole mount: nothing is
+// repaired on the strength of what could not be seen.
+constexpr int kLoadReadError = -EIO;
+constexpr int kLoadNoMemory = -ENOMEM;
+constexpr int kLoadNotAFolder = -ENOTDIR;  // the clusters hold no "." and ".." records
+inline bool isHardLoadError(int r) { return r == kLoadReadError || r == kLoadNoMemory; }
+
+// What the mount-time tree build holds back until it has seen the whole card: directories to
+// write back and FAT entries cut. They reach the card only when the load is judged sound.
+struct LoadRepairs {
+  struct DirWrite {
+    std::vector<uint32_t> chain;
+    std::vector<uint8_t> data;
+  };
+  std::vector<DirWrite> dirs;
+  std::vector<uint32_t> fat_cuts;        // clusters whose entry became an end of chain
+  std::unordered_set<uint32_t> starts;   // first clusters of the entries loaded so far
+  uint64_t trimmed = 0;                  // clusters cut off file chains beyond their size
+  int count = 0;                         // repairs made
+};
 
 // Prints `size` bytes as offset, hex and characters, 16 a line, to standard output.
 void dumpRecords(const char* label, const uint8_t* data, int size);
@@ -67,6 +91,36 @@ class DirScan {
   int collect(int index, int ord);
   int shortNameRecord(int index);
   int loadSubdirectory(const std::shared_ptr<VELT::DirEntry>& child, int index);
+
+  // Chain ownership at mount time (velt_load_claim.cpp): every cluster belongs to the first
+  // entry that reaches it; later chains are cut before it.
+  struct Claim {
+    uint32_t clusters = 0;     // clusters the entry keeps
+    const char* first_bad = nullptr;  // why the first cluster cannot be used (null: usable)
+    bool first_shared = false;        // the first cluster is another entry's first cluster
+    uint32_t cut_after = 0;    // cluster whose entry became an end of chain (0: no cut)
+    uint32_t cut_old = 0;      // its raw entry before
+    const char* cut_why = nullptr;
+    std::vector<uint32_t> taken;  // clusters marked (folders only, for a rollback)
+  };
+  Claim claim(uint32_t first, uint64_t max_clusters, bool take, bool keep_list);
+  void releaseClaim(const Claim& c);
+  void noteRepair(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+  uint64_t folderMaxClusters() const;
+  int checkDotRecords();
+  int fileRecord(int index, uint8_t* w, const std::string& name);
+  int folderRecord(int index, uint8_t* w, bool dot, const std::string& name);
+  void deleteWithLongName(int index);
+  int loadPending();
+
+  struct PendingDir {
+    std::shared_ptr<VELT::DirEntry> entry;
+    int index;
+    std::vector<uint8_t*> lfn;  // its long-name records in the working copy
+  };
+  std::vector<PendingDir> pending_;
+  bool claims_ = false;  // a mount-time build: chains are claimed as entries are found
+  bool repaired_ = false;  // a repair that exclusive mode must refuse
   int finish();
   int writeBack();
 

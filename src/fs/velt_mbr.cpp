@@ -74,6 +74,16 @@ int MBR::read() {
       LOGI("partition[%d] bytes/sector is zero, set default %d!\n", i, 512);
       p.bytes_per_sector = 512;
     }
+    // Driver requests carry 32-bit sector numbers: a partition reaching past 2^32 sectors
+    // would have its writes wrap to the start of the card.
+    const uint64_t end = (static_cast<uint64_t>(p.lba) + p.total_sectors) * p.bytes_per_sector /
+                         kDriverSectorSize;
+    if (end > (uint64_t{1} << 32)) {
+      LOGE("partition[%d] ends at sector %llu, beyond the 2^32 sectors the card can be "
+           "addressed with: refused\n",
+           i, static_cast<unsigned long long>(end));
+      continue;
+    }
     p.valid = true;
     ++partition_count_;
   }

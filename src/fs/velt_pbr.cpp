@@ -3,8 +3,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "fs/velt.h"
 #include "fs/velt_endian.h"
@@ -17,13 +19,20 @@ namespace {
 
 // Boot sector fields.
 constexpr int kOemName = 3, kBytesPerSector = 11, kSectorsPerCluster = 13, kReservedSectors = 14,
-              kNumFats = 16, kRootEntryCount = 17, kMedia = 21, kTotalSectors32 = 32,
+              kNumFats = 16, kRootEntryCount = 17, kTotalSectors16 = 19, kMedia = 21, kTotalSectors32 = 32,
               kFatSectors = 36, kExtFlags = 40, kRootCluster = 44, kFsInfoSector = 48,
               kBackupBootSector = 50, kVolumeId = 67, kVolumeLabel = 71, kFsType = 82;
 // FSInfo fields.
 constexpr int kLeadSignature = 0, kFormatInfo = 4, kStructSignature = 484, kFreeCount = 488,
               kNextFree = 492;
 constexpr uint32_t kBackupBootFixed = 6;
+constexpr uint32_t kMaxClusterBytes = 65536;
+
+// Small volumes may keep their size in the 16-bit field and leave the 32-bit one 0.
+uint32_t totalSectors(const uint8_t* b) {
+  const uint32_t total = le32(b + kTotalSectors32);
+  return total != 0 ? total : le16(b + kTotalSectors16);
+}
 
 bool hasSignature(const uint8_t* s) { return s[510] == 0x55 && s[511] == 0xAA; }
 
@@ -46,19 +55,82 @@ int PBR::readSector(uint32_t sector, uint8_t* buf) {
   return velt_->read(buf, 512, sectorOffset(sector));
 }
 
-int PBR::read() {
-  if (partition_.lba == 0) NERIO_ASSERT_TEXT("partition_.lba != 0");
-  int64_t boot_offset = static_cast<int64_t>(partition_.lba) * partition_.bytes_per_sector;
-  if (velt_->read(boot_sector_, 512, boot_offset) < 512) {
-    int err = errno;
-    LOGE("PBR read error: %d(%s)\n", err, strerror(err));
-    pbr_damaged_ = true;
-  } else if (!hasSignature(boot_sector_)) {
-    LOGE("PBR signature failed: %02x %02x, should be 55 aa\n", boot_sector_[510],
-         boot_sector_[511]);
-    pbr_damaged_ = true;
+namespace {
+
+// What FAT32 allows of the boot sector's geometry, judged before any of it sizes a buffer or
+// addresses a sector. Empty when usable, else what is wrong. `card_sectors` is the card's size
+// in 512-byte sectors, 0 when unknown.
+std::string checkGeometry(const uint8_t* b, const Partition& part, int64_t card_sectors) {
+  const uint32_t bps = le16(b + kBytesPerSector);
+  const uint32_t spc = b[kSectorsPerCluster];
+  const uint32_t reserved = le16(b + kReservedSectors);
+  const uint32_t fats = b[kNumFats];
+  const uint32_t total = totalSectors(b);
+  const uint32_t fat_sectors = le32(b + kFatSectors);
+  const uint32_t root = le32(b + kRootCluster);
+  const uint32_t fsinfo = le16(b + kFsInfoSector);
+  const uint32_t backup = le16(b + kBackupBootSector);
+  char why[160];
+  auto bad = [&why](const char* fmt, auto... args) {
+    snprintf(why, sizeof(why), fmt, args...);
+    return std::string(why);
+  };
+  if (bps != 512 && bps != 1024 && bps != 2048 && bps != 4096)
+    return bad("%u bytes per sector", bps);
+  if (spc == 0 || (spc & (spc - 1)) != 0 || spc * bps > kMaxClusterBytes)
+    return bad("%u sectors per cluster", spc);
+  if (fats < 1 || fats > 2) return bad("%u FAT copies", fats);
+  if (reserved < 2) return bad("%u reserved sectors", reserved);
+  if (fsinfo == 0 || fsinfo >= reserved) return bad("FSInfo at sector %u", fsinfo);
+  if (backup != 0 && backup != 0xFFFF &&
+      (backup >= reserved || backup == fsinfo || backup + 1 == fsinfo))
+    return bad("backup boot sector at %u", backup);
+  if (total == 0) return bad("%u sectors", total);
+  // The file system must lie inside its partition.
+  const uint64_t fs_bytes = static_cast<uint64_t>(total) * bps;
+  if (fs_bytes > static_cast<uint64_t>(part.total_sectors) * part.bytes_per_sector)
+    return bad("%u sectors of %u bytes, larger than the partition", total, bps);
+  if (fat_sectors == 0) return bad("%u sectors per FAT", fat_sectors);
+  const uint64_t meta = reserved + static_cast<uint64_t>(fats) * fat_sectors;
+  if (meta >= total) return bad("%u sectors per FAT", fat_sectors);
+  // Every FAT copy must be on the card to be read.
+  if (card_sectors > 0) {
+    const uint64_t fat_end = static_cast<uint64_t>(part.lba) * part.bytes_per_sector + meta * bps;
+    if (fat_end > static_cast<uint64_t>(card_sectors) * 512)
+      return bad("FATs end beyond the card (%u sectors per FAT)", fat_sectors);
   }
-  if (pbr_damaged_) {
+  const uint64_t clusters = (total - meta) / spc + 2;
+  const uint64_t fat_entries = static_cast<uint64_t>(fat_sectors) * bps / 4;
+  const uint64_t usable = std::min<uint64_t>({clusters, fat_entries, kMaxClusters});
+  if (root < 2 || root >= usable) return bad("root cluster %u", root);
+  return std::string();
+}
+
+}  // namespace
+
+int PBR::loadBootSector(bool backup_only) {
+  const int64_t boot_offset = static_cast<int64_t>(partition_.lba) * partition_.bytes_per_sector;
+  const int64_t card_sectors = velt_->driver_ != nullptr ? velt_->driver_->sizeInSectors() : 0;
+  bool damaged = backup_only;
+  if (!backup_only) {
+    if (velt_->read(boot_sector_, 512, boot_offset) < 512) {
+      int err = errno;
+      LOGE("PBR read error: %d(%s)\n", err, strerror(err));
+      damaged = true;
+    } else if (!hasSignature(boot_sector_)) {
+      LOGE("PBR signature failed: %02x %02x, should be 55 aa\n", boot_sector_[510],
+           boot_sector_[511]);
+      damaged = true;
+    } else if (le16(boot_sector_ + kRootEntryCount) == 0) {
+      std::string why = checkGeometry(boot_sector_, partition_, card_sectors);
+      if (!why.empty()) {
+        LOGE("PBR fields out of range: %s\n", why.c_str());
+        damaged = true;
+      }
+    }
+  }
+  if (damaged) {
+    pbr_damaged_ = true;
     int64_t backup_offset =
         static_cast<int64_t>(partition_.lba + kBackupBootFixed) * partition_.bytes_per_sector;
     if (velt_->read(boot_sector_, 512, backup_offset) < 512) {
@@ -71,8 +143,49 @@ int PBR::read() {
            boot_sector_[511]);
       return -1;
     }
+    if (le16(boot_sector_ + kRootEntryCount) == 0) {
+      std::string why = checkGeometry(boot_sector_, partition_, card_sectors);
+      if (!why.empty()) {
+        LOGE("PBR backup fields out of range: %s\n", why.c_str());
+        return -1;
+      }
+    }
     LOGI("PBR primary damaged!\n");
   }
+  return 0;
+}
+
+bool PBR::hasBackupFsInfo() const {
+  // 0 and 0xFFFF mean "no backup"; a backup FSInfo outside the reserved area would land on
+  // the first FAT.
+  return backup_boot_sector_ != 0 && backup_boot_sector_ != 0xFFFF &&
+         backup_boot_sector_ + 1 < reserved_sectors_ && backup_boot_sector_ + 1 != fsinfo_sector_;
+}
+
+bool PBR::fsinfoUnreadable(uint32_t sector) {
+  uint8_t probe[512];
+  if (readSector(sector, probe) < 512) return true;
+  return false;
+}
+
+void PBR::resetFsInfo() {
+  // Both copies are unusable: the signatures are put back and the counts marked unknown (the
+  // load counts the free clusters and writes them); the format record bytes are kept as read.
+  LOGW("FSInfo rebuilt: counts unknown until the load has counted the clusters\n");
+  if (readSector(fsinfo_sector_, fsinfo_) < 512) memset(fsinfo_, 0, sizeof(fsinfo_));
+  putLe32(fsinfo_ + kLeadSignature, FSINFO_LEAD_SIGNATURE);
+  putLe32(fsinfo_ + kStructSignature, FSINFO_STRUCT_SIGNATURE);
+  putLe32(fsinfo_ + kFreeCount, 0xFFFFFFFF);
+  putLe32(fsinfo_ + kNextFree, 0xFFFFFFFF);
+  memset(fsinfo_ + 496, 0, 14);
+  fsinfo_[510] = 0x55;
+  fsinfo_[511] = 0xAA;
+  fsinfo_rebuilt_ = true;
+}
+
+int PBR::read(bool backup_only) {
+  if (partition_.lba == 0) NERIO_ASSERT_TEXT("partition_.lba != 0");
+  if (loadBootSector(backup_only) != 0) return -1;
 
   uint16_t root_entries = le16(boot_sector_ + kRootEntryCount);
   if (root_entries != 0) {
@@ -96,7 +209,7 @@ int PBR::read() {
   reserved_sectors_ = le16(boot_sector_ + kReservedSectors);
   num_fats_ = boot_sector_[kNumFats];
   media_ = boot_sector_[kMedia];
-  total_sectors_ = le32(boot_sector_ + kTotalSectors32);
+  total_sectors_ = totalSectors(boot_sector_);
   fat_sectors_ = le32(boot_sector_ + kFatSectors);
   ext_flags_ = le16(boot_sector_ + kExtFlags);
   root_cluster_ = le32(boot_sector_ + kRootCluster);
@@ -135,6 +248,8 @@ int PBR::read() {
          num_clusters_, fat_clusters_);
     num_clusters_ = fat_clusters_;
   }
+  // Cluster numbers have 28 bits; the values from the top of that range mark bad and end.
+  num_clusters_ = std::min(num_clusters_, kMaxClusters);
   if (loadFATs() != 0) return -1;
 
   fsinfo_damaged_ = false;
@@ -152,23 +267,25 @@ int PBR::read() {
     fsinfo_damaged_ = true;
   }
   if (fsinfo_damaged_) {
-    if (readSector(backup_boot_sector_ + 1, fsinfo_) < 512) {
+    if (!hasBackupFsInfo()) {
+      if (fsinfoUnreadable(fsinfo_sector_)) return -1;
+      resetFsInfo();
+    } else if (readSector(backup_boot_sector_ + 1, fsinfo_) < 512) {
       int err = errno;
       LOGE("PBR backup FSInfo read error: %d(%s)\n", err, strerror(err));
       return -1;
-    }
-    if (!hasSignature(fsinfo_)) {
+    } else if (!hasSignature(fsinfo_)) {
       LOGE("PBR backup FSInfo signature failed: %02x %02x, should be 55 aa\n", fsinfo_[510],
            fsinfo_[511]);
-      return -1;
-    }
-    if (le32(fsinfo_ + kLeadSignature) != FSINFO_LEAD_SIGNATURE ||
-        le32(fsinfo_ + kStructSignature) != FSINFO_STRUCT_SIGNATURE) {
+      resetFsInfo();
+    } else if (le32(fsinfo_ + kLeadSignature) != FSINFO_LEAD_SIGNATURE ||
+               le32(fsinfo_ + kStructSignature) != FSINFO_STRUCT_SIGNATURE) {
       LOGE("PBR backup FSInfo tag1 tag2 failed: %08x %08x\n", le32(fsinfo_ + kLeadSignature),
            le32(fsinfo_ + kStructSignature));
-      return -1;
+      resetFsInfo();
+    } else {
+      LOGI("PBR primary FSInfo damaged!\n");
     }
-    LOGI("PBR primary FSInfo damaged!\n");
   }
 
   if (is_velt_partition_) {
@@ -271,7 +388,8 @@ int PBR::updateFSInfo(bool force) {
     LOGE("PBR FSInfo write error: %d(%s)\n", err, strerror(err));
     return -1;
   }
-  if (velt_->write(fsinfo_, 512, sectorOffset(backup_boot_sector_ + 1), true) < 512) {
+  if (hasBackupFsInfo() &&
+      velt_->write(fsinfo_, 512, sectorOffset(backup_boot_sector_ + 1), true) < 512) {
     int err = errno;
     LOGE("PBR backup FSInfo write error: %d(%s)\n", err, strerror(err));
     return -1;

@@ -14,6 +14,8 @@ class VELT;
 
 constexpr uint32_t FAT_EOC = 0x0FFFFFF8;  // the end-of-chain value this system writes
 constexpr uint32_t FAT_BAD = 0x0FFFFFF7;
+constexpr uint32_t FAT_ENTRY_MASK = 0x0FFFFFFF;  // the top 4 bits are reserved: kept, never read
+constexpr uint32_t kMaxClusters = FAT_BAD;  // one past the highest cluster number FAT32 allows
 constexpr uint32_t FSINFO_LEAD_SIGNATURE = 0x41615252;
 constexpr uint32_t FSINFO_STRUCT_SIGNATURE = 0x61417272;
 // Fewer data clusters make other FAT tools read a volume as FAT16 (or refuse it).
@@ -24,7 +26,9 @@ class PBR {
   PBR(VELT* velt, int partition_no, const Partition* partition = nullptr);
   ~PBR() = default;
 
-  int read();
+  // Loads and validates boot sector, FATs and FSInfo; `backup_only` skips the primary boot
+  // sector and reads the backup at once.
+  int read(bool backup_only = false);
   int write();
   // Writes FSInfo (and its backup); deferred while the FAT lock is held unless `force`.
   int updateFSInfo(bool force = false);
@@ -68,6 +72,17 @@ class PBR {
   int releaseUnusedClusters(bool write_fsinfo);
   int fixFATEntry(uint32_t cluster, uint32_t value);
 
+  // An entry as chains read it (28 bits), and a change that keeps the entry's reserved top bits.
+  uint32_t __entry(uint32_t c) const { return fat1_[c] & FAT_ENTRY_MASK; }
+  void __setEntry(uint32_t c, uint32_t v) {
+    fat1_[c] = (fat1_[c] & ~FAT_ENTRY_MASK) | (v & FAT_ENTRY_MASK);
+  }
+  void __setUsed(uint32_t c, bool used) {
+    if (used)
+      setUsedBit(c);
+    else
+      fat1_flags_[c / 8] &= static_cast<uint8_t>(~(1u << (c % 8)));
+  }
   uint32_t __nextCluster(uint32_t cluster);
   bool __isValidCluster(uint32_t cluster);
   uint32_t clusterToSector(uint32_t cluster) const;
@@ -123,6 +138,7 @@ class PBR {
   std::vector<uint8_t> zeros_;  // one cluster of zeros
 
   bool valid_ = false;
+  bool fsinfo_rebuilt_ = false;  // neither FSInfo copy was usable; the load writes a new one
   uint8_t boot_sector_[512] = {};
   uint8_t fsinfo_[512] = {};
   // FSInfo as last written to the card (both places); an unchanged FSInfo is not rewritten.
@@ -130,7 +146,13 @@ class PBR {
   bool fsinfo_written_valid_ = false;
 
  private:
+  int loadBootSector(bool backup_only);
+  bool hasBackupFsInfo() const;
+  bool fsinfoUnreadable(uint32_t sector);
+  void resetFsInfo();
   int loadFATs();
+  bool readFatCopy(uint32_t copy, uint32_t* table);
+  bool patchFat1(std::vector<uint32_t>* fat2, bool fat2_read);
   int64_t scanFreeCluster();  // -1 when the FAT is full
   void takeCluster(uint32_t c);
   void zeroCluster(uint32_t c);

@@ -1,0 +1,4 @@
+#include "fuzz_card.h"
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  return velt::fuzz::fuzzChannel(data, size);
+}
