@@ -335,6 +335,8 @@ class VELT : public std::enable_shared_from_this<VELT> {
   bool partition_created_ = false;  // a format operation had to create the partition entry
   // The load found damage too wide to repair safely: nothing is written to the card.
   std::atomic<bool> read_only_{false};
+  // Set by the checker: repair even what looks like wholesale damage instead of going read-only.
+  bool repair_wholesale_ = false;
   LoadRepairs* load_repairs_ = nullptr;  // repairs the tree build holds back (velt_load.h)
 
   // Block I/O members.

@@ -55,20 +55,28 @@ uint32_t lostClusters(VELT& v, const LoadRepairs& repairs) {
 // Lost chains of a few interrupted writes are repaired; a load that would give back most of
 // what the card holds went wrong somewhere (a root in the wrong place, a FAT copy of garbage).
 constexpr uint32_t kWholesaleMinClusters = 16;
+// A folder deleted with its reserved files (or a cut in the middle of a large deletion) leaves
+// long chains behind too, on a card whose structures are sound: the loss counts as wholesale
+// only with a sign of damage besides, FAT copies that differ, boot sectors that differ, or
+// repairs beyond a few.
+constexpr int kWholesaleMinRepairs = 4;
+bool bootCopiesDiffer(VELT& v) {
+  const PBR& pbr = *v.pbr_;
+  const int64_t backup =
+      static_cast<int64_t>(pbr.partition_.lba + 6) * pbr.partition_.bytes_per_sector;
+  uint8_t sector[512];
+  return v.read(sector, 512, backup) == 512 && memcmp(sector, pbr.boot_sector_, 512) != 0;
+}
 bool wholesaleLoss(VELT& v, const LoadRepairs& repairs) {
   const uint32_t lost = lostClusters(v, repairs);
-  return lost >= kWholesaleMinClusters && lost > usedClusters(v) / 2;
+  if (lost < kWholesaleMinClusters || lost <= usedClusters(v) / 2) return false;
+  return v.pbr_->fat_damaged_ || repairs.count >= kWholesaleMinRepairs || bootCopiesDiffer(v);
 }
 
 // Reloads the layout from the backup boot sector when it differs from the primary one.
 bool switchToBackupBootSector(VELT& v) {
   PBR* old = v.pbr_;
-  const int64_t backup = static_cast<int64_t>(old->partition_.lba + 6) *
-                         old->partition_.bytes_per_sector;
-  uint8_t sector[512];
-  if (v.read(sector, 512, backup) != 512 || memcmp(sector, old->boot_sector_, 512) == 0) {
-    return false;
-  }
+  if (!bootCopiesDiffer(v)) return false;
   LOGW("the primary boot sector leads to a wholesale loss: trying the backup\n");
   PBR* alt = new (std::nothrow) PBR(&v, old->partition_no_, &old->partition_);
   if (alt == nullptr) return false;
@@ -105,8 +113,18 @@ void commitRepairs(VELT& v, LoadRepairs* repairs) {
   }
   const uint32_t counted_before = le32(pbr.fsinfo_ + 488);
   pbr.releaseUnusedClusters(false);
-  if (pbr.fsinfo_damaged_ || pbr.fsinfo_rebuilt_ || counted_before != pbr.free_cluster_count_) {
+  // The reserved folders' counts are reconciled by the load; FSInfo carries them.
+  bool info_changed = false;
+  if (v.format_info_.valid() && pbr.is_velt_partition_) {
+    uint8_t info[VELT_FORMAT_INFO_SIZE];
+    v.format_info_.encode(info);
+    info_changed = memcmp(info, pbr.fsinfo_ + 4, sizeof(info)) != 0;
+  }
+  if (counted_before != pbr.free_cluster_count_) {
     LOGW("repair: FSInfo free count %u set to %u\n", counted_before, pbr.free_cluster_count_);
+  }
+  if (pbr.fsinfo_damaged_ || pbr.fsinfo_rebuilt_ || info_changed ||
+      counted_before != pbr.free_cluster_count_) {
     pbr.updateFSInfo();
   }
   if (pbr.pbr_damaged_ && v.op_mode_ == kVELTOpMount) {
@@ -145,7 +163,7 @@ int VELT::buildRoot() {
   } else {
     LoadRepairs repairs;
     int r = loadHeldBack(*this, &repairs);
-    if (r == 0 && op_mode_ == kVELTOpMount && wholesaleLoss(*this, repairs)) {
+    if (r == 0 && op_mode_ == kVELTOpMount && !repair_wholesale_ && wholesaleLoss(*this, repairs)) {
       // The primary boot sector may be what leads astray (a wrong root, a wrong FAT size):
       // the backup gets its chance before the card is given up on.
       if (!pbr_->pbr_damaged_ && switchToBackupBootSector(*this)) {

@@ -209,6 +209,7 @@ int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
   try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -EINVAL;
+    if (velt->read_only_) return -EROFS;  // the load found the card too damaged to repair
     DirEntryPtr entry = resolve(*velt, path);
     if (!entry) return -ENOENT;
     time_t now = time(nullptr);
@@ -281,6 +282,7 @@ int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t 
   try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -EINVAL;
+    if (velt->read_only_) return -EROFS;
     FilePtr file = velt->getFile(static_cast<int>(fi->fh));
     NERIO_ASSERT(file != nullptr);
     if (!file) return -ENOENT;
@@ -356,6 +358,7 @@ int VELTFuse::__mkdir(const char* path, mode_t /*mode*/) {
   try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
+    if (velt->read_only_) return -EROFS;
     std::string parent_path, leaf;
     if (!splitPath(path, &parent_path, &leaf)) {
       NERIO_ASSERT_TEXT("end != nullptr");
@@ -385,6 +388,7 @@ int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info*
   try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
+    if (velt->read_only_) return -EROFS;
     if (DirEntryPtr existing = resolve(*velt, path)) {
       LOGE("[%s] already created.\n", existing->getPath().c_str());
       return -EEXIST;
@@ -413,6 +417,7 @@ int VELTFuse::__unlink(const char* path) {
   try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -EINVAL;
+    if (velt->read_only_) return -EROFS;
     DirEntryPtr entry = resolve(*velt, path);
     if (!entry) return -ENOENT;
     if (entry->parent_ == nullptr || entry->is_dir_ || entry->is_volume_) return -EINVAL;
@@ -427,6 +432,7 @@ int VELTFuse::__rmdir(const char* path) {
   try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
+    if (velt->read_only_) return -EROFS;
     DirEntryPtr entry = resolve(*velt, path);
     if (!entry) return -ENOENT;
     if (entry->parent_ == nullptr || !(entry->is_dir_ || entry->is_volume_)) return -EINVAL;
@@ -441,6 +447,7 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
   try {
     std::shared_ptr<VELT> velt = volume();
     if (!velt) return -ENODEV;
+    if (velt->read_only_) return -EROFS;
     NERIO_ASSERT(from && to);
     if (from == nullptr || to == nullptr) return -EINVAL;
     // There is no atomic exchange of two entries.

@@ -361,6 +361,7 @@ int DirScan::collect(int index, int ord) {
 int DirScan::shortNameRecord(int index) {
   uint8_t* p = rec(index);
   const uint8_t attr = p[rec::kAttr];
+  const bool is_file = (attr & (kAttrDirectory | kAttrVolumeId)) == 0;
   const bool is_label = (attr & 0x3F) == kAttrVolumeId;
   const uint8_t calc_chksum = shortNameChecksum(p);
   if (p[0] == 0x05) p[0] = DIR_ENTRY_DELETED;  // a name starting with 0xE5, as stored

@@ -92,9 +92,10 @@ const std::vector<RepairCase>& repairCases() {
        }},
       {"file size beyond its chain", true,
        [](const FatImage& img) {
-         std::string r = img.record(img.find(img.rootCluster(), "charlie.txt")->sfn);
+         const int64_t sfn = img.find(img.rootCluster(), "README.TXT")->sfn;
+         std::string r = img.record(sfn);
          velt::test::putLe(&r, 28, 100000, 4);
-         img.putRecord(img.find(img.rootCluster(), "charlie.txt")->sfn, r);
+         img.putRecord(sfn, r);
        }},
   };
   return cases;
