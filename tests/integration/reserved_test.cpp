@@ -353,16 +353,6 @@ TEST_F(ReservedTest, NothingUsersDoBreaksTheFolder) {
          EXPECT_EQ(VELTFuse::__rmdir("/REC/sub"), -ENOENT);
          EXPECT_EQ(folder_->createChild("sub2", false, true, nullptr), nullptr);
        }},
-      {"a published short name keeps its filler slots taken",
-       [&] {
-         auto k = create("k.avi");
-         ASSERT_NE(k, nullptr);
-         ASSERT_EQ(k->secure2(), 0);
-         for (int i = 0; i < 2; ++i) {
-           EXPECT_NE(folder_->entry_map_[k->lfs_entry_start_index_ + i], DIR_ENTRY_FREE) << i;
-         }
-         EXPECT_EQ(folder_->delChild(k), 0);
-       }},
       {"touch on a file taken over and not published",
        [&] {
          auto t = create("t.avi");
