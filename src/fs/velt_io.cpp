@@ -86,11 +86,31 @@ int VELT::__read(void* dst_ptr, int size, int64_t offset) {
   int64_t run_start = 0;
   int run_skip = 0;
   uint8_t sector_data[VELT_SECTOR_SIZE];
+  // Without a cache no sector is looked up (a cache made meanwhile starts empty).
+  bool cached;
+  {
+    std::lock_guard<std::mutex> lock(cache_mutex_);
+    cached = cache_pool_ != nullptr;
+  }
 
   // Fetches a run of uncached sectors; false when the driver failed.
   auto fetch = [&](int64_t start, int64_t count, int skip) -> bool {
     while (count > 0 && to_deliver > 0) {
       int ask = static_cast<int>(std::min<int64_t>(count, kBufferSectors));
+      // Whole sectors into a page-aligned destination go there directly, without the copy
+      // through the transfer buffer.
+      if (skip == 0 && (reinterpret_cast<uintptr_t>(dst) & 4095) == 0 &&
+          static_cast<int64_t>(ask) * VELT_SECTOR_SIZE <= to_deliver) {
+        int got = driver_->readSectors(static_cast<uint32_t>(start), ask, dst);
+        if (got < 1) return false;
+        if (got > ask) got = ask;
+        const int64_t n = static_cast<int64_t>(got) * VELT_SECTOR_SIZE;
+        dst += n;
+        to_deliver -= n;
+        start += got;
+        count -= got;
+        continue;
+      }
       int got = driver_->readSectors(static_cast<uint32_t>(start), ask, read_buffer_);
       if (got < 1) return false;
       if (got > ask) got = ask;
@@ -109,7 +129,7 @@ int VELT::__read(void* dst_ptr, int size, int64_t offset) {
     int64_t sector = position / VELT_SECTOR_SIZE;
     int in_sector = static_cast<int>(position % VELT_SECTOR_SIZE);
     int64_t n = std::min<int64_t>(VELT_SECTOR_SIZE - in_sector, to_scan);
-    if (lookupCache(static_cast<uint32_t>(sector), sector_data) != 0) {
+    if (!cached || lookupCache(static_cast<uint32_t>(sector), sector_data) != 0) {
       if (!run_pending) {
         run_pending = true;
         run_start = sector;

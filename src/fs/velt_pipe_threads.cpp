@@ -51,6 +51,14 @@ void runGuarded(const char* label, Body body) {
   }
 }
 
+// A pipe that holds several records of a megabyte, so that the two sides of a stream rarely
+// wait for each other; beyond the system's limit for everyone (root may), a megabyte.
+void growPipe(int fd) {
+  if (fcntl(fd, F_SETPIPE_SZ, static_cast<int>(4 * VELT_BUFFER_SIZE)) < 0) {
+    fcntl(fd, F_SETPIPE_SZ, static_cast<int>(VELT_BUFFER_SIZE));
+  }
+}
+
 bool ownFifo(const struct stat& st) {
   return S_ISFIFO(st.st_mode) && st.st_uid == geteuid();
 }
@@ -410,8 +418,8 @@ void VELT::pipe_reader() {
       LOGE("[%s] open receiver error: %d(%s)\n", kDirectRequestPipe, err, strerror(err));
       return;
     }
-    // Room for a whole merged write in the pipe; a refusal only costs speed.
-    fcntl(fd, F_SETPIPE_SZ, static_cast<int>(VELT_BUFFER_SIZE));
+    // Room for a few merged writes in the pipe; a refusal only costs speed.
+    growPipe(fd);
     receiver_open_ = true;
     if (direct_stop_) {
       ::close(fd);
@@ -534,8 +542,8 @@ void VELT::pipe_writer() {
       responder_retry_ = false;
       if (direct_stop_) return;
     }
-    // Room for a whole read reply in the pipe; a refusal only costs speed.
-    fcntl(fd, F_SETPIPE_SZ, static_cast<int>(VELT_BUFFER_SIZE));
+    // Room for a few read replies in the pipe; a refusal only costs speed.
+    growPipe(fd);
     responder_open_ = true;
     if (direct_stop_) {
       ::close(fd);

@@ -65,6 +65,9 @@ void DirectClient::disconnect() {
   request_fd_ = reply_fd_ = lock_fd_ = -1;
   in_.clear();
   in_pos_ = in_end_ = 0;
+  partial_ = Reply();
+  partial_got_ = 0;
+  partial_active_ = false;
   kept_.clear();
 }
 
@@ -205,51 +208,101 @@ int DirectClient::send(DirectHeader header, const void* payload, size_t size) {
   return __sendParts(parts, size > 0 ? 2 : 1);
 }
 
+void DirectClient::recycle(std::vector<uint8_t>&& buffer) {
+  if (buffer.capacity() >= kStraightMin && spare_.size() < 8) spare_.push_back(std::move(buffer));
+}
+
 int DirectClient::receive(Reply* reply, int timeout_ms) {
   if (reply_fd_ < 0) return -ENOTCONN;
   // A reply may answer a request still gathered here.
   if (int r = flush(); r < 0) return r;
   const bool forever = timeout_ms < 0;
   const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
-  constexpr size_t kReadAhead = 1u << 20;
+  constexpr size_t kReadAhead = 64u << 10;  // large payloads bypass in_
   for (;;) {
-    // Drop whatever precedes a marker, then take a whole record when it is there.
-    DirectMarkerSearch search;
-    size_t used = 0;
-    const bool found = findDirectMarker(search, in_.data() + in_pos_, in_end_ - in_pos_, &used);
-    if (!found) {
-      // Keep a possible marker prefix at the end.
-      in_pos_ = in_end_ - static_cast<size_t>(search.matched());
+    if (partial_active_) {
+      // A large payload goes from the pipe straight into the reply, together with the next
+      // header (into in_).
+      std::vector<uint8_t>& payload = partial_.payload;
+      if (partial_got_ == payload.size()) {
+        *reply = std::move(partial_);
+        partial_ = Reply();
+        partial_active_ = false;
+        return 0;
+      }
+      if (in_pos_ == in_end_) in_pos_ = in_end_ = 0;
+      if (in_.size() - in_end_ < kDirectHeaderSize) {
+        memmove(in_.data(), in_.data() + in_pos_, in_end_ - in_pos_);
+        in_end_ -= in_pos_;
+        in_pos_ = 0;
+        if (in_.size() < in_end_ + kDirectHeaderSize) in_.resize(in_end_ + kReadAhead);
+      }
+      struct iovec parts[2] = {
+          {payload.data() + partial_got_, payload.size() - partial_got_},
+          {in_.data() + in_end_, kDirectHeaderSize}};
+      ssize_t n = ::readv(reply_fd_, parts, 2);
+      if (n > 0) {
+        const size_t into = std::min(static_cast<size_t>(n), payload.size() - partial_got_);
+        partial_got_ += into;
+        in_end_ += static_cast<size_t>(n) - into;
+        continue;
+      }
+      if (n == 0) return -EPIPE;
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN) return -errno;
     } else {
-      in_pos_ += used - sizeof(kDirectMarker);
-      if (in_end_ - in_pos_ >= kDirectHeaderSize) {
-        DirectHeader h = decodeDirectHeader(in_.data() + in_pos_);
-        if (h.length < kDirectHeaderSize) {
-          ++in_pos_;  // not a record: look for the next marker
-          continue;
-        }
-        if (in_end_ - in_pos_ >= h.length) {
-          reply->header = h;
-          reply->payload.assign(in_.begin() + static_cast<std::ptrdiff_t>(in_pos_ + kDirectHeaderSize),
-                                in_.begin() + static_cast<std::ptrdiff_t>(in_pos_ + h.length));
-          in_pos_ += h.length;
-          return 0;
+      // Drop whatever precedes a marker, then take a whole record when it is there.
+      DirectMarkerSearch search;
+      size_t used = 0;
+      const bool found =
+          findDirectMarker(search, in_.data() + in_pos_, in_end_ - in_pos_, &used);
+      if (!found) {
+        // Keep a possible marker prefix at the end.
+        in_pos_ = in_end_ - static_cast<size_t>(search.matched());
+      } else {
+        in_pos_ += used - sizeof(kDirectMarker);
+        if (in_end_ - in_pos_ >= kDirectHeaderSize) {
+          DirectHeader h = decodeDirectHeader(in_.data() + in_pos_);
+          if (h.length < kDirectHeaderSize) {
+            ++in_pos_;  // not a record: look for the next marker
+            continue;
+          }
+          const size_t size = h.length - kDirectHeaderSize;
+          const size_t here = std::min<size_t>(in_end_ - in_pos_ - kDirectHeaderSize, size);
+          if (here == size || size >= kStraightMin) {
+            Reply& out = here == size ? *reply : partial_;
+            out.header = h;
+            if (size >= kStraightMin && !spare_.empty()) {
+              out.payload = std::move(spare_.back());
+              spare_.pop_back();
+            }
+            out.payload.resize(size);
+            memcpy(out.payload.data(), in_.data() + in_pos_ + kDirectHeaderSize, here);
+            in_pos_ += kDirectHeaderSize + here;
+            if (here == size) return 0;
+            partial_got_ = here;
+            partial_active_ = true;
+            continue;
+          }
         }
       }
+      // Room behind what is kept; kept bytes move to the front only when it is too small.
+      if (in_pos_ == in_end_) in_pos_ = in_end_ = 0;
+      if (in_.size() - in_end_ < kReadAhead && in_pos_ > 0) {
+        memmove(in_.data(), in_.data() + in_pos_, in_end_ - in_pos_);
+        in_end_ -= in_pos_;
+        in_pos_ = 0;
+      }
+      if (in_.size() < in_end_ + kReadAhead) in_.resize(in_end_ + kReadAhead);
+      ssize_t n = ::read(reply_fd_, in_.data() + in_end_, in_.size() - in_end_);
+      if (n > 0) {
+        in_end_ += static_cast<size_t>(n);
+        continue;
+      }
+      if (n == 0) return -EPIPE;  // the daemon closed its end
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN) return -errno;
     }
-    // Room behind what is kept: the whole record when its length is known.
-    if (in_pos_ > 0) {
-      memmove(in_.data(), in_.data() + in_pos_, in_end_ - in_pos_);
-      in_end_ -= in_pos_;
-      in_pos_ = 0;
-    }
-    size_t want = kReadAhead;
-    if (in_end_ >= kDirectHeaderSize) {
-      const size_t length = std::min<size_t>(decodeDirectHeader(in_.data()).length,
-                                             kDirectHeaderSize + kDirectPayloadMax);
-      if (length > in_end_) want = std::max(want, length - in_end_);
-    }
-    if (in_.size() < in_end_ + want) in_.resize(in_end_ + want);
     struct pollfd pfd = {reply_fd_, POLLIN, 0};
     int r = poll(&pfd, 1, remainingMs(forever, deadline));
     if (r < 0) {
@@ -257,14 +310,6 @@ int DirectClient::receive(Reply* reply, int timeout_ms) {
       return -errno;
     }
     if (r == 0) return -ETIMEDOUT;
-    ssize_t n = ::read(reply_fd_, in_.data() + in_end_, in_.size() - in_end_);
-    if (n > 0) {
-      in_end_ += static_cast<size_t>(n);
-      continue;
-    }
-    if (n == 0) return -EPIPE;  // the daemon closed its end
-    if (errno == EINTR || errno == EAGAIN) continue;
-    return -errno;
   }
 }
 
@@ -344,7 +389,11 @@ int DirectClient::waitRead(int fd, int64_t offset, std::vector<uint8_t>* out, bo
       },
       &reply, timeout_ms);
   if (r < 0) return r;
-  if (out != nullptr) *out = std::move(reply.payload);
+  if (out != nullptr) {
+    // The caller's old buffer is kept for the next reply: no new memory per read.
+    out->swap(reply.payload);
+    recycle(std::move(reply.payload));
+  }
   return static_cast<int32_t>(reply.header.param);
 }
 

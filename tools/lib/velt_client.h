@@ -105,6 +105,15 @@ class DirectClient {
   size_t batch_bytes_ = 0;
   std::vector<uint8_t> batch_;  // records gathered, not sent yet
   int __flush();
+  // A reply record being read straight into its payload (from kStraightMin bytes on).
+  static constexpr size_t kStraightMin = 64u << 10;
+  Reply partial_;
+  size_t partial_got_ = 0;
+  bool partial_active_ = false;
+  // Payload buffers given back by readers, reused so that a stream of reads needs no new
+  // memory.
+  std::vector<std::vector<uint8_t>> spare_;
+  void recycle(std::vector<uint8_t>&& buffer);
   // Writes the parts whole; a pipe that the daemon dropped for a moment is opened again when
   // nothing of them went out yet. Caller holds send_mutex_.
   int __sendParts(struct iovec* parts, int count);
