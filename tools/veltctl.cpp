@@ -137,8 +137,6 @@ int cmdWrite(int argc, char** argv) {
   if (connectClient(client) < 0) return 1;
   int fd = client.create(argv[optind], 0, timeout_ms);
   if (fd < 0) return fail(argv[optind], fd);
-  // Small records go to the pipe in batches; the daemon takes them apart.
-  client.setBatching(256 * 1024);
   // Standard input is read in large pieces and sent as records of the asked size.
   const size_t per_read = static_cast<size_t>(std::max<int64_t>(record, (1 << 20) / record * record));
   std::vector<uint8_t> buffer(per_read);
@@ -155,16 +153,12 @@ int cmdWrite(int argc, char** argv) {
     }
     end = got < buffer.size();
     if (got == 0 && !first) break;
-    for (size_t at = 0; at < got || (got == 0 && first); at += static_cast<size_t>(record)) {
-      const size_t n = std::min<size_t>(static_cast<size_t>(record), got - at);
-      uint32_t flags = first && publish ? velt::kDirectFlagSecure : 0u;
-      int r = client.write(fd, offset, buffer.data() + at, static_cast<uint32_t>(n), 0, flags,
-                           event);
-      if (r < 0) return fail("write", r);
-      offset += static_cast<int64_t>(n);
-      first = false;
-      if (got == 0) break;
-    }
+    // The first record publishes a file of a reserved folder (unless -n).
+    int r = client.writeRecords(fd, offset, buffer.data(), got, static_cast<uint32_t>(record),
+                                first && publish ? velt::kDirectFlagSecure : 0u, event);
+    if (r < 0) return fail("write", r);
+    offset += static_cast<int64_t>(got);
+    first = false;
   }
   int r = event ? 0 : client.sync(fd, timeout_ms);
   if (r < 0) return fail("write", r);

@@ -217,6 +217,11 @@ int VELT::flush() {
 
 // Stores or drops the sectors [first, first + count) of the write buffer in the sector cache.
 void VELT::cacheBufferSectors(int64_t first, int64_t count, bool cache) {
+  {
+    // Without a cache there is nothing to update or drop (a cache made meanwhile starts empty).
+    std::lock_guard<std::mutex> lock(cache_mutex_);
+    if (cache_pool_ == nullptr) return;
+  }
   for (int64_t s = first; s < first + count; ++s) {
     if (cache) {
       updateCache(static_cast<uint32_t>(s),

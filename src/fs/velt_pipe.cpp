@@ -419,10 +419,12 @@ bool VELT::__queueRequest(VELTWorkItem* item) {
       return true;
     }
     queue->push_back(item);
-    if (item->op_ == kDirectOpClose) {
-      // The file's writes need not wait for appends any more.
-      for (VELTWorkItem* queued : *queue) {
-        if (queued != nullptr && queued->fd_ == item->fd_) queued->param_ |= kDirectFlagReady;
+    // Any other request about a file (a close, a read, a size query) means its client wants
+    // the file as sent so far: its writes need not wait for appends any more.
+    for (VELTWorkItem* queued : *queue) {
+      if (queued != nullptr && queued->fd_ == item->fd_ && queued != item &&
+          (item->op_ == kDirectOpClose || isDirectWriteOp(queued->op_)) && !queued->filling_) {
+        queued->param_ |= kDirectFlagReady;
       }
     }
     return true;

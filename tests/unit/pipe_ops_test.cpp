@@ -284,46 +284,6 @@ TEST(PipeOps, SplicesCopyInsideTheVolume) {
   EXPECT_EQ(c.realSize(out), 740010) << "failed splices change nothing";
 }
 
-TEST(PipeOps, MergedWritesReachTheCardAsOneWrite) {
-  Card c;
-  const int fd = c.open("/m.bin", true);
-  ASSERT_GE(fd, 3);
-  uint64_t now = 5000000;
-  c.v->direct_clock_ = [&now] { return now; };
-  // 4,096 bytes at 0 whose last 16 are provisional, then 4,096 at 4,080.
-  std::vector<uint8_t> a(4096, 0xA1), b(4096, 0xB2);
-  std::fill(a.end() - 16, a.end(), 0xEE);
-  for (auto [offset, data, nso] : {std::tuple{0, &a, 16u}, std::tuple{4080, &b, 0u}}) {
-    auto* r = new VELTWorkItem(fd, velt::kDirectOpWrite, offset, 0, 4096);
-    memcpy(r->data_, data->data(), 4096);
-    r->new_size_offset_ = nso;
-    r->created_ = r->updated_ = now;
-    std::lock_guard<std::mutex> lock(c.v->request_mutex_);
-    c.v->__queueRequest(r);
-    now += 10000;
-  }
-  now += velt::kDirectGrowUs;
-  int requests = 0;
-  for (;;) {
-    VELTWorkItem* next;
-    {
-      std::lock_guard<std::mutex> lock(c.v->request_mutex_);
-      next = c.v->__fetchRequest();
-    }
-    if (next == nullptr) break;
-    ++requests;
-    EXPECT_EQ(next->offset_, 0);
-    EXPECT_EQ(next->size_, 8176u);
-    EXPECT_EQ(c.v->executeDirectRequest(next), nullptr);
-  }
-  EXPECT_EQ(requests, 1);
-  auto file = c.v->getFile(fd);
-  EXPECT_EQ(file->fileSize(), 8176);
-  std::vector<uint8_t> got(8176);
-  ASSERT_EQ(file->read(got.data(), got.size(), 0), 8176);
-  for (int i = 0; i < 8176; ++i) ASSERT_EQ(got[i], i < 4080 ? 0xA1 : 0xB2) << "byte " << i;
-}
-
 TEST(PipeOps, CloseWritesQueuedDataAndUnlinksOnRequest) {
   Card c;
   LogCapture log;

@@ -2,6 +2,8 @@
 // parameter, the marker search, and the work item's buffer operations.
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include <cstring>
 #include <string>
 #include <vector>
@@ -127,6 +129,19 @@ TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
       }
     }
     EXPECT_EQ(at, r.completes_at) << "row of " << r.bytes.size() << " bytes";
+    // The bulk scan agrees, wherever the bytes are split between two reads.
+    for (size_t split = 0; split <= r.bytes.size(); ++split) {
+      DirectMarkerSearch bulk;
+      size_t used = 0;
+      int found = -1;
+      if (velt::findDirectMarker(bulk, r.bytes.data(), split, &used)) {
+        found = static_cast<int>(used) - 1;
+      } else if (velt::findDirectMarker(bulk, r.bytes.data() + split, r.bytes.size() - split,
+                                        &used)) {
+        found = static_cast<int>(split + used) - 1;
+      }
+      EXPECT_EQ(found, r.completes_at) << "split at " << split;
+    }
   }
   // After a completed marker the search starts over.
   DirectMarkerSearch search;
@@ -185,4 +200,75 @@ TEST(PipeWire, WorkItemReplyBuffers) {
   ASSERT_TRUE(empty.allocData(0)) << "a second allocation replaces the first (reported)";
   EXPECT_EQ(empty.data_, nullptr);
   EXPECT_EQ(empty.size_, 0u);
+}
+
+TEST(PipeWire, RandomStreamsGiveBackEveryRecordBetweenTheJunk) {
+  // Streams of valid records, junk (no marker byte) and headers with a short length or a
+  // broken marker; the framing must return exactly the valid records, in order, and count
+  // every header that sent it back to the marker search.
+  std::mt19937 rng(2024);
+  for (int round = 0; round < 200; ++round) {
+    std::vector<uint8_t> stream;
+    std::vector<std::pair<DirectHeader, std::vector<uint8_t>>> expected;
+    size_t broken = 0;
+    bool synced = false;
+    const int segments = 1 + static_cast<int>(rng() % 12);
+    for (int k = 0; k < segments; ++k) {
+      const int kind = static_cast<int>(rng() % 4);
+      if (kind <= 1) {  // a record
+        DirectHeader h;
+        h.fd = static_cast<int32_t>(rng());
+        h.op = rng() % 14;
+        h.offset = static_cast<int64_t>(rng()) << 8;
+        h.param = static_cast<uint32_t>(rng());
+        std::vector<uint8_t> payload(rng() % 300);
+        for (auto& b : payload) b = static_cast<uint8_t>(rng());
+        h.length = static_cast<uint32_t>(velt::kDirectHeaderSize + payload.size());
+        uint8_t bytes[velt::kDirectHeaderSize];
+        velt::encodeDirectHeader(h, bytes);
+        stream.insert(stream.end(), bytes, bytes + sizeof(bytes));
+        stream.insert(stream.end(), payload.begin(), payload.end());
+        expected.emplace_back(h, payload);
+        synced = true;
+      } else {
+        // Junk without a marker byte: when synchronised its first 28 bytes are taken for a
+        // header with a broken marker. Or a header with the marker and a short length, which
+        // is refused whether it was looked for or not.
+        std::vector<uint8_t> junk(28 + rng() % 100);
+        for (auto& b : junk) b = static_cast<uint8_t>(rng() % 0xF0);
+        if (kind == 3) {
+          DirectHeader h;
+          h.length = rng() % velt::kDirectHeaderSize;
+          velt::encodeDirectHeader(h, junk.data());
+        }
+        if (synced || kind == 3) ++broken;
+        synced = false;
+        stream.insert(stream.end(), junk.begin(), junk.end());
+      }
+    }
+    std::vector<std::pair<DirectHeader, std::vector<uint8_t>>> got;
+    const velt::DirectStreamCounts counts = velt::parseDirectStream(
+        stream.data(), stream.size(), [&](const DirectHeader& h, const uint8_t* p, size_t n) {
+          got.emplace_back(h, std::vector<uint8_t>(p, p + n));
+        });
+    ASSERT_EQ(got.size(), expected.size()) << "round " << round;
+    for (size_t i = 0; i < got.size(); ++i) {
+      EXPECT_EQ(got[i].first.fd, expected[i].first.fd);
+      EXPECT_EQ(got[i].first.op, expected[i].first.op);
+      EXPECT_EQ(got[i].first.offset, expected[i].first.offset);
+      EXPECT_EQ(got[i].first.param, expected[i].first.param);
+      EXPECT_EQ(got[i].second, expected[i].second);
+    }
+    EXPECT_EQ(counts.broken, broken) << "round " << round;
+    EXPECT_EQ(counts.too_large, 0u);
+  }
+  // A record above the largest payload is counted, and its payload (as far as it goes) skipped.
+  DirectHeader h;
+  h.length = velt::kDirectHeaderSize + velt::kDirectPayloadMax + 1;
+  std::vector<uint8_t> stream(velt::kDirectHeaderSize + 10, 0x11);
+  velt::encodeDirectHeader(h, stream.data());
+  const velt::DirectStreamCounts counts =
+      velt::parseDirectStream(stream.data(), stream.size(), [](auto&&...) {});
+  EXPECT_EQ(counts.too_large, 1u);
+  EXPECT_EQ(counts.records, 1u);
 }

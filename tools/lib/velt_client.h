@@ -50,8 +50,8 @@ class DirectClient {
 
   // One record; header.length is set from the payload size. 0 or a negative errno.
   int send(DirectHeader header, const void* payload, size_t size);
-  // With `bytes` > 0, records smaller than that are gathered and sent together once that many
-  // bytes are waiting, and before any wait for a reply (flush() sends them at once). A stream
+  // With `bytes` > 0, small records (below 16 KiB) are gathered and sent together once that
+  // many bytes are waiting, and before any wait for a reply (flush() sends them at once). A stream
   // of small records then costs the daemon a wake-up per batch instead of one per record.
   void setBatching(size_t bytes) { batch_bytes_ = bytes; }
   int flush();
@@ -79,6 +79,11 @@ class DirectClient {
   // Operations without a reply on success; 0 when sent.
   int write(int fd, int64_t offset, const void* data, uint32_t size, uint32_t new_size_offset = 0,
             uint32_t flags = 0, bool event = false);
+  // `size` bytes at `offset` as consecutive writes of `record` bytes each (the last may be
+  // shorter), sent together with as few system calls as possible; `first_flags` go with the
+  // first record only. 0 when sent.
+  int writeRecords(int fd, int64_t offset, const void* data, size_t size, uint32_t record,
+                   uint32_t first_flags = 0, bool event = false);
   int splice(int in_fd, int64_t in_offset, uint32_t out_fd, int64_t out_offset, uint32_t size,
              bool event = false);
   int close(int fd, uint32_t flags = 0);
@@ -103,6 +108,7 @@ class DirectClient {
   std::atomic<int> tag_{0};
   std::mutex send_mutex_;    // one record at a time into the request pipe; batch_
   size_t batch_bytes_ = 0;
+  static constexpr size_t kBatchRecordMax = 16u << 10;  // larger records are sent at once
   std::vector<uint8_t> batch_;  // records gathered, not sent yet
   int __flush();
   // A reply record being read straight into its payload (from kStraightMin bytes on).
