@@ -202,8 +202,9 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // Resolves a volume path ("/" and "" name the root); names compare without regard to case.
   std::shared_ptr<DirEntry> findEntry(const char* path);
   void initRootEntry(const std::shared_ptr<DirEntry>& root);
+  // Empty on failure; `error` (when given) then holds the cause as a negative errno.
   std::shared_ptr<DirEntry> newEntry(const std::shared_ptr<DirEntry>& parent, const char* name,
-                                     bool is_dir);
+                                     bool is_dir, int* error = nullptr);
   // Registers a new open file under the next handle; empty on failure.
   std::shared_ptr<File> newFile(bool dir_mode, bool for_write, bool direct,
                                 const std::shared_ptr<DirEntry>& entry);

@@ -219,6 +219,8 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   int32_t lfn_ent_count_ = 0;
   int32_t lfs_entry_start_index_ = -1;
   uint32_t start_cluster_ = 0;
+  // Inode number the mount shows; given on first use, never reused while the daemon runs.
+  uint32_t ino_ = 0;
   EntryMutex map_mutex_;  // cluster_map_loaded_, cluster_map_, entry_map_
   EntryMutex children_mutex_;  // children_
   EntryMutex files_mutex_;  // files_; held while size_ and real_size_ grow

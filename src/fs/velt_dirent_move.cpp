@@ -1,6 +1,9 @@
 // Renaming and moving an entry: its records move, its data and open files stay.
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "fs/velt_dirent.h"
 #include "fs/velt_endian.h"
@@ -45,6 +48,29 @@ static void relinkDotDot(VELT* velt, VELT::DirEntry& dir, const VELT::DirEntry& 
   }
 }
 
+// Marks the records at `offsets` (long-name records of this directory) deleted, in the entry
+// map and on the card.
+static void deleteRecordsAt(VELT* velt, VELT::DirEntry& dir, const std::vector<int64_t>& offsets,
+                            const std::string& path) {
+  for (int64_t off : offsets) {
+    if (off <= 0) continue;
+    {
+      std::lock_guard lock(dir.map_mutex_);
+      int index = dir.__diskOffsetToEntryIndex(off);
+      if (index >= 0 && static_cast<size_t>(index) < dir.entry_map_.size()) {
+        dir.entry_map_[index] = DIR_ENTRY_DELETED;
+      }
+    }
+    uint8_t record[DIR_RECORD_SIZE];
+    if (velt->read(record, DIR_RECORD_SIZE, off) < DIR_RECORD_SIZE) continue;
+    record[rec::kLfnSeq] = DIR_ENTRY_DELETED;
+    if (velt->write(record, DIR_RECORD_SIZE, off, true) != DIR_RECORD_SIZE) {
+      int e = errno ? errno : EIO;
+      LOGE("[%s] move error %d(%s)\n", path.c_str(), e, strerror(e));
+    }
+  }
+}
+
 int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
                               const std::shared_ptr<DirEntry>& to_parent, const char* new_name) {
   if (to_parent == nullptr) {
@@ -71,7 +97,9 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
   if (new_name == nullptr || new_name[0] == '\0') return -EINVAL;
 
   // Everything that can be refused is settled before the card changes: the new short name,
-  // the long-name records and the slots in the destination.
+  // the long-name records and the slots in the destination. Then the new records are written,
+  // and only once they are on the card are the old ones marked deleted: a power cut in between
+  // leaves the entry under one of its two names, never under none.
   try {
     ShortNameReservation name_hold;
     std::string short_name;
@@ -97,30 +125,30 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
       return -ENOSPC;
     }
 
-    // Mark the old records deleted.
-    uint8_t old_name11[11];
-    shortNameToName83(child->short_name_.c_str(), old_name11);
-    if (changeEntryMapValue(child, child->dir_ent_disk_off_, old_name11[0], DIR_ENTRY_DELETED) <
-        0) {
-      LOGE("moving \"%s\" changeEntryMapValue failed\n", child->getPath().c_str());
-      to_parent->giveBackSlots(first, slots, 0, nullptr);
-      return -1;
-    }
-    uint8_t record[DIR_RECORD_SIZE];
-    memcpy(record, child->record_, DIR_RECORD_SIZE);
-    child->fillRecord(record);
-    record[rec::kName] = DIR_ENTRY_DELETED;
-    const uint8_t old_first = static_cast<uint8_t>(child->short_name_[0]);
-    record[rec::kCreateTenths] = old_first;
-    memcpy(child->record_, record, DIR_RECORD_SIZE);
-    if (velt_->write(record, DIR_RECORD_SIZE, child->dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
-      int e = errno ? errno : EIO;
-      LOGE("[%s] move error %d(%s)\n", child->getPath().c_str(), e, strerror(e));
-      to_parent->giveBackSlots(first, slots, 0, nullptr);
-      return -e;
-    }
-    deleteLongNameRecords(*child);
-    removeChild(child, false);
+    // What the old records were, to mark them deleted afterwards (or to go back to).
+    const int64_t old_off = child->dir_ent_disk_off_;
+    const std::string old_name = child->name_;
+    const std::string old_short(child->short_name_.c_str());
+    std::vector<int64_t> old_lfn;
+    for (int k = 0; k < std::min<int>(child->lfn_ent_count_, child->lfn_disk_offsets_.size()); ++k)
+      old_lfn.push_back(child->lfn_disk_offsets_[k]);
+    uint8_t old_record[DIR_RECORD_SIZE];
+    memcpy(old_record, child->record_, DIR_RECORD_SIZE);
+    const int32_t old_lfn_count = child->lfn_ent_count_;
+    const uint16_t old_times[3] = {child->access_date_, child->write_date_, child->write_time_};
+    const time_t old_stamps[2] = {child->accessed_, child->modified_};
+    auto restore = [&]() {
+      child->name_ = old_name;
+      child->short_name_ = old_short;
+      child->lfn_ent_count_ = old_lfn_count;
+      child->lfn_disk_offsets_.assign(old_lfn.data(), old_lfn.size());
+      memcpy(child->record_, old_record, DIR_RECORD_SIZE);
+      child->access_date_ = old_times[0];
+      child->write_date_ = old_times[1];
+      child->write_time_ = old_times[2];
+      child->accessed_ = old_stamps[0];
+      child->modified_ = old_stamps[1];
+    };
 
     child->short_name_ = short_name;
     child->name_ = new_name;
@@ -128,30 +156,52 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
     child->access_date_ = child->write_date_ = timeToFatDate(now);
     child->write_time_ = timeToFatTime(now);
     child->accessed_ = child->modified_ = now;
-
-    int written = 0;
     child->lfn_ent_count_ = 0;
     child->lfn_disk_offsets_.clear();
-    child->fillRecord(record);  // new name, times; byte 13 keeps the old first letter
-    if (lfn_count > 0) {
-      if (to_parent->writeLongNameRecords(child, units, lfn_count, first, record, nullptr,
-                                          &written) < 0) {
-        to_parent->giveBackSlots(first, slots, written, nullptr);
-        return -1;
-      }
+
+    uint8_t record[DIR_RECORD_SIZE];
+    memcpy(record, old_record, DIR_RECORD_SIZE);
+    child->fillRecord(record);
+    int written = 0;
+    if (lfn_count > 0 && to_parent->writeLongNameRecords(child, units, lfn_count, first, record,
+                                                         nullptr, &written) < 0) {
+      to_parent->giveBackSlots(first, slots, written, nullptr);
+      restore();
+      return -EIO;
     }
-    memcpy(child->record_, record, DIR_RECORD_SIZE);
     const int idx = first + lfn_count;
     to_parent->claimReservedSlot(idx, record[rec::kName]);
-    child->dir_ent_disk_off_ = to_parent->entryIndexToDiskOffset(idx);
-    if (to_parent->write(idx, record) != DIR_RECORD_SIZE) {
-      to_parent->giveBackSlots(first, slots, written, nullptr);
-      return -1;
+    const int64_t new_off = to_parent->entryIndexToDiskOffset(idx);
+    if (new_off == 0 || to_parent->write(idx, record) != DIR_RECORD_SIZE) {
+      to_parent->giveBackSlots(first, slots, written + 1, nullptr);
+      restore();
+      return -EIO;
     }
+    memcpy(child->record_, record, DIR_RECORD_SIZE);
+    // The new records reach the card before the old ones are marked deleted.
+    velt_->flush();
+
+    uint8_t old_name11[11];
+    shortNameToName83(old_short.c_str(), old_name11);
+    if (changeEntryMapValue(child, old_off, old_name11[0], DIR_ENTRY_DELETED) < 0) {
+      LOGE("moving \"%s\" changeEntryMapValue failed\n", child->getPath().c_str());
+    }
+    old_record[rec::kName] = DIR_ENTRY_DELETED;
+    old_record[rec::kCreateTenths] = static_cast<uint8_t>(old_short.empty() ? 0 : old_short[0]);
+    int result = 0;
+    if (velt_->write(old_record, DIR_RECORD_SIZE, old_off, true) != DIR_RECORD_SIZE) {
+      int e = errno ? errno : EIO;
+      LOGE("[%s] move error %d(%s)\n", child->getPath().c_str(), e, strerror(e));
+      result = -EIO;
+    }
+    deleteRecordsAt(velt_, *this, old_lfn, child->getPath());
+
+    removeChild(child, false);
+    child->dir_ent_disk_off_ = new_off;
     to_parent->addChild(child);
     name_hold.release();
     if (child->isDir() && to_parent.get() != this) relinkDotDot(velt_, *child, *to_parent);
-    return 0;
+    return result;
   } catch (const std::bad_alloc&) {
     LOGE("got exception when moving [%s]\n", child->getPath().c_str());
     return -ENOMEM;

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
+#include <ctime>
+#include <vector>
 
 #include "fs/velt_dirent.h"
 
@@ -23,8 +25,11 @@ int transferErrno() {
 // Walks the clusters behind `size` bytes at file offset `off` and calls
 // transfer(buffer position, card offset, length, last) once per run of consecutive clusters.
 // lookup(cluster index) gives the cluster or a negative errno; so does transfer (or 0).
+// When a lookup fails after some clusters were found, the run so far is still transferred and
+// *done (when given) tells how many bytes that covered.
 template <class Lookup, class Transfer>
-int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Transfer transfer) {
+int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Transfer transfer,
+               int64_t* partial = nullptr) {
   const int64_t cluster_length = velt.pbr_->cluster_length_;
   uint32_t index = static_cast<uint32_t>(off / cluster_length);
   int64_t in_cluster = off % cluster_length;
@@ -32,7 +37,13 @@ int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Trans
   uint32_t prev = 0;
   while (done < size) {
     const int64_t cluster = lookup(index);
-    if (cluster < 0) return static_cast<int>(cluster);
+    if (cluster < 0) {
+      if (partial != nullptr && run_length > 0 &&
+          transfer(run_start, run_offset, run_length, true) == 0) {
+        *partial = done;
+      }
+      return static_cast<int>(cluster);
+    }
     const int64_t n = std::min<int64_t>(cluster_length - in_cluster, size - done);
     if (run_length > 0 && static_cast<uint32_t>(cluster) == prev + 1) {
       run_length += n;
@@ -53,7 +64,198 @@ int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Trans
   return run_length > 0 ? transfer(run_start, run_offset, run_length, true) : 0;
 }
 
+// Zeros for filling holes and grown files.
+const uint8_t* zeroBlock() {
+  static const std::vector<uint8_t> zeros(VELT_BUFFER_SIZE, 0);
+  return zeros.data();
+}
+
+// Writes zeros over [from, to) of the entry, allocating clusters as needed. 0 or a negative
+// errno; *reached is how far the zeros got.
+int writeZeros(VELT& velt, VELT::DirEntry& entry, int64_t from, int64_t to, int64_t* reached) {
+  *reached = from;
+  auto lookup = [&](uint32_t index) -> int64_t {
+    int64_t cluster = entry.getCluster(index, true);
+    if (cluster == -1) return -EIO;
+    if (cluster < 2 || cluster >= FAT_EOC) return -ENOSPC;
+    return cluster;
+  };
+  while (*reached < to) {
+    const int64_t n = std::min<int64_t>(to - *reached, VELT_BUFFER_SIZE);
+    auto writeRun = [&](int64_t, int64_t card_off, int64_t length, bool) -> int {
+      errno = 0;
+      if (velt.write(zeroBlock(), static_cast<uint32_t>(length), card_off, true) == length) return 0;
+      return -EIO;
+    };
+    int64_t partial = 0;
+    int r = forEachRun(velt, *reached, n, lookup, writeRun, &partial);
+    if (r < 0) {
+      *reached += partial;
+      return r;
+    }
+    *reached += n;
+  }
+  return 0;
+}
+
+// Cuts the entry's chain after the clusters `size` bytes need and frees the rest: the last kept
+// cluster is marked end of chain before the tail is freed.
+int trimChain(VELT& velt, VELT::DirEntry& entry, int64_t size) {
+  PBR* pbr = velt.pbr_;
+  if (entry.loadClusterMap() < 0) return -EIO;
+  const int64_t cluster_length = pbr->cluster_length_;
+  const size_t keep = static_cast<size_t>((size + cluster_length - 1) / cluster_length);
+  uint32_t tail = 0;
+  {
+    std::lock_guard lock(entry.map_mutex_);
+    if (keep >= entry.cluster_map_.size()) return 0;
+    tail = entry.cluster_map_[keep];
+    if (keep == 0) {
+      entry.start_cluster_ = 0;
+      entry.cluster_map_.release();
+      entry.cluster_map_loaded_ = false;
+    } else {
+      if (pbr->endOfCluster(entry.cluster_map_[keep - 1]) < 0) return -EIO;
+      entry.cluster_map_.get().resize(keep);
+    }
+  }
+  pbr->freeClusterChains(tail, false);
+  return 0;
+}
+
+// FAT sectors and the free count after a size change made without the FAT lock.
+void settleFAT(VELT& velt) {
+  PBR* pbr = velt.pbr_;
+  pbr->flushFATs();
+  std::lock_guard<std::mutex> reserved_lock(velt.reserved_mutex_);
+  std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
+  pbr->updateFSInfo();
+}
+
+// Pending card writes reach the card; -EIO when they could not.
+int flushPending(VELT& velt) {
+  std::lock_guard<std::mutex> lock(velt.io_mutex_);
+  if (velt.write_start_sector_ < 0) return 0;
+  return velt.__flush() == 0 ? 0 : -EIO;
+}
+
+// Marks the entry modified now: write time and the archive bit (written by the next record
+// write, at close at the latest). Caller holds the entry's files_mutex_.
+void markModified(VELT::DirEntry& entry) {
+  const time_t now = time(nullptr);
+  entry.modified_ = now;
+  entry.write_date_ = timeToFatDate(now);
+  entry.write_time_ = timeToFatTime(now);
+  entry.attr_ |= kAttrArchive;
+  entry.record_[rec::kAttr] |= kAttrArchive;
+}
+
 }  // namespace
+
+int writeEntryRecord(VELT& velt, VELT::DirEntry& entry) {
+  if (entry.is_reserved_ && !entry.is_secured_) return 0;  // published later, times in memory
+  if (entry.dir_ent_disk_off_ == 0) return 0;              // the root has no record
+  uint8_t record[DIR_RECORD_SIZE];
+  memcpy(record, entry.record_, DIR_RECORD_SIZE);
+  entry.fillRecord(record);
+  memcpy(entry.record_, record, DIR_RECORD_SIZE);
+  errno = 0;
+  if (velt.write(record, DIR_RECORD_SIZE, entry.dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
+    LOGE("[%s] update error %d(%s)\n", entry.getPath().c_str(), EIO, strerror(EIO));
+    return -EIO;
+  }
+  return 0;
+}
+
+// Grows the entry to `size` with zeros; on a full card the chain is cut back to what the
+// size covers. Caller checked that the entry is an ordinary file.
+static int growEntry(VELT& velt, VELT::DirEntry& entry, int64_t size) {
+  const int64_t old_size = std::atomic_ref<int64_t>(entry.size_).load(std::memory_order_acquire);
+  if (size <= old_size) return 0;
+  int64_t reached = old_size;
+  int r = writeZeros(velt, entry, old_size, size, &reached);
+  {
+    std::lock_guard lock(entry.files_mutex_);
+    const int64_t now_size = std::max(entry.size_, r < 0 ? reached : size);
+    std::atomic_ref<int64_t>(entry.size_).store(now_size, std::memory_order_release);
+    if (entry.real_size_ < now_size) entry.real_size_ = now_size;
+    markModified(entry);
+  }
+  if (r < 0) trimChain(velt, entry, std::atomic_ref<int64_t>(entry.size_).load());
+  return r;
+}
+
+int truncateEntry(VELT& velt, VELT::DirEntry& entry, int64_t size) {
+  if (velt.pbr_ == nullptr || velt.pbr_->cluster_length_ == 0) return -ENODEV;
+  if (entry.is_dir_) return -EISDIR;
+  if (!entry.isArchive()) return -EINVAL;
+  if (size < 0) return -EINVAL;
+  if (size > 0xFFFFFFFFll) return -EFBIG;
+  if (entry.is_reserved_) {
+    // A reserved file keeps its clusters; only a fresh start of its recording is allowed.
+    if (size != 0) return std::atomic_ref<int64_t>(entry.size_).load() == size ? 0 : -EPERM;
+    std::lock_guard lock(entry.files_mutex_);
+    std::atomic_ref<int64_t>(entry.size_).store(0, std::memory_order_release);
+    entry.real_size_ = 0;
+    markModified(entry);
+    int r = writeEntryRecord(velt, entry);
+    return r < 0 ? r : flushPending(velt);
+  }
+  int r = 0;
+  const int64_t old_size = std::atomic_ref<int64_t>(entry.size_).load(std::memory_order_acquire);
+  if (size > old_size) {
+    r = growEntry(velt, entry, size);
+  } else {
+    {
+      std::lock_guard lock(entry.files_mutex_);
+      std::atomic_ref<int64_t>(entry.size_).store(size, std::memory_order_release);
+      entry.real_size_ = std::min(entry.real_size_, size);
+      markModified(entry);
+    }
+    r = trimChain(velt, entry, size);
+  }
+  int w;
+  {
+    std::lock_guard lock(entry.files_mutex_);
+    w = writeEntryRecord(velt, entry);
+  }
+  settleFAT(velt);
+  int f = flushPending(velt);
+  return r < 0 ? r : (w < 0 ? w : f);
+}
+
+int allocateEntry(VELT& velt, VELT::DirEntry& entry, int64_t end) {
+  if (velt.pbr_ == nullptr || velt.pbr_->cluster_length_ == 0) return -ENODEV;
+  if (entry.is_dir_) return -EISDIR;
+  if (!entry.isArchive() || end < 0) return -EINVAL;
+  if (end > 0xFFFFFFFFll) return -EFBIG;
+  const int64_t cluster_length = velt.pbr_->cluster_length_;
+  const int64_t clusters = (end + cluster_length - 1) / cluster_length;
+  if (entry.loadClusterMap() < 0) return -EIO;
+  if (entry.is_reserved_) {
+    // A reserved file has its clusters already; it cannot take more.
+    return clusters <= static_cast<int64_t>(entry.cluster_map_.size()) ? 0 : -EPERM;
+  }
+  if (end <= std::atomic_ref<int64_t>(entry.size_).load(std::memory_order_acquire)) return 0;
+  // All missing clusters in one allocation: the allocator hands out consecutive free clusters.
+  if (clusters > 0) {
+    int64_t last = entry.getCluster(static_cast<uint32_t>(clusters - 1), true);
+    if (last < 2 || last >= FAT_EOC) {
+      trimChain(velt, entry, std::atomic_ref<int64_t>(entry.size_).load());
+      settleFAT(velt);
+      return last == -1 ? -EIO : -ENOSPC;
+    }
+  }
+  int r = growEntry(velt, entry, end);
+  int w;
+  {
+    std::lock_guard lock(entry.files_mutex_);
+    w = writeEntryRecord(velt, entry);
+  }
+  settleFAT(velt);
+  int f = flushPending(velt);
+  return r < 0 ? r : (w < 0 ? w : f);
+}
 
 VELT::File::File(VELT* velt, uint32_t file_no, bool dir_mode, bool for_write, bool direct,
                  DirEntry* entry)
@@ -144,7 +346,7 @@ int VELT::File::__read(void* buf, size_t size, int64_t off) {
   return static_cast<int>(size);
 }
 
-int VELT::File::__write(const void* buf, size_t size, int64_t off) {
+int VELT::File::__write(const void* buf, size_t size, int64_t off, int64_t* partial) {
   if (velt_ == nullptr || velt_->pbr_ == nullptr || velt_->pbr_->cluster_length_ == 0) {
     NERIO_ASSERT_TEXT("velt_ && velt_->pbr_ && velt_->pbr_->cluster_length_ > 0");
     return -ENODEV;
@@ -192,8 +394,11 @@ int VELT::File::__write(const void* buf, size_t size, int64_t off) {
     error_ = err;  // sticks: later writes fail at once
     return -err;
   };
-  int r = forEachRun(*velt_, off, static_cast<int64_t>(size), lookup, writeRun);
-  if (r < 0) return r;
+  int r = forEachRun(*velt_, off, static_cast<int64_t>(size), lookup, writeRun, partial);
+  if (r < 0) {
+    if (partial != nullptr && *partial > 0) written_ = accessed_ = 1;
+    return r;
+  }
   written_ = 1;
   uncommitted_ = 1;
   accessed_ = 1;
@@ -202,12 +407,29 @@ int VELT::File::__write(const void* buf, size_t size, int64_t off) {
 }
 
 int VELT::File::write(const void* buf, size_t size, int64_t off) {
-  int result = __write(buf, size, off);
+  if (entry_ != nullptr && velt_ != nullptr && !direct_ && size > 0 && !entry_->is_reserved_ &&
+      velt_->pbr_ != nullptr && velt_->pbr_->cluster_length_ > 0) {
+    // A write beyond the end leaves a hole that must read as zeros, as must the rest of the
+    // last cluster, which still holds whatever the card had there.
+    const int64_t old_size = std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire);
+    if (off > old_size) {
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (error_ != 0) return -error_;  // a failed file touches the card no more
+      }
+      int r = growEntry(*velt_, *entry_, off);
+      if (r < 0) return r;
+    }
+  }
+  int64_t partial = 0;
+  int result = __write(buf, size, off, &partial);
+  if (result == -ENOSPC && partial > 0) result = static_cast<int>(partial);  // a short write
   if (result > 0 && entry_ != nullptr) {
     int64_t end = off + result;
     std::lock_guard lock(entry_->files_mutex_);
     std::atomic_ref<int64_t>(entry_->size_)
         .store(std::max(entry_->size_, end), std::memory_order_release);
+    markModified(*entry_);
     if (entry_->real_size_ < end) {
       entry_->real_size_ = end;
       entry_->checkFiles();
@@ -215,19 +437,20 @@ int VELT::File::write(const void* buf, size_t size, int64_t off) {
   }
   // The kernel learns of sizes changed through the mount itself; not of the channel's.
   if (result > 0 && direct_ && velt_ != nullptr) velt_->invalidateKernelCache(entry_);
+  if (result == -ENOSPC && entry_ != nullptr && velt_ != nullptr && !entry_->is_reserved_) {
+    // Clusters taken for the part that did not fit go back: the chain matches the size.
+    trimChain(*velt_, *entry_, std::atomic_ref<int64_t>(entry_->size_).load());
+  }
   return result;
 }
 
 int VELT::File::flush() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!written_) return 0;
-  if (velt_ == nullptr || velt_->pbr_ == nullptr) {
-    written_ = 0;
-    return 0;
-  }
+  if (!written_ || velt_ == nullptr || velt_->pbr_ == nullptr) return error_ != 0 ? -EIO : 0;
+  // written_ stays set: the close still has to stamp the record.
   velt_->pbr_->flushFATs();
-  written_ = 0;
-  return 0;
+  if (flushPending(*velt_) < 0) error_ = EIO;
+  return error_ != 0 ? -EIO : 0;
 }
 
 bool VELT::File::needsCommit() {
@@ -314,7 +537,9 @@ int VELT::File::close() {
     // New data and its chain reach the card before the record that points at them.
     if (uncommitted && velt_->sync() != 0) result = -EIO;
     std::lock_guard lock(entry_->files_mutex_);
-    entry_->update2(accessed_ != 0, written_ != 0 || uncommitted);
+    // The write time was taken by the writes themselves (a utimens since then stands); the
+    // close stamps the access date and writes size, first cluster and times.
+    if (entry_->update2(true, false) < 0 && result == 0) result = -EIO;
     // Data still pending in the write buffer goes out now; losing it must reach the closer.
     if (velt_->flush() != 0 && result == 0) result = -EIO;
   }
@@ -339,6 +564,13 @@ int64_t VELT::File::setPosition(int64_t pos) {
   int64_t previous = direct_offset_;
   direct_offset_ = pos;
   return previous;
+}
+
+int VELT::File::truncate(int64_t size) {
+  if (velt_ == nullptr || entry_ == nullptr) return -EBADF;
+  int r = truncateEntry(*velt_, *entry_, size);
+  if (r == 0) setUsage(true, true);
+  return r;
 }
 
 void VELT::File::setUsage(bool accessed, bool written) {

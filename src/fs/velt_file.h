@@ -33,7 +33,8 @@ class VELT::File : public std::enable_shared_from_this<VELT::File> {
   // Bytes written, or a negative errno. write also raises the entry's sizes and serves the
   // entry's waiting readers; __write takes mutex_ itself and leaves the sizes alone.
   int write(const void* buf, size_t size, int64_t off);
-  int __write(const void* buf, size_t size, int64_t off);
+  // On a failure after part of the data went out, *partial (when given) says how much.
+  int __write(const void* buf, size_t size, int64_t off, int64_t* partial = nullptr);
   int flush();
   // Makes everything this file holds survive a power cut, each step on the card before the
   // next begins: its data; its FAT entries on every copy (deferred entries of other writers go
@@ -42,20 +43,25 @@ class VELT::File : public std::enable_shared_from_this<VELT::File> {
   int commit(bool publish);
   // True when data was written since the last commit.
   bool needsCommit();
-  // 0 when this close released the file, -1 when it was already closed.
+  // 0 when this close released the file, -1 when it was already closed, -EIO when the file's
+  // data or record could not be written.
   int close();
   // Bit 1: cache the sectors this file writes; bit 0: read cache mode (kept only).
   void setCacheMode(int mode);
   // Moves the channel position; returns the previous one.
   int64_t setPosition(int64_t pos);
   void setUsage(bool accessed, bool written);
+  // Sets the file's size (truncate, ftruncate, O_TRUNC); see truncateEntry.
+  int truncate(int64_t size);
 
   std::mutex mutex_;  // every member below during an operation
   uint32_t dir_mode_ = 0;
   uint32_t file_no_ = kClosedFileNo;  // kClosedFileNo once closed
   bool for_write_ = false;
   VELT* velt_ = nullptr;       // owning volume, not owned
-  DirEntry* entry_ = nullptr;  // not owned; the volume's tree keeps it
+  DirEntry* entry_ = nullptr;  // the entry; kept alive by entry_ref_
+  // Keeps a removed entry (an unlinked folder still open, say) valid until the last handle goes.
+  std::shared_ptr<DirEntry> entry_ref_;
   int64_t direct_offset_ = 0;  // byte after the last successful read or write
   uint8_t written_ = 0;
   uint8_t uncommitted_ = 0;  // data written since the last commit
@@ -70,5 +76,17 @@ class VELT::File : public std::enable_shared_from_this<VELT::File> {
   // while parked, completed by the entry's checkFiles or torn down by the channel.
   VELTWorkItem* pending_request_ = nullptr;
 };
+
+// Size changes of a file entry. Shrinking cuts the cluster chain (end of chain after the last
+// cluster still needed) and frees the rest; growing allocates and zero-fills. The record takes
+// the new size and write time. A file of a reserved folder keeps its clusters: size 0 restarts
+// its recording, any other size is -EPERM. 0 or a negative errno.
+int truncateEntry(VELT& velt, VELT::DirEntry& entry, int64_t size);
+// Makes the file at least `end` bytes long (zero-filled), taking all missing clusters in one
+// allocation so that they are contiguous where the card allows. 0 or a negative errno.
+int allocateEntry(VELT& velt, VELT::DirEntry& entry, int64_t end);
+// Writes the entry's short-name record from its members (size, first cluster, times,
+// attributes). 0 or a negative errno.
+int writeEntryRecord(VELT& velt, VELT::DirEntry& entry);
 
 }  // namespace velt

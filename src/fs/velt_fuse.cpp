@@ -6,8 +6,12 @@
 #include "fs/velt_fuse.h"
 
 #include <strings.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -73,6 +77,19 @@ int lastError(int fallback) {
   return errno != 0 ? -errno : fallback;
 }
 
+// The entry's inode number: one per entry, whatever spelling reached it, given on first use
+// and never handed out again while the daemon runs. The root is 1.
+ino_t inodeOf(const VELT& velt, VELT::DirEntry& entry) {
+  if (&entry == velt.root_.get()) return 1;
+  static std::atomic<uint32_t> next{2};
+  std::atomic_ref<uint32_t> ino(entry.ino_);
+  uint32_t current = ino.load(std::memory_order_acquire);
+  if (current != 0) return current;
+  uint32_t mine = next.fetch_add(1);
+  if (ino.compare_exchange_strong(current, mine)) return mine;
+  return current;
+}
+
 }  // namespace
 
 std::shared_ptr<VELT> VELTFuse::volume() {
@@ -100,6 +117,7 @@ int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info
     if (!entry) return -ENOENT;
 
     memset(st, 0, sizeof(*st));
+    st->st_ino = inodeOf(*velt, *entry);
     st->st_mode = (entry->is_dir_ ? S_IFDIR : S_IFREG) | (entry->read_only_ ? 0555 : 0777);
     st->st_nlink = 1;
     // Size and times change under the entry's files_mutex_ (writes, closes, publication).
@@ -181,7 +199,17 @@ int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler,
     for (const DirEntryPtr& child : children) {
       if (child->is_volume_) continue;
       if (child->is_reserved_ && !child->is_secured_) continue;
-      if (filler(buf, child->name_.c_str(), nullptr, 0, no_flags) != 0) {
+      struct stat st;
+      memset(&st, 0, sizeof(st));
+      if (child->isDotEntry()) {
+        const VELT::DirEntry* target = child->short_name_ == "." ? dir : dir->parent_;
+        if (target == nullptr) target = dir;
+        st.st_ino = inodeOf(*velt, *const_cast<VELT::DirEntry*>(target));
+      } else {
+        st.st_ino = inodeOf(*velt, *child);
+      }
+      st.st_mode = child->is_dir_ ? S_IFDIR : S_IFREG;
+      if (filler(buf, child->name_.c_str(), &st, 0, no_flags) != 0) {
         return lastError(-ENOMEM);
       }
     }
@@ -229,6 +257,13 @@ int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
         seconds[i] = tv[i].tv_sec;
       }
     }
+    if (entry->dir_ent_disk_off_ == 0) {
+      // The root has no record on the card: its times live in memory only.
+      std::lock_guard lock(entry->files_mutex_);
+      entry->accessed_ = seconds[0];
+      entry->modified_ = seconds[1];
+      return 0;
+    }
     return entry->touch(seconds[0], seconds[1]);
   } catch (...) {
     return exceptionAnswer(__func__);
@@ -247,6 +282,13 @@ int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
     FilePtr file = velt->newFile(entry->is_dir_, false, false, entry);
     if (!file) return lastError(-ENOMEM);
     file->setUsage(true, false);
+    if ((fi->flags & O_TRUNC) && (fi->flags & O_ACCMODE) != O_RDONLY && !entry->is_dir_) {
+      int r = file->truncate(0);
+      if (r < 0) {
+        file->close();
+        return r;
+      }
+    }
     fi->fh = file->file_no_;
     return 0;
   } catch (...) {
@@ -312,8 +354,7 @@ int VELTFuse::__flush(const char* /*path*/, struct fuse_file_info* fi) {
     NERIO_ASSERT(file != nullptr);
     if (!file) return -EBADF;
     publishReservedFile(*file);
-    file->flush();
-    return 0;
+    return file->flush();
   } catch (...) {
     return exceptionAnswer(__func__);
   }
@@ -327,7 +368,8 @@ int VELTFuse::__release(const char* /*path*/, struct fuse_file_info* fi) {
     NERIO_ASSERT(file != nullptr);
     if (!file) return -EBADF;
     publishReservedFile(*file);
-    return file->close();
+    int result = file->close();
+    return result == -1 ? 0 : result;
   } catch (...) {
     return exceptionAnswer(__func__);
   }
@@ -366,10 +408,13 @@ int VELTFuse::__mkdir(const char* path, mode_t /*mode*/) {
     }
     DirEntryPtr parent = resolve(*velt, parent_path);
     if (!parent) return -ENOENT;
+    if (!parent->is_dir_) return -ENOTDIR;
     // A reserved folder holds its reserved files and nothing else.
-    if (parent->is_dir_ && velt->entryToVELTFolder(parent) != nullptr) return -EPERM;
-    DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), true);
-    if (!entry) return -ENOMEM;
+    if (velt->entryToVELTFolder(parent) != nullptr) return -EPERM;
+    if (parent->findChild(leaf.c_str())) return -EEXIST;
+    int error = 0;
+    DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), true, &error);
+    if (!entry) return error < 0 ? error : -EIO;
     // The directory's first cluster was taken with the FAT written at once; the free count in
     // FSInfo must follow, or other FAT tools find it wrong. While open writers hold FAT-lock
     // counts this does nothing and their last release writes it.
@@ -400,8 +445,10 @@ int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info*
     }
     DirEntryPtr parent = resolve(*velt, parent_path);
     if (!parent) return -ENOENT;
-    DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), false);
-    if (!entry) return -ENOMEM;
+    if (!parent->is_dir_) return -ENOTDIR;
+    int error = 0;
+    DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), false, &error);
+    if (!entry) return error < 0 ? error : -EIO;
     errno = 0;
     FilePtr file = velt->newFile(false, true, false, entry);
     if (!file) return lastError(-ENOMEM);
@@ -452,7 +499,7 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
     if (from == nullptr || to == nullptr) return -EINVAL;
     // There is no atomic exchange of two entries.
     if (flags & RENAME_EXCHANGE) return -EINVAL;
-    if (strcasecmp(from, to) == 0) return 0;
+    if (strcmp(from, to) == 0) return 0;
 
     DirEntryPtr source = resolve(*velt, from);
     if (!source) {
@@ -466,7 +513,7 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       return -EINVAL;
     }
     DirEntryPtr from_parent_entry = resolve(*velt, from_parent_path);
-    if (!from_parent_entry) {
+    if (!from_parent_entry || source->parent_ != from_parent_entry.get()) {
       NERIO_ASSERT_TEXT("from_parent_entry != nullptr");
       LOGE("\"%s\" no parent entry.\n", from);
       return -ENOENT;
@@ -474,21 +521,6 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
     if (velt->isInVELTFolder(source)) {
       LOGE("reserved [%s] -> [%s] not allowed\n", from, to);
       return -EPERM;
-    }
-
-    // Neither the destination nor any of its ancestors may be the source: that refuses moving
-    // a directory into its own subtree and another spelling (short name) of the source.
-    std::string part(to);
-    while (!part.empty()) {
-      DirEntryPtr found = resolve(*velt, part);
-      if (!found && part != to) return -ENOENT;
-      if (found && found == source) {
-        LOGE("from %s == to %s ???\n", from, to);
-        return -EINVAL;
-      }
-      size_t cut = part.find_last_of("/\\");
-      if (cut == std::string::npos) break;
-      part.resize(cut);
     }
 
     std::string to_parent_path, to_leaf;
@@ -502,25 +534,51 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       LOGE("\"%s\" no parent entry.\n", to);
       return -ENOENT;
     }
-    DirEntryPtr to_entry = resolve(*velt, to);
+    if (!to_parent_entry->is_dir_) return -ENOTDIR;
+    // Neither the destination's folder nor any of its ancestors may be the source: a folder
+    // never moves into its own subtree.
+    for (const VELT::DirEntry* p = to_parent_entry.get(); p != nullptr; p = p->parent_) {
+      if (p == source.get()) {
+        LOGE("from %s == to %s ???\n", from, to);
+        return -EINVAL;
+      }
+    }
+    DirEntryPtr to_entry = to_parent_entry->findChild(to_leaf.c_str());
     if ((to_entry && velt->isInVELTFolder(to_entry)) || velt->isInVELTFolder(to_parent_entry)) {
       LOGE("a file or folder can not be moved to the reserved VELT folder!\n");
       return -EPERM;
     }
-    // A caller that asked not to replace must not lose the destination.
-    if (to_entry && (flags & RENAME_NOREPLACE)) return -EEXIST;
+
+    if (to_entry == source) {
+      // Another spelling of the source itself. A change of letter case renames; an 8.3 alias
+      // or the same name in other case does nothing, as for a second link to one file.
+      if (to_leaf == source->name_ || strcasecmp(to_leaf.c_str(), source->name_.c_str()) != 0) {
+        return 0;
+      }
+      return from_parent_entry->moveChild(source, to_parent_entry, to_leaf.c_str());
+    }
 
     std::string new_name = to_leaf;
     if (to_entry) {
+      // A caller that asked not to replace must not lose the destination.
+      if (flags & RENAME_NOREPLACE) return -EEXIST;
+      if (to_entry->is_volume_) return -EPERM;
+      // A folder that holds the source (another spelling of an ancestor) is not empty.
+      for (const VELT::DirEntry* p = source->parent_; p != nullptr; p = p->parent_) {
+        if (p == to_entry.get()) return -ENOTEMPTY;
+      }
+      if (to_entry->is_dir_) {
+        if (!source->is_dir_) return -EISDIR;
+        if (to_entry->getChildCount() > 0) return -ENOTEMPTY;
+      } else if (source->is_dir_) {
+        return -ENOTDIR;
+      }
       // An existing name keeps its stored spelling.
       new_name = to_entry->name_;
-      NERIO_ASSERT(to_entry->isArchive());
-      if (to_entry->isArchive()) {
-        int result = to_parent_entry->delChild(to_entry);
-        if (result != 0) {
-          LOGE("\"%s\" failed to delete before moving\n", to_entry->getPath().c_str());
-          return result;
-        }
+      int result = to_parent_entry->delChild(to_entry);
+      if (result != 0) {
+        LOGE("\"%s\" failed to delete before moving\n", to_entry->getPath().c_str());
+        return result;
       }
     }
     int moved = from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
@@ -532,15 +590,125 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
   }
 }
 
+// ---- Attributes and sizes ----
+
+int VELTFuse::__statfs(const char* /*path*/, struct statvfs* st) {
+  try {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    PBR* pbr = velt->pbr_;
+    if (pbr == nullptr) return -ENODEV;
+    memset(st, 0, sizeof(*st));
+    uint32_t free_clusters;
+    {
+      std::lock_guard<std::mutex> lock(pbr->fat_mutex_);
+      free_clusters = pbr->free_cluster_count_;
+    }
+    const uint32_t data_clusters = pbr->num_clusters_ > 2 ? pbr->num_clusters_ - 2 : 0;
+    st->f_bsize = pbr->cluster_length_;
+    st->f_frsize = pbr->cluster_length_;
+    st->f_blocks = data_clusters;
+    st->f_bfree = std::min(free_clusters, data_clusters);
+    st->f_bavail = st->f_bfree;
+    st->f_namemax = 255;
+    return 0;
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
+}
+
+// The owner-write bit is the FAT read-only attribute; everything else a FAT card cannot keep
+// is accepted and left alone.
+int VELTFuse::__chmod(const char* path, mode_t mode, struct fuse_file_info* /*fi*/) {
+  try {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    DirEntryPtr entry = resolve(*velt, path);
+    if (!entry) return -ENOENT;
+    const bool read_only = (mode & S_IWUSR) == 0;
+    if (entry->dir_ent_disk_off_ == 0 || entry->is_volume_ || entry->read_only_ == read_only) {
+      return 0;
+    }
+    time_t times[2];
+    {
+      std::lock_guard lock(entry->files_mutex_);
+      entry->read_only_ = read_only;
+      if (read_only) {
+        entry->attr_ |= kAttrReadOnly;
+      } else {
+        entry->attr_ &= static_cast<uint8_t>(~kAttrReadOnly);
+      }
+      entry->record_[rec::kAttr] = entry->attr_;
+      times[0] = entry->accessed_;
+      times[1] = entry->modified_;
+    }
+    if (entry->is_reserved_ && !entry->is_secured_) return 0;  // written at publication
+    return entry->touch(times[0], times[1]);
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
+}
+
+int VELTFuse::__chown(const char* path, uid_t /*uid*/, gid_t /*gid*/,
+                      struct fuse_file_info* /*fi*/) {
+  try {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    return resolve(*velt, path) ? 0 : -ENOENT;
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
+}
+
+int VELTFuse::__truncate(const char* path, off_t size, struct fuse_file_info* fi) {
+  try {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    if (fi != nullptr) {
+      FilePtr file = velt->getFile(static_cast<int>(fi->fh));
+      if (file) return file->truncate(size);
+    }
+    if (path == nullptr) return -EBADF;
+    DirEntryPtr entry = resolve(*velt, path);
+    if (!entry) return -ENOENT;
+    return truncateEntry(*velt, *entry, size);
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
+}
+
+int VELTFuse::__fallocate(const char* /*path*/, int mode, off_t offset, off_t length,
+                          struct fuse_file_info* fi) {
+  try {
+    std::shared_ptr<VELT> velt = volume();
+    if (!velt) return -ENODEV;
+    if (mode != 0) return -EOPNOTSUPP;
+    if (offset < 0 || length <= 0) return -EINVAL;
+    FilePtr file = fi != nullptr ? velt->getFile(static_cast<int>(fi->fh)) : nullptr;
+    if (!file || file->entry_ == nullptr) return -EBADF;
+    int r = allocateEntry(*velt, *file->entry_, offset + length);
+    if (r == 0) file->setUsage(true, true);
+    return r;
+  } catch (...) {
+    return exceptionAnswer(__func__);
+  }
+}
+
 // ---- Volume lifetime ----
 
 // How long the kernel may trust a name or attributes it was given (seconds).
 static constexpr double kKernelCacheSeconds = 1.0;
 
-void* VELTFuse::__init(struct fuse_conn_info* /*conn*/, struct fuse_config* cfg) {
+void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
   // Every read and write reaches the callbacks with the caller's own size and offset; file data
-  // is not cached in the kernel. The library numbers the nodes, so each entry has its own inode.
-  cfg->use_ino = 0;
+  // is not cached in the kernel. Inode numbers are the entries' own (one per entry, whatever
+  // spelling reached it); removed files are removed, never hidden under another name; the
+  // truncation of an open comes with the open itself.
+  cfg->use_ino = 1;
+  cfg->hard_remove = 1;
+  if (conn != nullptr && (conn->capable & FUSE_CAP_ATOMIC_O_TRUNC)) {
+    conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
+  }
   cfg->direct_io = 1;
   cfg->kernel_cache = 0;
   cfg->nullpath_ok = 0;
@@ -603,9 +771,36 @@ void VELTFuse::__destroy(void* private_data) {
     if (velt_.get() != velt_object) NERIO_ASSERT_TEXT("velt_.get() == velt_object");
     old.swap(velt_);
   }
+  if (old) closeOpenFiles(*old);
   // Dropping the last reference unloads the volume: channel stopped, tree released, device
   // closed, cache freed.
   old.reset();
+}
+
+void VELTFuse::closeOpenFiles(VELT& velt) {
+  std::vector<FilePtr> files;
+  {
+    std::lock_guard<std::mutex> lock(velt.files_mutex_);
+    for (const auto& [handle, file] : velt.open_files_) {
+      // The channel's files are closed by the channel as it stops.
+      if (file != nullptr && !file->direct_) files.push_back(file);
+    }
+  }
+  for (const FilePtr& file : files) {
+    try {
+      if (file->dir_mode_) {
+        velt.freeFile(file->file_no_);
+        continue;
+      }
+      publishReservedFile(*file);
+      file->flush();
+      if (file->close() < -1 && file->entry_ != nullptr) {
+        LOGE("[%s] close at shutdown failed\n", file->entry_->getPath().c_str());
+      }
+    } catch (...) {
+      exceptionAnswer(__func__);
+    }
+  }
 }
 
 const struct fuse_operations& VELTFuse::operations() {
@@ -632,6 +827,11 @@ const struct fuse_operations& VELTFuse::operations() {
     o.create = __create;
     o.utimens = __utimens;
     o.ioctl = __ioctl;
+    o.statfs = __statfs;
+    o.chmod = __chmod;
+    o.chown = __chown;
+    o.truncate = __truncate;
+    o.fallocate = __fallocate;
     return o;
   }();
   return ops;

@@ -100,6 +100,14 @@ class VELTFuse {
   static int __rmdir(const char* path);
   static int __rename(const char* from, const char* to, unsigned int flags);
 
+  // Attributes and sizes.
+  static int __statfs(const char* path, struct statvfs* st);
+  static int __chmod(const char* path, mode_t mode, struct fuse_file_info* fi);
+  static int __chown(const char* path, uid_t uid, gid_t gid, struct fuse_file_info* fi);
+  static int __truncate(const char* path, off_t size, struct fuse_file_info* fi);
+  static int __fallocate(const char* path, int mode, off_t offset, off_t length,
+                         struct fuse_file_info* fi);
+
   // Control commands on open files (velt_fuse_ioctl.cpp).
   static int __ioctl(const char* path, unsigned int cmd, void* arg, struct fuse_file_info* fi,
                      unsigned int flags, void* data);
@@ -107,6 +115,9 @@ class VELTFuse {
   // Volume lifetime.
   static void* __init(struct fuse_conn_info* conn, struct fuse_config* cfg);
   static void __destroy(void* private_data);
+  // Closes every file still open through the mount as its release would (record, size,
+  // publication): the daemon is stopping with files open.
+  static void closeOpenFiles(VELT& velt);
 
   // A reference to the process-wide volume; empty before __init, after __destroy and after a
   // failed creation.

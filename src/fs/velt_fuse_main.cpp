@@ -3,9 +3,12 @@
 // Start-up: crash handler, options (ours before the library's), banner, device and mount-point
 // checks, then mount, daemonise and run the FUSE loop until the file system is unmounted. The
 // volume itself is created by the init callback, after mounting.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -30,6 +33,38 @@ void runLibraryWith(struct fuse_args* outargs, const char* option) {
   fuse_opt_add_arg(outargs, option);
   const struct fuse_operations& ops = VELTFuse::operations();
   fuse_main_real(outargs->argc, outargs->argv, &ops, sizeof(ops), nullptr);
+}
+
+// VELT_ROOT as an absolute path: the daemon changes directory when it goes to the background,
+// and must then still find the card it was started for. False (with a message) when the
+// variable is set but names no usable directory: never fall back to the real devices.
+bool makeRootAbsolute() {
+  const char* root = getenv("VELT_ROOT");
+  if (root == nullptr || root[0] == '\0') return true;
+  char* absolute = realpath(root, nullptr);
+  struct stat st;
+  if (absolute == nullptr || stat(absolute, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    fprintf(stderr, "error: VELT_ROOT [%s] is not a usable directory\n", root);
+    free(absolute);
+    return false;
+  }
+  setenv("VELT_ROOT", absolute, 1);
+  free(absolute);
+  return true;
+}
+
+// Takes an exclusive lock on the card (its image or device node) for the daemon's life, so that
+// a second daemon never serves the same card. -1 when another daemon holds it; otherwise the
+// descriptor (or -2 when the card cannot be opened: the volume's own open reports that).
+int lockCard(const std::string& card) {
+  int fd = open(card.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -2;
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    int err = errno;
+    close(fd);
+    return err == EWOULDBLOCK ? -1 : -2;
+  }
+  return fd;
 }
 
 }  // namespace
@@ -121,6 +156,12 @@ int main(int argc, char* argv[]) {
     return 1;
   }
 
+  if (!velt::makeRootAbsolute()) {
+    fuse_opt_free_args(&args);
+    free_options();
+    return 1;
+  }
+
   printf("     version: %d.%d.%d\n", velt::kVELTVersionMajor, velt::kVELTVersionMinor,
          velt::kVELTVersionPatch);
   printf("  cache size: %d%s\n", options.cache_size, options.cache_size == 0 ? "(disabled)" : "");
@@ -160,6 +201,14 @@ int main(int argc, char* argv[]) {
   }
   free(options.mount_path);
   options.mount_path = strdup(opts.mountpoint);
+
+  // Held (never closed) until the process ends, across daemonising.
+  const std::string card = velt::platformPath("/dev/velt");
+  if (velt::lockCard(card) == -1) {
+    fprintf(stderr, "error: card [%s] is already served by another velt.fuse\n", card.c_str());
+    free_all();
+    return 1;
+  }
 
   struct fuse* fuse = fuse_new(&args, &ops, sizeof(ops), nullptr);
   if (fuse == nullptr) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
@@ -64,16 +65,30 @@ void VELT::initRootEntry(const std::shared_ptr<DirEntry>& root) {
 }
 
 std::shared_ptr<VELT::DirEntry> VELT::newEntry(const std::shared_ptr<DirEntry>& parent,
-                                               const char* name, bool is_dir) {
+                                               const char* name, bool is_dir, int* error) {
+  int ignored = 0;
+  int& err = error != nullptr ? *error : ignored;
+  err = -EINVAL;
   if (parent == nullptr) {
     NERIO_ASSERT_TEXT("parent");
     return nullptr;
   }
   if (name == nullptr || !isValidFileName(name)) return nullptr;
+  // A FAT long name holds at most 255 UTF-16 code units.
+  std::vector<uint16_t> units;
+  size_t name_units = 0;
+  if (!longNameUnits(name, &units, &name_units)) return nullptr;
+  if (name_units > 255) {
+    err = -ENAMETOOLONG;
+    return nullptr;
+  }
   try {
-    return parent->createChild(name, false, is_dir, nullptr);
+    auto entry = parent->createChild(name, false, is_dir, nullptr, &err);
+    if (entry == nullptr && err == 0) err = -EIO;
+    return entry;
   } catch (const std::exception&) {
     LOGE("got exception when creating a dir entry(\"%s/%s\")\n", parent->getPath().c_str(), name);
+    err = -ENOMEM;
     return nullptr;
   }
 }
@@ -104,6 +119,7 @@ std::shared_ptr<VELT::File> VELT::newFile(bool dir_mode, bool for_write, bool di
       handle = static_cast<uint32_t>(next_file_handle_++);
     }
     auto file = std::make_shared<File>(this, handle, dir_mode, for_write, direct, entry.get());
+    file->entry_ref_ = entry;
     {
       std::lock_guard<std::mutex> lock(files_mutex_);
       open_files_.emplace(handle, file);

@@ -115,6 +115,10 @@ int runQuietly(const std::vector<std::string>& args) {
 }  // namespace
 
 std::string daemonBinary() {
+  // VELT_DAEMON runs the end-to-end tests against another build of the daemon (a sanitizer
+  // build, say).
+  const char* other = getenv("VELT_DAEMON");
+  if (other != nullptr && other[0] != '\0') return other;
   return std::string(VELT_BINARY_DIR) + "/velt.fuse";
 }
 

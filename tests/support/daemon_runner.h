@@ -15,7 +15,7 @@
 
 namespace velt::test {
 
-// Path of the velt.fuse executable of this build.
+// Path of the velt.fuse executable of this build, or $VELT_DAEMON when that is set.
 std::string daemonBinary();
 
 // Result of a daemon run that ended by itself.

@@ -1,0 +1,368 @@
+// What users of a FAT32 card expect of the mount, one row per complaint: truncation, free
+// space, permissions, names and inode numbers, renames, modification times, error causes,
+// removal of open entries, and the daemon's life (one per card, VELT_ROOT, signals, write
+// errors of the card).
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon_runner.h"
+#include "e2e_card.h"
+
+namespace velt::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string q(const std::string& s) {
+  return shellQuote(s);
+}
+
+// A row passes when its check returns an empty string; otherwise the text says what was seen.
+struct Row {
+  const char* complaint;
+  std::function<std::string()> check;
+};
+
+void runRows(const std::vector<Row>& rows) {
+  for (const Row& row : rows) {
+    std::string seen = row.check();
+    EXPECT_EQ(seen, "") << row.complaint;
+  }
+}
+
+std::string errnoText(int e) {
+  return e == 0 ? "success" : strerror(e);
+}
+
+// errno of a call that must fail with `expected`; "" when it did.
+std::string fails(int result, int expected) {
+  int e = result < 0 ? errno : 0;
+  return e == expected ? "" : "got " + errnoText(e) + ", expected " + errnoText(expected);
+}
+
+std::string shell(const std::string& command, int expected_status = 0) {
+  ShellResult r = runShell(command);
+  if (r.status == expected_status) return "";
+  return command + ": status " + std::to_string(r.status) + "\n" + r.out + r.err;
+}
+
+TEST(MountBehaviour, PlainCard) {
+  MountedCard card;
+  ASSERT_TRUE(card.start(CardKind::kPlain)) << card.error();
+  const std::string m = card.mountPoint();
+  auto p = [&](const std::string& rel) { return card.path(rel); };
+  struct statvfs vfs;
+
+  std::vector<Row> rows = {
+      {"cp of a short file over a longer one and echo > file leave the old tail",
+       [&] {
+         writeFileBytes(p("long.txt"), std::string(5000, 'L'));
+         writeFileBytes(p("small.txt"), "small\n");
+         std::string r = shell("cp " + q(p("small.txt")) + " " + q(p("long.txt")) +
+                               " && echo x > " + q(p("small.txt")));
+         if (!r.empty()) return r;
+         if (readFileBytes(p("long.txt")) != "small\n") return std::string("cp kept the tail");
+         return readFileBytes(p("small.txt")) == "x\n" ? "" : "echo kept the tail";
+       }},
+      {"truncate shrinks and grows (zero-filled)",
+       [&] {
+         writeFileBytes(p("t.bin"), std::string(9000, 'T'));
+         if (truncate(p("t.bin").c_str(), 10) != 0) return "shrink: " + errnoText(errno);
+         if (truncate(p("t.bin").c_str(), 7000) != 0) return "grow: " + errnoText(errno);
+         std::string want = std::string(10, 'T') + std::string(6990, '\0');
+         return readFileBytes(p("t.bin")) == want ? "" : "content after shrink and grow";
+       }},
+      {"df shows 0 size and 0 free",
+       [&] {
+         if (statvfs(m.c_str(), &vfs) != 0) return "statvfs: " + errnoText(errno);
+         if (vfs.f_blocks == 0 || vfs.f_bavail == 0 || vfs.f_bavail > vfs.f_blocks ||
+             vfs.f_frsize != 2048 || vfs.f_namemax != 255) {
+           return std::string("statvfs numbers");
+         }
+         return shell("df " + q(m) + " | grep -q velt-test");
+       }},
+      {"chmod and chown fail with Function not implemented",
+       [&] {
+         writeFileBytes(p("mode.txt"), "m");
+         std::string r = shell("chmod 444 " + q(p("mode.txt")) + " && chown 1000:1000 " +
+                               q(p("mode.txt")) + " && chmod 755 " + q(p("long.txt")));
+         if (!r.empty()) return r;
+         struct stat st;
+         stat(p("mode.txt").c_str(), &st);
+         if ((st.st_mode & 0777) != 0555) return std::string("read-only file not shown 0555");
+         stat(p("long.txt").c_str(), &st);
+         return (st.st_mode & 0777) == 0777 ? "" : "writable file not shown 0777";
+       }},
+      {"one file has a different inode number for each spelling; cp a.txt A.TXT copies it "
+       "onto itself",
+       [&] {
+         writeFileBytes(p("a.txt"), "aaa");
+         writeFileBytes(p("Long File Name.txt"), "long");
+         struct stat a, b, c, d;
+         if (stat(p("a.txt").c_str(), &a) || stat(p("A.TXT").c_str(), &b) ||
+             stat(p("Long File Name.txt").c_str(), &c) || stat(p("LONGFI~1.TXT").c_str(), &d)) {
+           return "stat: " + errnoText(errno);
+         }
+         if (a.st_ino != b.st_ino || c.st_ino != d.st_ino || a.st_ino == c.st_ino) {
+           return std::string("inode numbers differ between spellings");
+         }
+         std::string r = shell("cp " + q(p("a.txt")) + " " + q(p("A.TXT")) + " 2>&1", 1);
+         if (!r.empty()) return r;
+         return readFileBytes(p("a.txt")) == "aaa" ? "" : "content changed";
+       }},
+      {"a rename that changes only letter case does nothing",
+       [&] {
+         mkdir(p("dir").c_str(), 0755);
+         writeFileBytes(p("dir/in.txt"), "in");
+         if (rename(p("dir").c_str(), p("Dir").c_str()) != 0) return "dir: " + errnoText(errno);
+         if (rename(p("a.txt").c_str(), p("A.txt").c_str()) != 0) return "a: " + errnoText(errno);
+         ShellResult ls = runShell("ls " + q(m));
+         if (ls.out.find("Dir\n") == std::string::npos || ls.out.find("A.txt\n") == std::string::npos)
+           return "listing: " + ls.out;
+         return readFileBytes(p("Dir/in.txt")) == "in" ? "" : "folder content";
+       }},
+      {"renaming a folder onto an existing folder leaves two folders with one name",
+       [&] {
+         mkdir(p("d1").c_str(), 0755);
+         mkdir(p("d2").c_str(), 0755);
+         mkdir(p("d3").c_str(), 0755);
+         writeFileBytes(p("d1/f"), "1");
+         writeFileBytes(p("d3/g"), "3");
+         if (rename(p("d1").c_str(), p("d2").c_str()) != 0) return "empty target: " + errnoText(errno);
+         std::string r = fails(rename(p("d2").c_str(), p("d3").c_str()), ENOTEMPTY);
+         if (!r.empty()) return "non-empty target: " + r;
+         r = fails(rename(p("d2").c_str(), p("small.txt").c_str()), ENOTDIR);
+         if (!r.empty()) return "onto a file: " + r;
+         ShellResult ls = runShell("ls " + q(m) + " | grep -c '^d2$'");
+         if (ls.out != "1\n") return "d2 listed " + ls.out;
+         return readFileBytes(p("d2/f")) == "1" ? "" : "moved content";
+       }},
+      {"writes never update the modification time",
+       [&] {
+         struct timespec old[2] = {{978307200, 0}, {978307200, 0}};  // 2001
+         if (utimensat(AT_FDCWD, p("long.txt").c_str(), old, 0) != 0) return errnoText(errno);
+         time_t before = time(nullptr);
+         int fd = open(p("long.txt").c_str(), O_WRONLY | O_APPEND);
+         if (fd < 0 || write(fd, "more", 4) != 4) return "append: " + errnoText(errno);
+         close(fd);
+         struct stat st;
+         stat(p("long.txt").c_str(), &st);
+         return st.st_mtime + 2 >= before ? "" : "mtime " + std::to_string(st.st_mtime);
+       }},
+      {"every failed creation reports Cannot allocate memory",
+       [&] {
+         std::string r = fails(open(p("a:b").c_str(), O_CREAT | O_WRONLY, 0644), EINVAL);
+         if (r.empty()) r = fails(mkdir(p("q?x").c_str(), 0755), EINVAL);
+         if (r.empty()) {
+           r = fails(open(p(std::string(256, 'n')).c_str(), O_CREAT | O_WRONLY, 0644),
+                     ENAMETOOLONG);
+         }
+         if (r.empty()) r = fails(mkdir(p("d2").c_str(), 0755), EEXIST);
+         return r;
+       }},
+      {"touch on the mount point fails with EINVAL", [&] { return shell("touch " + q(m)); }},
+      {"rmdir of a folder another process has open crashes the daemon",
+       [&] {
+         mkdir(p("opened").c_str(), 0755);
+         DIR* d = opendir(p("opened").c_str());
+         if (d == nullptr) return "opendir: " + errnoText(errno);
+         int r = rmdir(p("opened").c_str());
+         int e = errno;
+         while (readdir(d) != nullptr) {
+         }
+         closedir(d);
+         if (r != 0) return "rmdir: " + errnoText(e);
+         struct stat st;
+         return stat(m.c_str(), &st) == 0 ? "" : "mount gone: " + errnoText(errno);
+       }},
+      {"rm of an open file leaves .fuse_hidden files on the card",
+       [&] {
+         int fd = open(p("small.txt").c_str(), O_RDONLY);
+         std::string r = fails(unlink(p("small.txt").c_str()), EBUSY);
+         close(fd);
+         if (!r.empty()) return r;
+         ShellResult hidden = runShell("ls -A " + q(m) + " | grep -c fuse_hidden");
+         if (hidden.out != "0\n") return "hidden files: " + hidden.out;
+         return unlink(p("small.txt").c_str()) == 0 ? "" : "unlink after close: " + errnoText(errno);
+       }},
+  };
+  runRows(rows);
+  card.unmountAndCheck();
+  // Another implementation agrees with what the rows left.
+  EXPECT_EQ(card.mtools("mtype ::/Dir/in.txt").out, "in");
+  EXPECT_EQ(card.mtools("mtype ::/long.txt").out, "small\nmore");
+}
+
+// A card that runs full: every way of asking for space says ENOSPC, and nothing is left
+// half-allocated.
+TEST(MountBehaviour, FullCard) {
+  CardSpec spec;
+  spec.size_mb = 40;
+  spec.sectors_per_cluster = 1;  // the smallest FAT32 card
+  CardImage image(spec);
+  ASSERT_TRUE(image.ok()) << image.error();
+  std::string mnt = image.dir() + "/mnt";
+  fs::create_directories(mnt);
+  DaemonRunner daemon;
+  ASSERT_TRUE(daemon.start(image.root(), mnt)) << daemon.out() << daemon.err();
+  struct statvfs vfs;
+  ASSERT_EQ(statvfs(mnt.c_str(), &vfs), 0);
+  const int64_t free_bytes = static_cast<int64_t>(vfs.f_bavail) * vfs.f_frsize;
+
+  // fallocate reserves what fits, zero-filled.
+  int fd = open((mnt + "/reserve.bin").c_str(), O_CREAT | O_RDWR, 0644);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(posix_fallocate(fd, 0, 1 << 20), 0);
+  struct stat st;
+  fstat(fd, &st);
+  EXPECT_EQ(st.st_size, 1 << 20);
+  close(fd);
+  EXPECT_EQ(readFileBytes(mnt + "/reserve.bin"), std::string(1 << 20, '\0'));
+  fd = open((mnt + "/huge.bin").c_str(), O_CREAT | O_RDWR, 0644);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(posix_fallocate(fd, 0, free_bytes * 2), ENOSPC);
+  close(fd);
+  EXPECT_EQ(readFileBytes(mnt + "/huge.bin"), "");
+
+  // Data until the card is full: a short write, then ENOSPC.
+  ShellResult dd = runShell("dd if=/dev/zero of=" + q(mnt + "/fill.bin") + " bs=64k 2>&1");
+  EXPECT_NE(dd.status, 0);
+  EXPECT_NE(dd.out.find("No space left on device"), std::string::npos) << dd.out;
+  ASSERT_EQ(statvfs(mnt.c_str(), &vfs), 0);
+  EXPECT_EQ(vfs.f_bavail, 0u);
+  errno = 0;
+  EXPECT_NE(mkdir((mnt + "/newdir").c_str(), 0755), 0);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(truncate((mnt + "/reserve.bin").c_str(), 4 << 20), -1);
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(unlink((mnt + "/fill.bin").c_str()), 0);
+  EXPECT_EQ(mkdir((mnt + "/newdir").c_str(), 0755), 0);
+  EXPECT_EQ(daemon.stop(), 0);
+  ShellResult r = image.fsck("-n");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+TEST(MountBehaviour, VeltCard) {
+  MountedCard card;
+  ASSERT_TRUE(card.start(CardKind::kVelt)) << card.error();
+  const std::string rec = card.path(MountedCard::kReservedFolder);
+  std::vector<Row> rows = {
+      {"rm of an open file in a reserved folder fails with EPERM",
+       [&] {
+         writeFileBytes(rec + "/clip.bin", std::string(10000, 'c'));
+         int fd = open((rec + "/clip.bin").c_str(), O_RDONLY);
+         std::string r = fails(unlink((rec + "/clip.bin").c_str()), EBUSY);
+         close(fd);
+         return r;
+       }},
+      {"a reserved file keeps its clusters: only a fresh start of its recording",
+       [&] {
+         std::string r = fails(truncate((rec + "/clip.bin").c_str(), 100), EPERM);
+         if (!r.empty()) return r;
+         writeFileBytes(rec + "/clip.bin", "again");  // O_TRUNC restarts the recording
+         return readFileBytes(rec + "/clip.bin") == "again" ? "" : "content after restart";
+       }},
+  };
+  runRows(rows);
+  card.unmountAndCheck();
+  EXPECT_EQ(card.mtools("mtype ::/REC/clip.bin").out, "again");
+}
+
+// The daemon's life: one per card, VELT_ROOT wherever it is started from, files closed on
+// signals, card write errors reaching the writer.
+TEST(MountBehaviour, DaemonLife) {
+  MountedCard card;
+  ASSERT_TRUE(card.start(CardKind::kPlain)) << card.error();
+  const std::string root = card.card().root();
+
+  // A second daemon on the same card, at another mount point, is refused.
+  std::string other = card.card().dir() + "/other";
+  fs::create_directories(other);
+  DaemonExit second = runDaemonToExit({"-f", other}, root);
+  EXPECT_EQ(second.status, 1);
+  EXPECT_NE(second.err.find("already served"), std::string::npos) << second.err;
+  EXPECT_FALSE(isMounted(other));
+
+  // SIGTERM and SIGINT with a file open: the file is closed as a release would close it.
+  for (int sig : {SIGTERM, SIGINT}) {
+    std::string name = "open" + std::to_string(sig) + ".bin";
+    std::string data = patternBytes(300000, static_cast<unsigned>(sig));
+    int fd = open(card.path(name).c_str(), O_CREAT | O_WRONLY, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(write(fd, data.data(), data.size()), static_cast<ssize_t>(data.size()));
+    kill(card.daemon().pid(), sig);
+    EXPECT_EQ(card.daemon().waitExit(15000), 0) << sig;
+    close(fd);
+    card.daemon().stop();
+    EXPECT_EQ(card.mtools("mtype ::/" + name).out == data, true) << sig;
+    ASSERT_TRUE(card.mount()) << card.error();
+  }
+  card.unmountAndCheck();
+
+  // A relative VELT_ROOT, started in the background: it still finds its card.
+  std::string dir = card.card().dir();
+  ShellResult bg = runShell("cd " + q(dir) + " && VELT_ROOT=root " + q(daemonBinary()) +
+                            " -o fsname=velt-test " + q(dir + "/mnt"));
+  EXPECT_EQ(bg.status, 0) << bg.out << bg.err;
+  bool mounted = false;
+  for (int i = 0; i < 100 && !mounted; ++i) {
+    struct stat st;
+    mounted = isMounted(dir + "/mnt") && stat((dir + "/mnt/open15.bin").c_str(), &st) == 0;
+    if (!mounted) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  EXPECT_TRUE(mounted);
+  runShell("fusermount3 -u " + q(dir + "/mnt"));
+  // Set but unusable: an error, never the real devices.
+  DaemonExit bad = runDaemonToExit({"-f", dir + "/mnt"}, dir + "/no-such-root");
+  EXPECT_EQ(bad.status, 1);
+  EXPECT_NE(bad.err.find("VELT_ROOT"), std::string::npos) << bad.err;
+}
+
+// The card image lies on a file system that runs full before the card does: the writer hears
+// of it, and what the card holds is never mistaken for the data.
+TEST(MountBehaviour, CardWriteErrorsReachTheWriter) {
+  CardSpec spec;
+  spec.size_mb = 40;
+  spec.sectors_per_cluster = 1;
+  CardImage image(spec);
+  ASSERT_TRUE(image.ok()) << image.error();
+  TempDir small;
+  ASSERT_EQ(mount("tmpfs", small.path().c_str(), "tmpfs", 0, "size=3m"), 0) << strerror(errno);
+  std::string root = small.path() + "/root";
+  fs::create_directories(root + "/dev");
+  ASSERT_EQ(runShell("cp --sparse=always " + q(image.image()) + " " + q(root + "/dev/velt"))
+                .status,
+            0);
+  writeFileBytes(root + "/dev/mmcblk0p1", "");
+  std::string mnt = image.dir() + "/mnt";
+  fs::create_directories(mnt);
+  {
+    DaemonRunner daemon;
+    ASSERT_TRUE(daemon.start(root, mnt)) << daemon.out() << daemon.err();
+    std::string data = patternBytes(8 << 20, 7);
+    writeFileBytes(image.dir() + "/src.bin", data);
+    ShellResult cp = runShell("cp " + q(image.dir() + "/src.bin") + " " + q(mnt + "/dst.bin"));
+    EXPECT_NE(cp.status, 0) << "cp of 8 MiB onto a 3 MiB backing store succeeded";
+    daemon.stop();
+  }
+  umount2(small.path().c_str(), MNT_DETACH);
+}
+
+}  // namespace
+}  // namespace velt::test
