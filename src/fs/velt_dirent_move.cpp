@@ -152,10 +152,11 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
 
     child->short_name_ = short_name;
     child->name_ = new_name;
+    // A rename leaves the write time alone: tools that set it and then rename (rsync) rely on
+    // that.
     time_t now = time(nullptr);
-    child->access_date_ = child->write_date_ = timeToFatDate(now);
-    child->write_time_ = timeToFatTime(now);
-    child->accessed_ = child->modified_ = now;
+    child->access_date_ = timeToFatDate(now);
+    child->accessed_ = now;
     child->lfn_ent_count_ = 0;
     child->lfn_disk_offsets_.clear();
 

@@ -192,14 +192,13 @@ int truncateEntry(VELT& velt, VELT::DirEntry& entry, int64_t size) {
   if (size < 0) return -EINVAL;
   if (size > 0xFFFFFFFFll) return -EFBIG;
   if (entry.is_reserved_) {
-    // A reserved file keeps its clusters; only a fresh start of its recording is allowed.
+    // A reserved file keeps its clusters and its whole size on the card; only a fresh start of
+    // its recording is allowed: the data written so far counts for nothing.
     if (size != 0) return std::atomic_ref<int64_t>(entry.size_).load() == size ? 0 : -EPERM;
     std::lock_guard lock(entry.files_mutex_);
-    std::atomic_ref<int64_t>(entry.size_).store(0, std::memory_order_release);
     entry.real_size_ = 0;
     markModified(entry);
-    int r = writeEntryRecord(velt, entry);
-    return r < 0 ? r : flushPending(velt);
+    return 0;
   }
   int r = 0;
   const int64_t old_size = std::atomic_ref<int64_t>(entry.size_).load(std::memory_order_acquire);

@@ -194,7 +194,7 @@ TEST_P(Tools, ArchiveSyncVersionControlAndDatabase) {
           q(work_.path() + "/repo") + " && " + git + "add -A && " + git + "commit -qm one");
   mustRun(git + "clone -q " + q(work_.path() + "/repo") + " " + q(mounted_.path("clone")));
   EXPECT_EQ(mustRun("cd " + q(mounted_.path("clone")) + " && " + git + "status --porcelain"), "");
-  mustRun("cd " + q(mounted_.path("clone")) + " && " + git + "fsck -q");
+  mustRun("cd " + q(mounted_.path("clone")) + " && " + git + "fsck --no-progress");
 
   // sqlite3: a table made, filled and read back after a remount.
   const std::string db = mounted_.path("data.sqlite");
