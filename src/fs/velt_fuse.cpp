@@ -77,6 +77,19 @@ int lastError(int fallback) {
   return errno != 0 ? -errno : fallback;
 }
 
+// The kernel caches attributes per name for a moment, and one entry has several names (any
+// letter case, its 8.3 alias). A change made through one of them leaves the stored name's
+// attributes stale: they are dropped here when the caller used another spelling.
+void dropStoredSpelling(VELT& velt, const VELT::DirEntry& entry, const char* used) {
+  std::string stored;
+  for (char c : entry.getPath()) {
+    if (c == '/' && !stored.empty() && stored.back() == '/') continue;
+    stored.push_back(c);
+  }
+  if (stored.empty() || stored[0] != '/') stored.insert(stored.begin(), '/');
+  if (used == nullptr || stored != used) velt.invalidateKernelCache(stored);
+}
+
 // The entry's inode number: one per entry, whatever spelling reached it, given on first use
 // and never handed out again while the daemon runs. The root is 1.
 ino_t inodeOf(const VELT& velt, VELT::DirEntry& entry) {
@@ -264,7 +277,9 @@ int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
       entry->modified_ = seconds[1];
       return 0;
     }
-    return entry->touch(seconds[0], seconds[1]);
+    int r = entry->touch(seconds[0], seconds[1]);
+    if (r == 0) dropStoredSpelling(*velt, *entry, path);
+    return r;
   } catch (...) {
     return exceptionAnswer(__func__);
   }
@@ -582,6 +597,8 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       }
     }
     int moved = from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
+    // The stored name now stands for the moved entry.
+    if (moved == 0 && to_entry) dropStoredSpelling(*velt, *source, to);
     // A rename that returned survives a power cut.
     if (moved == 0 && velt->sync() != 0) return -EIO;
     return moved;
@@ -643,7 +660,9 @@ int VELTFuse::__chmod(const char* path, mode_t mode, struct fuse_file_info* /*fi
       times[1] = entry->modified_;
     }
     if (entry->is_reserved_ && !entry->is_secured_) return 0;  // written at publication
-    return entry->touch(times[0], times[1]);
+    int r = entry->touch(times[0], times[1]);
+    if (r == 0) dropStoredSpelling(*velt, *entry, path);
+    return r;
   } catch (...) {
     return exceptionAnswer(__func__);
   }
@@ -671,7 +690,9 @@ int VELTFuse::__truncate(const char* path, off_t size, struct fuse_file_info* fi
     if (path == nullptr) return -EBADF;
     DirEntryPtr entry = resolve(*velt, path);
     if (!entry) return -ENOENT;
-    return truncateEntry(*velt, *entry, size);
+    int r = truncateEntry(*velt, *entry, size);
+    dropStoredSpelling(*velt, *entry, path);
+    return r;
   } catch (...) {
     return exceptionAnswer(__func__);
   }

@@ -444,7 +444,7 @@ class ModelTest : public ::testing::TestWithParam<CardKind> {};
 
 TEST_P(ModelTest, RandomOperationsAgreeWithAHostFolder) {
   const unsigned seed = static_cast<unsigned>(envInt("VELT_MODEL_SEED", 20261123));
-  const int ops = envInt("VELT_MODEL_OPS", GetParam() == CardKind::kPlain ? 1200 : 400);
+  const int ops = envInt("VELT_MODEL_OPS", GetParam() == CardKind::kPlain ? 2000 : 600);
   MountedCard mounted;
   ASSERT_TRUE(mounted.start(GetParam())) << mounted.error();
   struct stat st;
