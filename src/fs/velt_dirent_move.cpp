@@ -180,7 +180,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
     }
     memcpy(child->record_, record, DIR_RECORD_SIZE);
     // The new records reach the card before the old ones are marked deleted.
-    velt_->flush();
+    velt_->sync();
 
     uint8_t old_name11[11];
     shortNameToName83(old_short.c_str(), old_name11);

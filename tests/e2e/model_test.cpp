@@ -201,7 +201,7 @@ class Model {
   std::string newName() {
     static const char* kNames[] = {"a",        "b.txt",     "Data",      "report.pdf",
                                    "MiXeD.Cs", "long file name number", "x", "notes.TXT",
-                                   "ünï.bin",  "sub",       "deep dir"};
+                                   "sub",       "deep dir"};
     return kNames[pick(static_cast<int>(std::size(kNames)))];
   }
 
@@ -353,7 +353,8 @@ class Model {
     }
     if (op < 68 && !files.empty()) {  // unlink
       std::string f = files[pick(static_cast<int>(files.size()))];
-      std::string card = f.substr(0, f.rfind('/') + 1) + spell(f.substr(f.rfind('/') + 1));
+      // The stored name: the kernel keeps other spellings' answers for up to a second.
+      std::string card = f;
       *what << "unlink " << card;
       int ce = err([&] { return unlink((card_ + card).c_str()); });
       if (isOpen(f)) return same(ce, EBUSY, what);  // an open file stays
