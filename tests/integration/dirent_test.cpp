@@ -320,8 +320,8 @@ TEST(DirentCard, RenamesMovesAndDeletions) {
   const Listed* arrived = l.find("::/album at the top", "arrived.bin");
   ASSERT_NE(arrived, nullptr);
   EXPECT_EQ(arrived->size, 3000);
-  // A moved entry takes today's date as its modification.
-  EXPECT_EQ(arrived->date, fatDate(time(nullptr)));
+  // A move is no modification: the entry keeps its write date.
+  EXPECT_EQ(arrived->date, fatDate(mtime));
   EXPECT_NE(l.find("::/album at the top", "track 01.flac"), nullptr);
   EXPECT_EQ(l.count("::/documents"), 0u);
   EXPECT_EQ(l.count("::"), 4u);  // documents, the renamed file, SAME2.TXT, the album
