@@ -79,6 +79,7 @@ class Session {
     auto d = std::make_unique<CutDriver>(card);
     d->cutAt(cut, mode, choice);
     driver_ = d.get();
+    d->final_writes = &final_writes_;
     int error = 0;
     volume_ = mountOn(std::move(d), &error);
     if (volume_ == nullptr) throw std::runtime_error("workload card does not load");
@@ -91,6 +92,8 @@ class Session {
     volume_.reset();  // unload: open files closed, buffers written
   }
   CutDriver& driver() { return *driver_; }
+  // Every write the card saw, the unload's included once the session has ended.
+  int64_t writes() const { return volume_ != nullptr ? driver_->writes() : final_writes_; }
   VELT& volume() { return *volume_; }
   Promises p;
 
@@ -257,6 +260,7 @@ class Session {
   }
 
   CutDriver* driver_ = nullptr;
+  int64_t final_writes_ = 0;
   std::shared_ptr<VELT> volume_;
 };
 
@@ -367,7 +371,7 @@ int64_t runOnce(const Card& base, const Card& card, const Workload& work, int64_
   s.end();
   if (promises != nullptr) *promises = s.p;
   if (inflight != nullptr) *inflight = s.inflight_content_;
-  return s.driver().writes();
+  return s.writes();
 }
 
 // The cut points of a sweep over T writes: all of them while T is small, else an even spread

@@ -28,6 +28,11 @@ enum class CutMode {
 class CutDriver : public BlockDriver {
  public:
   explicit CutDriver(std::shared_ptr<CardBytes> card) : card_(std::move(card)) {}
+  // The volume owns its driver: the count it ends with outlives it here when set.
+  ~CutDriver() override {
+    if (final_writes != nullptr) *final_writes = writes_;
+  }
+  int64_t* final_writes = nullptr;
   void cutAt(int64_t write, CutMode mode, uint64_t choice) {
     cut_at_ = write;
     mode_ = mode;

@@ -277,7 +277,7 @@ int DirectClient::receive(Reply* reply, int timeout_ms) {
               spare_.pop_back();
             }
             out.payload.resize(size);
-            memcpy(out.payload.data(), in_.data() + in_pos_ + kDirectHeaderSize, here);
+            if (here > 0) memcpy(out.payload.data(), in_.data() + in_pos_ + kDirectHeaderSize, here);
             in_pos_ += kDirectHeaderSize + here;
             if (here == size) return 0;
             partial_got_ = here;
