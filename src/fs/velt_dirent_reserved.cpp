@@ -403,10 +403,11 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
     velt_file.taken_time = static_cast<uint32_t>(entry->created_);
     if (was_free) {
       velt_file.used_ = true;
-      velt_folder_->used += 1;
-      // The new count reaches the card before the file's record does.
+      // The new count reaches the card before the file's record does. The count goes into
+      // every FSInfo write, some of which hold only fat_mutex_: it changes under both locks.
       PBR* pbr = velt_->pbr_;
       std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
+      velt_folder_->used += 1;
       pbr->updateFSInfo();
     } else {
       if (!velt_file.used_) NERIO_ASSERT_TEXT("velt_reserved_files_[oldest_index].used_ == true");
@@ -502,11 +503,6 @@ int VELT::DirEntry::__delReservedChild(const std::shared_ptr<DirEntry>& child) {
     NERIO_ASSERT_TEXT("velt_folder_ != nullptr && child != nullptr");
     return -EINVAL;
   }
-  velt_folder_->used -= 1;
-  if (velt_folder_->used < 0) {
-    ASSERT_TEXT_MSG("velt_folder->used >= 0", ": %d >= 0\n", velt_folder_->used);
-    velt_folder_->used = 0;
-  }
   const int index = getVELTFileIndex(child->dir_ent_disk_off_);
   if (index >= 0) {
     if (!velt_reserved_files_[index].used_) {
@@ -517,7 +513,12 @@ int VELT::DirEntry::__delReservedChild(const std::shared_ptr<DirEntry>& child) {
   // The record was already marked deleted: a failed FSInfo write is logged and the count is
   // put right at the next load.
   PBR* pbr = velt_->pbr_;
-  std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
+  std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);  // the count: see the takeover
+  velt_folder_->used -= 1;
+  if (velt_folder_->used < 0) {
+    ASSERT_TEXT_MSG("velt_folder->used >= 0", ": %d >= 0\n", velt_folder_->used);
+    velt_folder_->used = 0;
+  }
   pbr->updateFSInfo();
   return 0;
 }

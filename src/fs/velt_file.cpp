@@ -478,12 +478,15 @@ int VELT::File::commit(bool publish) {
   pbr.flushFATs();
   step();  // chains
 
-  if (!dir_mode_ && entry_->isArchive() && entry_->dir_ent_disk_off_ != 0) {
+  if (!dir_mode_) {
+    // Attributes and the publication mark change under the entry's files_mutex_ (writes and
+    // closes on other handles, chmod, publication).
     std::lock_guard lock(entry_->files_mutex_);
-    if (entry_->is_reserved_ && !entry_->is_secured_) {
+    const bool has_record = entry_->isArchive() && entry_->dir_ent_disk_off_ != 0;
+    if (has_record && entry_->is_reserved_ && !entry_->is_secured_) {
       // Unpublished recordings stay invisible until asked for.
       if (publish && entry_->secure2() < 0) ok = false;
-    } else if (entry_->update2(true, modified) < 0) {
+    } else if (has_record && entry_->update2(true, modified) < 0) {
       ok = false;
     }
   }
@@ -504,15 +507,21 @@ int VELT::File::commit(bool publish) {
 
 int VELT::File::close() {
   uint32_t handle;
-  bool update;
+  bool update, written;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (file_no_ == kClosedFileNo) return -1;
     if (--open_count_ > 0) return 0;
-    update = (accessed_ || written_) && entry_ != nullptr &&
-             (!entry_->is_reserved_ || entry_->is_secured_);
+    update = (accessed_ || written_) && entry_ != nullptr;
+    written = written_ != 0;
     handle = file_no_;
     file_no_ = kClosedFileNo;
+  }
+  if (update) {
+    // Another handle of the entry may be publishing it (a mount flush, a channel write): the
+    // publication mark is the entry's, under its files_mutex_.
+    std::lock_guard lock(entry_->files_mutex_);
+    update = !entry_->is_reserved_ || entry_->is_secured_;
   }
   int result = velt_ != nullptr ? velt_->freeFile(handle) : -ENODEV;
   bool uncommitted;
@@ -522,7 +531,7 @@ int VELT::File::close() {
     uncommitted_ = 0;
   }
   if (update && velt_ != nullptr) {
-    if ((written_ || uncommitted) && velt_->pbr_ != nullptr) {
+    if ((written || uncommitted) && velt_->pbr_ != nullptr) {
       PBR* pbr = velt_->pbr_;
       pbr->flushFATs();
       // A writer without a FAT-lock count (an existing file opened again, a direct file) took

@@ -211,7 +211,10 @@ int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler,
     }
     for (const DirEntryPtr& child : children) {
       if (child->is_volume_) continue;
-      if (child->is_reserved_ && !child->is_secured_) continue;
+      if (child->is_reserved_) {
+        std::lock_guard lock(child->files_mutex_);  // publication may be under way
+        if (!child->is_secured_) continue;
+      }
       struct stat st;
       memset(&st, 0, sizeof(st));
       if (child->isDotEntry()) {
@@ -354,8 +357,13 @@ int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t 
 // otherwise the recording would vanish at the next mount.
 static void publishReservedFile(VELT::File& file) {
   VELT::DirEntry* entry = file.entry_;
-  if (entry == nullptr || file.direct_ || !file.written_ || !entry->is_reserved_) return;
+  if (entry == nullptr || !entry->is_reserved_) return;
+  // The entry's files_mutex_ before the file's mutex_; the publication mark is the entry's.
   std::lock_guard lock(entry->files_mutex_);
+  {
+    std::lock_guard<std::mutex> file_lock(file.mutex_);
+    if (file.direct_ || !file.written_) return;
+  }
   if (entry->is_secured_) return;
   int result = entry->secure2();
   if (result < 0) LOGE("\"%s\" publish failed: %d\n", entry->getPath().c_str(), result);
@@ -658,8 +666,8 @@ int VELTFuse::__chmod(const char* path, mode_t mode, struct fuse_file_info* /*fi
       entry->record_[rec::kAttr] = entry->attr_;
       times[0] = entry->accessed_;
       times[1] = entry->modified_;
+      if (entry->is_reserved_ && !entry->is_secured_) return 0;  // written at publication
     }
-    if (entry->is_reserved_ && !entry->is_secured_) return 0;  // written at publication
     int r = entry->touch(times[0], times[1]);
     if (r == 0) dropStoredSpelling(*velt, *entry, path);
     return r;
