@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <cwctype>
 #include <functional>
 #include <new>
 
@@ -94,79 +93,6 @@ void VELT::DirEntry::clear() {
 }
 
 // ---- Short names ----
-
-namespace {
-
-// Upper-cased code points of one part of a name that fit the 8.3 field (at most `max_points`
-// code points and `max_bytes` bytes of UTF-8). Characters the short-name table refuses become
-// "_" and set `altered`. Throws utf8::exception on malformed text.
-std::string shortPart(const std::string& part, size_t max_points, size_t max_bytes, bool is_base,
-                      bool* altered) {
-  std::string out;
-  size_t taken = 0;
-  auto it = part.begin();
-  while (it != part.end() && taken < max_points) {
-    uint32_t cp = utf8::next(it, part.end());
-    if (cp == 0) continue;
-    if (is_base && cp == ' ') continue;
-    if (is_base && cp == '.' && taken == 0) continue;
-    uint32_t up = static_cast<uint32_t>(towupper(static_cast<wint_t>(cp)));
-    if (!isShortNameByte(static_cast<uint8_t>(up & 0xFF))) {
-      up = '_';
-      *altered = true;
-    }
-    std::string encoded;
-    utf8::append(static_cast<char32_t>(up), std::back_inserter(encoded));
-    // A code point that does not fit the field's bytes ends the part (the name is then cut),
-    // so that the short name stored on the card is exactly the one compared in memory.
-    if (out.size() + encoded.size() > max_bytes) break;
-    out += encoded;
-    ++taken;
-  }
-  return out;
-}
-
-// Drops whole code points from the end of `base` until at least `bytes` bytes are gone.
-std::string dropTail(const std::string& base, size_t bytes) {
-  if (base.size() <= bytes) return std::string();
-  size_t keep = base.size() - bytes;
-  while (keep > 0 && (static_cast<uint8_t>(base[keep]) & 0xC0) == 0x80) --keep;
-  return base.substr(0, keep);
-}
-
-}  // namespace
-
-int makeShortName(const char* file_name, const std::function<bool(const std::string&)>& taken,
-                  std::string* short_name) {
-  std::string name(file_name);
-  size_t dot = name.rfind('.');
-  std::string base = dot == std::string::npos ? name : name.substr(0, dot);
-  std::string ext = dot == std::string::npos ? std::string() : name.substr(dot + 1);
-  bool altered = false;
-  std::string base8, ext3;
-  try {
-    base8 = shortPart(base, 8, 8, true, &altered);
-    ext3 = shortPart(ext, 3, 3, false, &altered);
-  } catch (const utf8::exception&) {
-    LOGE("[%s] failed to convert\n", file_name);
-    return -1;
-  }
-  std::string candidate = ext3.empty() ? base8 : base8 + "." + ext3;
-  // A record name may not begin with a blank: an empty base always takes a tail.
-  if (!altered && !base8.empty() && candidate.size() == name.size() && !taken(candidate)) {
-    *short_name = candidate;
-    return 0;
-  }
-  for (unsigned n = 1;; ++n) {
-    std::string tail = "~" + std::to_string(n);
-    std::string stem = base8.size() < tail.size() ? tail : dropTail(base8, tail.size()) + tail;
-    candidate = ext3.empty() ? stem : stem + "." + ext3;
-    if (!taken(candidate)) {
-      *short_name = candidate;
-      return 0;
-    }
-  }
-}
 
 int VELT::DirEntry::createUniqueShortName(const char* file_name, std::string* short_name) {
   return makeShortName(

@@ -1,7 +1,10 @@
 // Name rules, the 8.3 short-name form, long-name records and FAT dates and times.
 #include <utf8.h>
 
+#include <cctype>
 #include <cstring>
+#include <functional>
+#include <string>
 
 #include "fs/velt_dirent.h"
 #include "fs/velt_endian.h"
@@ -44,6 +47,66 @@ bool isValidShortName(const char* name) {
 
 bool isShortNameByte(uint8_t byte) {
   return byte != 0 && !refusedInShortName(byte);
+}
+
+namespace {
+
+// One part of a name in the 8.3 field, upper case, at most `max` characters. The field holds
+// bytes of the card's OEM code page, which no UTF-8 byte is: a character outside ASCII, like
+// one the short-name table refuses, becomes "_" and sets `altered` (the name then takes a
+// numeric tail and keeps its spelling in long-name records). Throws utf8::exception on
+// malformed text.
+std::string shortPart(const std::string& part, size_t max, bool is_base, bool* altered) {
+  std::string out;
+  auto it = part.begin();
+  while (it != part.end() && out.size() < max) {
+    uint32_t cp = utf8::next(it, part.end());
+    if (cp == 0) continue;
+    if (is_base && cp == ' ') continue;
+    if (is_base && cp == '.' && out.empty()) continue;
+    char c = static_cast<char>(cp < 0x80 ? toupper(static_cast<int>(cp)) : '_');
+    if (cp >= 0x80 || !isShortNameByte(static_cast<uint8_t>(c))) {
+      c = '_';
+      *altered = true;
+    }
+    out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+int makeShortName(const char* file_name, const std::function<bool(const std::string&)>& taken,
+                  std::string* short_name) {
+  std::string name(file_name);
+  size_t dot = name.rfind('.');
+  std::string base = dot == std::string::npos ? name : name.substr(0, dot);
+  std::string ext = dot == std::string::npos ? std::string() : name.substr(dot + 1);
+  bool altered = false;
+  std::string base8, ext3;
+  try {
+    base8 = shortPart(base, 8, true, &altered);
+    ext3 = shortPart(ext, 3, false, &altered);
+  } catch (const utf8::exception&) {
+    LOGE("[%s] failed to convert\n", file_name);
+    return -1;
+  }
+  std::string candidate = ext3.empty() ? base8 : base8 + "." + ext3;
+  // A record name may not begin with a blank: an empty base always takes a tail.
+  if (!altered && !base8.empty() && candidate.size() == name.size() && !taken(candidate)) {
+    *short_name = candidate;
+    return 0;
+  }
+  for (unsigned n = 1;; ++n) {
+    std::string tail = "~" + std::to_string(n);
+    std::string stem =
+        base8.size() < tail.size() ? tail : base8.substr(0, base8.size() - tail.size()) + tail;
+    candidate = ext3.empty() ? stem : stem + "." + ext3;
+    if (!taken(candidate)) {
+      *short_name = candidate;
+      return 0;
+    }
+  }
 }
 
 uint8_t shortNameChecksum(const uint8_t* name11) {

@@ -234,9 +234,11 @@ int main(int argc, char* argv[]) {
     return 1;
   }
 
-  int status;
+  // The loop answers 0 when unmounted, the signal's number when a signal ended it (a clean
+  // stop as well: every open file is closed at destroy) and a negative errno on failure.
+  int loop;
   if (opts.singlethread) {
-    status = fuse_loop(fuse) != 0 ? 1 : 0;
+    loop = fuse_loop(fuse);
   } else {
     struct fuse_loop_config config;
     memset(&config, 0, sizeof(config));
@@ -244,8 +246,9 @@ int main(int argc, char* argv[]) {
     // "Unset" (UINT_MAX) trips a bogus warning in the library's conversion of this older
     // loop record; 10 is what "unset" meant for it.
     config.max_idle_threads = opts.max_idle_threads == UINT_MAX ? 10 : opts.max_idle_threads;
-    status = fuse_loop_mt(fuse, &config) != 0 ? 1 : 0;
+    loop = fuse_loop_mt(fuse, &config);
   }
+  const int status = loop < 0 ? 1 : 0;
 
   fuse_remove_signal_handlers(session);
   fuse_unmount(fuse);

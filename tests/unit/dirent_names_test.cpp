@@ -143,10 +143,13 @@ TEST(DirentNames, UniqueShortNames) {
       {"archive.tar.gz", {}, "ARCHIV~1.GZ"},
       {"file.c pp", {}, "FI~1.C P"},  // a blank of the extension is kept
       {"...dots", {}, "~1.DOT"},
-      {"caf\xc3\xa9.txt", {}, "CAF\xc3\xa9.TXT"},
-      // Three-byte code points: the base keeps what fits into 8 bytes; U+672C has the low
-      // byte 0x2C (a comma) and becomes "_".
-      {"\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e\xe3\x83\x86.txt", {}, "\xe6\x97\xa5_~1.TXT"},
+      // The 8.3 field holds OEM code-page bytes, never UTF-8: a character outside ASCII is
+      // "_" and the name takes a tail, keeping its spelling in long-name records, even when
+      // it is all upper case (as after a case-only rename).
+      {"caf\xc3\xa9.txt", {}, "CA~1.TXT"},
+      {"CAF\xc3\x89.TXT", {"CA~1.TXT"}, "CA~2.TXT"},
+      {"\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e\xe3\x83\x86.txt", {}, "__~1.TXT"},
+      {"notes.\xd1\x84\xf0\x9f\x8e\xb5", {}, "NOT~1.__"},
       {"bad\xff.txt", {}, "<error>"},
   };
   for (const auto& r : rows) {
