@@ -5,13 +5,16 @@
 // (allocation failures) are caught here and never reach the library.
 #include "fs/velt_fuse.h"
 
-#include <strings.h>
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -19,12 +22,17 @@
 #include <exception>
 #include <new>
 #include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
 #include "utils/Log.h"
+// After velt_fuse.h, which chooses the library API version.
+#include <fuse_lowlevel.h>
 
 static constexpr const char kLogTag[] = "VELT.Fuse";
 
@@ -77,17 +85,150 @@ int lastError(int fallback) {
   return errno != 0 ? -errno : fallback;
 }
 
-// The kernel caches attributes per name for a moment, and one entry has several names (any
-// letter case, its 8.3 alias). A change made through one of them leaves the stored name's
-// attributes stale: they are dropped here when the caller used another spelling.
-void dropStoredSpelling(VELT& velt, const VELT::DirEntry& entry, const char* used) {
-  std::string stored;
-  for (char c : entry.getPath()) {
-    if (c == '/' && !stored.empty() && stored.back() == '/') continue;
-    stored.push_back(c);
+// How long the kernel may trust a name or attributes it was given (seconds).
+constexpr double kKernelCacheSeconds = 1.0;
+
+// True when `path` spells the entry's stored names exactly ("/dir/a.txt", not "/DIR/A.TXT").
+bool isStoredSpelling(const VELT::DirEntry& entry, std::string_view path) {
+  for (const VELT::DirEntry* e = &entry; e->parent_ != nullptr; e = e->parent_) {
+    size_t slash = path.rfind('/');
+    if (slash == std::string_view::npos || path.substr(slash + 1) != e->name_) return false;
+    path = path.substr(0, slash);
   }
-  if (stored.empty() || stored[0] != '/') stored.insert(stored.begin(), '/');
-  if (used == nullptr || stored != used) velt.invalidateKernelCache(stored);
+  return path.empty() || path == "/";
+}
+
+// One entry has several names (any letter case, its 8.3 alias), and the kernel keeps each name
+// it looked up, with its attributes, for kKernelCacheSeconds. The spellings other than the
+// stored one are noted here as they are answered, so that a change made through one name can
+// drop what the kernel holds for the others.
+class Spellings {
+ public:
+  void seen(uint32_t ino, const char* path) {
+    const auto now = Clock::now();
+    std::lock_guard lock(mutex_);
+    if (seen_.size() >= kPruneAt) {
+      std::erase_if(seen_, [now](const auto& item) { return now - item.second.when > kLife; });
+    }
+    auto& names = seen_[ino];
+    names.when = now;
+    if (std::find(names.paths.begin(), names.paths.end(), path) == names.paths.end()) {
+      names.paths.emplace_back(path);
+    }
+  }
+  // The spellings of `ino` the kernel may still hold.
+  std::vector<std::string> of(uint32_t ino) {
+    std::lock_guard lock(mutex_);
+    auto it = seen_.find(ino);
+    if (it == seen_.end() || Clock::now() - it->second.when > kLife) return {};
+    return it->second.paths;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  // The kernel's clock and ours differ a little: a name is kept for twice the cache time.
+  static constexpr auto kLife =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(2 * kKernelCacheSeconds));
+  static constexpr size_t kPruneAt = 256;
+  struct Names {
+    Clock::time_point when;
+    std::vector<std::string> paths;
+  };
+  std::mutex mutex_;
+  std::unordered_map<uint32_t, Names> seen_;
+};
+
+Spellings& spellings() {
+  static Spellings instance;
+  return instance;
+}
+
+// Drops names from the kernel's name cache, each given as the kernel spells its path: the name
+// `leaf` under the kernel's node of its folder. That node's number is read from a file handle
+// of the folder's path through the mount itself, so the work runs on its own thread: the call
+// that asked has answered first, and the kernel, which holds the folder locked while that call
+// runs, never waits on the daemon.
+class NameDropper {
+ public:
+  void start(struct fuse_session* session, const std::string& mount_point) {
+    std::lock_guard lock(mutex_);
+    if (thread_.joinable() || session == nullptr) return;
+    session_ = session;
+    mount_point_ = mount_point;
+    stopping_ = false;
+    thread_ = std::thread([this] { run(); });
+  }
+  void stop() {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+      queue_.clear();
+    }
+    wake_.notify_all();
+    if (thread_.joinable()) thread_.join();
+    session_ = nullptr;
+  }
+  void drop(const std::vector<std::string>& paths) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!thread_.joinable() || stopping_) return;
+      queue_.insert(queue_.end(), paths.begin(), paths.end());
+    }
+    wake_.notify_one();
+  }
+
+ private:
+  void run() {
+    std::unique_lock lock(mutex_);
+    for (;;) {
+      wake_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+      if (stopping_) return;
+      std::string path = std::move(queue_.front());
+      queue_.pop_front();
+      lock.unlock();
+      dropOne(path);
+      lock.lock();
+    }
+  }
+
+  void dropOne(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos || slash + 1 >= path.size()) return;
+    const std::string leaf = path.substr(slash + 1);
+    fuse_ino_t folder = FUSE_ROOT_ID;
+    if (slash > 0) {
+      // The kernel's own walk to the folder: where it fails, no name below can be reached.
+      struct {
+        struct file_handle head;
+        uint32_t words[8];
+      } handle;
+      handle.head.handle_bytes = sizeof(handle.words);
+      int mount_id = 0;
+      const std::string dir = mount_point_ + path.substr(0, slash);
+      if (name_to_handle_at(AT_FDCWD, dir.c_str(), &handle.head, &mount_id, 0) != 0 ||
+          handle.head.handle_bytes < 2 * sizeof(uint32_t)) {
+        return;
+      }
+      uint32_t words[2];
+      memcpy(words, handle.head.f_handle, sizeof(words));
+      folder = (static_cast<fuse_ino_t>(words[0]) << 32) | words[1];
+    }
+    // ENOENT: the kernel holds no such name, nothing to drop.
+    fuse_lowlevel_notify_inval_entry(session_, folder, leaf.c_str(), leaf.size());
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<std::string> queue_;
+  bool stopping_ = false;
+  std::thread thread_;
+  struct fuse_session* session_ = nullptr;
+  std::string mount_point_;
+};
+
+NameDropper& nameDropper() {
+  static NameDropper instance;
+  return instance;
 }
 
 // The entry's inode number: one per entry, whatever spelling reached it, given on first use
@@ -101,6 +242,83 @@ ino_t inodeOf(const VELT& velt, VELT::DirEntry& entry) {
   uint32_t mine = next.fetch_add(1);
   if (ino.compare_exchange_strong(current, mine)) return mine;
   return current;
+}
+
+// The names of `entry` other than `used` that the kernel may hold: its stored path and the
+// other spellings it was looked up by. Taken before a change, dropped after it (dropNames).
+std::vector<std::string> otherNames(VELT& velt, VELT::DirEntry& entry, const char* used) {
+  std::vector<std::string> names = spellings().of(static_cast<uint32_t>(inodeOf(velt, entry)));
+  if (&entry != velt.root_.get()) names.push_back(entry.getPath());
+  std::erase_if(names, [used](const std::string& n) { return used != nullptr && n == used; });
+  return names;
+}
+
+// Drops the kernel's cached attributes of those names at once: their next use asks again, and
+// a name that no longer resolves answers ESTALE (onPath), on which the kernel looks it up
+// afresh. A name that was removed or now stands for another entry (`gone`) also leaves the
+// kernel's name cache, shortly after the call answers: a walk through it (a removed file's name
+// used as a folder's) would otherwise trust it.
+void dropNames(VELT& velt, const std::vector<std::string>& names, bool gone = false) {
+  for (const std::string& name : names) velt.invalidateKernelCache(name);
+  if (gone) nameDropper().drop(names);
+}
+
+// What a callback works on: the volume and, as the call needs them, the entry its path names
+// and the open file of its handle. When one is missing, `error` is the callback's answer.
+struct Call {
+  std::shared_ptr<VELT> velt;
+  DirEntryPtr entry;
+  FilePtr file;
+  int error = 0;
+};
+
+// The volume, or `no_volume` while there is none. A call that changes the card is refused
+// with EROFS while the card is served read-only (the load found it too damaged to repair).
+Call onVolume(int no_volume, bool changes = false) {
+  Call c;
+  c.velt = VELTFuse::volume();
+  if (!c.velt) {
+    c.error = no_volume;
+  } else if (changes && c.velt->read_only_) {
+    c.error = -EROFS;
+  }
+  return c;
+}
+
+// The volume and the entry `path` names. The kernel sends a path only for a name it holds;
+// when that name no longer resolves (it was changed through another spelling meanwhile), the
+// answer is ESTALE, on which the kernel looks the name up afresh and retries once.
+Call onPath(const char* path, int no_volume, bool changes = false) {
+  Call c = onVolume(no_volume, changes);
+  if (c.error == 0) {
+    c.entry = resolve(*c.velt, path);
+    if (!c.entry) c.error = -ESTALE;
+  }
+  return c;
+}
+
+// The volume and the open file of the call's handle, or `no_handle` for an unknown handle.
+Call onHandle(const struct fuse_file_info* fi, int no_volume, int no_handle,
+              bool changes = false) {
+  Call c = onVolume(no_volume, changes);
+  if (c.error == 0) {
+    c.file = fi != nullptr ? c.velt->getFile(static_cast<int>(fi->fh)) : nullptr;
+    if (!c.file) {
+      NERIO_ASSERT(c.file != nullptr);
+      c.error = no_handle;
+    }
+  }
+  return c;
+}
+
+// Runs a callback's body; an exception becomes its errno answer.
+template <class Body>
+int guarded(const char* function, Body&& body) {
+  try {
+    return body();
+  } catch (...) {
+    return exceptionAnswer(function);
+  }
 }
 
 }  // namespace
@@ -123,14 +341,17 @@ void VELTFuse::setVolume(std::shared_ptr<VELT> volume) {
 // ---- Lookups and listing ----
 
 int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info* /*fi*/) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    DirEntryPtr entry = resolve(*velt, path);
+  return guarded(__func__, [&] {
+    Call c = onVolume(-ENODEV);
+    if (c.error != 0) return c.error;
+    VELT& velt = *c.velt;
+    // Lookups come here too, so a name that does not resolve is simply absent.
+    DirEntryPtr entry = resolve(velt, path);
     if (!entry) return -ENOENT;
 
     memset(st, 0, sizeof(*st));
-    st->st_ino = inodeOf(*velt, *entry);
+    st->st_ino = inodeOf(velt, *entry);
+    if (!isStoredSpelling(*entry, path)) spellings().seen(static_cast<uint32_t>(st->st_ino), path);
     st->st_mode = (entry->is_dir_ ? S_IFDIR : S_IFREG) | (entry->read_only_ ? 0555 : 0777);
     st->st_nlink = 1;
     // Size and times change under the entry's files_mutex_ (writes, closes, publication).
@@ -144,7 +365,7 @@ int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info
       times[2] = entry->modified_;
     }
     st->st_size = size;
-    int64_t cluster_length = velt->pbr_ != nullptr ? velt->pbr_->cluster_length_ : 0;
+    int64_t cluster_length = velt.pbr_ != nullptr ? velt.pbr_->cluster_length_ : 0;
     st->st_blksize = cluster_length;
     if (cluster_length > 0) {
       // 512-byte units, as du and POSIX count them.
@@ -155,46 +376,31 @@ int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info
     st->st_atime = times[1];
     st->st_mtime = times[2];
     return 0;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 int VELTFuse::__access(const char* path, int /*mask*/) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    return resolve(*velt, path) ? 0 : -ENOENT;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  return guarded(__func__, [&] { return onPath(path, -ENODEV).error; });
 }
 
 int VELTFuse::__opendir(const char* path, struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    DirEntryPtr entry = resolve(*velt, path);
-    if (!entry) return -ENOENT;
+  return guarded(__func__, [&] {
+    Call c = onPath(path, -ENODEV);
+    if (c.error != 0) return c.error;
     errno = 0;
-    FilePtr file = velt->newFile(true, false, false, entry);
+    FilePtr file = c.velt->newFile(true, false, false, c.entry);
     if (!file) return lastError(-ENOMEM);
     fi->fh = file->file_no_;
     return 0;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler, off_t /*offset*/,
                         struct fuse_file_info* fi, enum fuse_readdir_flags /*flags*/) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
-    NERIO_ASSERT(file != nullptr);
-    if (!file) return -EBADF;
-    VELT::DirEntry* dir = file->entry_;
+  return guarded(__func__, [&] {
+    Call c = onHandle(fi, -ENODEV, -EBADF);
+    if (c.error != 0) return c.error;
+    VELT::DirEntry* dir = c.file->entry_;
     if (dir == nullptr) return -EBADF;
 
     const auto no_flags = static_cast<enum fuse_fill_dir_flags>(0);
@@ -220,9 +426,9 @@ int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler,
       if (child->isDotEntry()) {
         const VELT::DirEntry* target = child->short_name_ == "." ? dir : dir->parent_;
         if (target == nullptr) target = dir;
-        st.st_ino = inodeOf(*velt, *const_cast<VELT::DirEntry*>(target));
+        st.st_ino = inodeOf(*c.velt, *const_cast<VELT::DirEntry*>(target));
       } else {
-        st.st_ino = inodeOf(*velt, *child);
+        st.st_ino = inodeOf(*c.velt, *child);
       }
       st.st_mode = child->is_dir_ ? S_IFDIR : S_IFREG;
       if (filler(buf, child->name_.c_str(), &st, 0, no_flags) != 0) {
@@ -230,38 +436,29 @@ int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler,
       }
     }
     return 0;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 int VELTFuse::__releasedir(const char* /*path*/, struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
-    NERIO_ASSERT(file != nullptr);
-    if (!file) return -EBADF;
-    return velt->freeFile(static_cast<uint32_t>(fi->fh));
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  return guarded(__func__, [&] {
+    Call c = onHandle(fi, -ENODEV, -EBADF);
+    if (c.error != 0) return c.error;
+    return c.velt->freeFile(static_cast<uint32_t>(fi->fh));
+  });
 }
 
 int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
                         struct fuse_file_info* /*fi*/) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -EINVAL;
-    if (velt->read_only_) return -EROFS;  // the load found the card too damaged to repair
-    DirEntryPtr entry = resolve(*velt, path);
-    if (!entry) return -ENOENT;
+  return guarded(__func__, [&] {
+    Call c = onPath(path, -EINVAL, true);
+    if (c.error != 0) return c.error;
+    VELT::DirEntry& entry = *c.entry;
     time_t now = time(nullptr);
     time_t keep[2];
     {
-      std::lock_guard lock(entry->files_mutex_);
-      keep[0] = entry->accessed_;
-      keep[1] = entry->modified_;
+      std::lock_guard lock(entry.files_mutex_);
+      keep[0] = entry.accessed_;
+      keep[1] = entry.modified_;
     }
     time_t seconds[2];
     for (int i = 0; i < 2; ++i) {
@@ -273,34 +470,30 @@ int VELTFuse::__utimens(const char* path, const struct timespec tv[2],
         seconds[i] = tv[i].tv_sec;
       }
     }
-    if (entry->dir_ent_disk_off_ == 0) {
+    if (entry.dir_ent_disk_off_ == 0) {
       // The root has no record on the card: its times live in memory only.
-      std::lock_guard lock(entry->files_mutex_);
-      entry->accessed_ = seconds[0];
-      entry->modified_ = seconds[1];
+      std::lock_guard lock(entry.files_mutex_);
+      entry.accessed_ = seconds[0];
+      entry.modified_ = seconds[1];
       return 0;
     }
-    int r = entry->touch(seconds[0], seconds[1]);
-    if (r == 0) dropStoredSpelling(*velt, *entry, path);
+    int r = entry.touch(seconds[0], seconds[1]);
+    if (r == 0) dropNames(*c.velt, otherNames(*c.velt, entry, path));
     return r;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 // ---- File data ----
 
 int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    DirEntryPtr entry = resolve(*velt, path);
-    if (!entry) return -ENOENT;
+  return guarded(__func__, [&] {
+    Call c = onPath(path, -ENODEV);
+    if (c.error != 0) return c.error;
     errno = 0;
-    FilePtr file = velt->newFile(entry->is_dir_, false, false, entry);
+    FilePtr file = c.velt->newFile(c.entry->is_dir_, false, false, c.entry);
     if (!file) return lastError(-ENOMEM);
     file->setUsage(true, false);
-    if ((fi->flags & O_TRUNC) && (fi->flags & O_ACCMODE) != O_RDONLY && !entry->is_dir_) {
+    if ((fi->flags & O_TRUNC) && (fi->flags & O_ACCMODE) != O_RDONLY && !c.entry->is_dir_) {
       int r = file->truncate(0);
       if (r < 0) {
         file->close();
@@ -309,47 +502,41 @@ int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
     }
     fi->fh = file->file_no_;
     return 0;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
                      struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
-    NERIO_ASSERT(file != nullptr);
-    if (!file) return -EBADF;
-    VELT::DirEntry* entry = file->entry_;
+  return guarded(__func__, [&] {
+    Call c = onHandle(fi, -ENODEV, -EBADF);
+    if (c.error != 0) return c.error;
+    VELT::DirEntry* entry = c.file->entry_;
     if (entry == nullptr) return -EBADF;
     int64_t remaining;
     {
       std::lock_guard entry_lock(entry->files_mutex_);
-      std::lock_guard<std::mutex> file_lock(file->mutex_);
+      std::lock_guard<std::mutex> file_lock(c.file->mutex_);
       remaining = entry->size_ - offset;
     }
     if (remaining < 1) return 0;
-    return file->read(buf, size, offset);
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+    return c.file->read(buf, size, offset);
+  });
 }
 
 int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t offset,
                       struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -EINVAL;
-    if (velt->read_only_) return -EROFS;
-    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
-    NERIO_ASSERT(file != nullptr);
-    if (!file) return -ENOENT;
-    return file->write(buf, size, offset);
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  return guarded(__func__, [&] {
+    Call c = onHandle(fi, -EINVAL, -ENOENT, true);
+    if (c.error != 0) return c.error;
+    VELT::DirEntry* entry = c.file->entry_;
+    if ((fi->flags & O_APPEND) && entry != nullptr && !entry->is_reserved_) {
+      // The kernel puts an append at the end of the file as its name last showed it, and a
+      // change through another name of the file may have moved the end since.
+      std::lock_guard lock(entry->files_mutex_);
+      offset = entry->size_;
+    }
+    return c.file->write(buf, size, offset);
+  });
 }
 
 // A mount has no way to ask for publication, so a reserved file taken over through it is
@@ -369,95 +556,89 @@ static void publishReservedFile(VELT::File& file) {
   if (result < 0) LOGE("\"%s\" publish failed: %d\n", entry->getPath().c_str(), result);
 }
 
-int VELTFuse::__flush(const char* /*path*/, struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -EINVAL;
-    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
-    NERIO_ASSERT(file != nullptr);
-    if (!file) return -EBADF;
-    publishReservedFile(*file);
-    return file->flush();
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+int VELTFuse::__flush(const char* path, struct fuse_file_info* fi) {
+  return guarded(__func__, [&] {
+    Call c = onHandle(fi, -EINVAL, -EBADF);
+    if (c.error != 0) return c.error;
+    publishReservedFile(*c.file);
+    int r = c.file->flush();
+    // The file's size and time changed under this name; the kernel's others are stale.
+    bool written;
+    {
+      std::lock_guard<std::mutex> lock(c.file->mutex_);
+      written = c.file->written_ != 0;
+    }
+    if (written && c.file->entry_ != nullptr) {
+      dropNames(*c.velt, otherNames(*c.velt, *c.file->entry_, path));
+    }
+    return r;
+  });
 }
 
 int VELTFuse::__release(const char* /*path*/, struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
-    NERIO_ASSERT(file != nullptr);
-    if (!file) return -EBADF;
-    publishReservedFile(*file);
-    int result = file->close();
+  return guarded(__func__, [&] {
+    Call c = onHandle(fi, -ENODEV, -EBADF);
+    if (c.error != 0) return c.error;
+    publishReservedFile(*c.file);
+    int result = c.file->close();
     return result == -1 ? 0 : result;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 // fsync and fdatasync alike: the size and first cluster in the record are what makes the data
 // reachable, so both commit the whole file.
 int VELTFuse::__fsync(const char* /*path*/, int /*datasync*/, struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    FilePtr file = velt->getFile(static_cast<int>(fi->fh));
-    if (!file) return -EBADF;
+  return guarded(__func__, [&] {
+    Call c = onHandle(fi, -ENODEV, -EBADF);
+    if (c.error != 0) return c.error;
     bool publish;
     {
-      std::lock_guard<std::mutex> lock(file->mutex_);
-      publish = !file->direct_ && file->written_;
+      std::lock_guard<std::mutex> lock(c.file->mutex_);
+      publish = !c.file->direct_ && c.file->written_;
     }
-    return file->commit(publish);
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+    return c.file->commit(publish);
+  });
 }
 
 // ---- Namespace changes ----
 
 int VELTFuse::__mkdir(const char* path, mode_t /*mode*/) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    if (velt->read_only_) return -EROFS;
+  return guarded(__func__, [&] {
+    Call c = onVolume(-ENODEV, true);
+    if (c.error != 0) return c.error;
+    VELT& velt = *c.velt;
     std::string parent_path, leaf;
     if (!splitPath(path, &parent_path, &leaf)) {
       NERIO_ASSERT_TEXT("end != nullptr");
       return -EINVAL;
     }
-    DirEntryPtr parent = resolve(*velt, parent_path);
+    DirEntryPtr parent = resolve(velt, parent_path);
     if (!parent) return -ENOENT;
     if (!parent->is_dir_) return -ENOTDIR;
     // A reserved folder holds its reserved files and nothing else.
-    if (velt->entryToVELTFolder(parent) != nullptr) return -EPERM;
+    if (velt.entryToVELTFolder(parent) != nullptr) return -EPERM;
     if (parent->findChild(leaf.c_str())) return -EEXIST;
     int error = 0;
-    DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), true, &error);
+    DirEntryPtr entry = velt.newEntry(parent, leaf.c_str(), true, &error);
     if (!entry) return error < 0 ? error : -EIO;
     // The directory's first cluster was taken with the FAT written at once; the free count in
     // FSInfo must follow, or other FAT tools find it wrong. While open writers hold FAT-lock
     // counts this does nothing and their last release writes it.
-    if (PBR* pbr = velt->pbr_) {
-      std::lock_guard<std::mutex> reserved_lock(velt->reserved_mutex_);
+    if (PBR* pbr = velt.pbr_) {
+      std::lock_guard<std::mutex> reserved_lock(velt.reserved_mutex_);
       std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
       pbr->updateFSInfo();
     }
     return 0;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    if (velt->read_only_) return -EROFS;
-    if (DirEntryPtr existing = resolve(*velt, path)) {
+  return guarded(__func__, [&] {
+    Call c = onVolume(-ENODEV, true);
+    if (c.error != 0) return c.error;
+    VELT& velt = *c.velt;
+    if (DirEntryPtr existing = resolve(velt, path)) {
       LOGE("[%s] already created.\n", existing->getPath().c_str());
       return -EEXIST;
     }
@@ -466,68 +647,60 @@ int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info*
       NERIO_ASSERT_TEXT("end != nullptr");
       return -EINVAL;
     }
-    DirEntryPtr parent = resolve(*velt, parent_path);
+    DirEntryPtr parent = resolve(velt, parent_path);
     if (!parent) return -ENOENT;
     if (!parent->is_dir_) return -ENOTDIR;
     int error = 0;
-    DirEntryPtr entry = velt->newEntry(parent, leaf.c_str(), false, &error);
+    DirEntryPtr entry = velt.newEntry(parent, leaf.c_str(), false, &error);
     if (!entry) return error < 0 ? error : -EIO;
     errno = 0;
-    FilePtr file = velt->newFile(false, true, false, entry);
+    FilePtr file = velt.newFile(false, true, false, entry);
     if (!file) return lastError(-ENOMEM);
     file->setUsage(true, true);
     fi->fh = file->file_no_;
     return 0;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
+}
+
+// unlink and rmdir: `dir` tells which kind of entry the call removes.
+static int removeEntry(const char* function, const char* path, bool dir, int no_volume) {
+  return guarded(function, [&] {
+    Call c = onPath(path, no_volume, true);
+    if (c.error != 0) return c.error;
+    DirEntryPtr entry = c.entry;
+    const bool is_dir = entry->is_dir_ || entry->is_volume_;
+    if (entry->parent_ == nullptr || is_dir != dir) return -EINVAL;
+    std::vector<std::string> names = otherNames(*c.velt, *entry, path);
+    DirEntryPtr parent = entry->parent_->shared_from_this();
+    int r = parent->delChild(entry);
+    if (r == 0) dropNames(*c.velt, names, true);
+    return r;
+  });
 }
 
 int VELTFuse::__unlink(const char* path) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -EINVAL;
-    if (velt->read_only_) return -EROFS;
-    DirEntryPtr entry = resolve(*velt, path);
-    if (!entry) return -ENOENT;
-    if (entry->parent_ == nullptr || entry->is_dir_ || entry->is_volume_) return -EINVAL;
-    DirEntryPtr parent = entry->parent_->shared_from_this();
-    return parent->delChild(entry);
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  return removeEntry(__func__, path, false, -EINVAL);
 }
 
 int VELTFuse::__rmdir(const char* path) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    if (velt->read_only_) return -EROFS;
-    DirEntryPtr entry = resolve(*velt, path);
-    if (!entry) return -ENOENT;
-    if (entry->parent_ == nullptr || !(entry->is_dir_ || entry->is_volume_)) return -EINVAL;
-    DirEntryPtr parent = entry->parent_->shared_from_this();
-    return parent->delChild(entry);
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  return removeEntry(__func__, path, true, -ENODEV);
 }
 
 int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    if (velt->read_only_) return -EROFS;
+  return guarded(__func__, [&] {
+    Call c = onVolume(-ENODEV, true);
+    if (c.error != 0) return c.error;
+    VELT& velt = *c.velt;
     NERIO_ASSERT(from && to);
     if (from == nullptr || to == nullptr) return -EINVAL;
     // There is no atomic exchange of two entries.
     if (flags & RENAME_EXCHANGE) return -EINVAL;
     if (strcmp(from, to) == 0) return 0;
 
-    DirEntryPtr source = resolve(*velt, from);
+    DirEntryPtr source = resolve(velt, from);
     if (!source) {
       LOGE("\"%s\" not found\n", from);
-      return -ENOENT;
+      return -ESTALE;  // the kernel's name is stale: it looks it up again (onPath)
     }
     std::string from_parent_path, from_leaf;
     if (!splitPath(from, &from_parent_path, &from_leaf)) {
@@ -535,13 +708,13 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       LOGE("\"%s\" invalid path, no path delimeter found.\n", from);
       return -EINVAL;
     }
-    DirEntryPtr from_parent_entry = resolve(*velt, from_parent_path);
+    DirEntryPtr from_parent_entry = resolve(velt, from_parent_path);
     if (!from_parent_entry || source->parent_ != from_parent_entry.get()) {
       NERIO_ASSERT_TEXT("from_parent_entry != nullptr");
       LOGE("\"%s\" no parent entry.\n", from);
       return -ENOENT;
     }
-    if (velt->isInVELTFolder(source)) {
+    if (velt.isInVELTFolder(source)) {
       LOGE("reserved [%s] -> [%s] not allowed\n", from, to);
       return -EPERM;
     }
@@ -551,7 +724,7 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       NERIO_ASSERT_TEXT("leaf != nullptr");
       return -EINVAL;
     }
-    DirEntryPtr to_parent_entry = resolve(*velt, to_parent_path);
+    DirEntryPtr to_parent_entry = resolve(velt, to_parent_path);
     if (!to_parent_entry) {
       NERIO_ASSERT_TEXT("to_parent_entry != nullptr");
       LOGE("\"%s\" no parent entry.\n", to);
@@ -567,18 +740,25 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       }
     }
     DirEntryPtr to_entry = to_parent_entry->findChild(to_leaf.c_str());
-    if ((to_entry && velt->isInVELTFolder(to_entry)) || velt->isInVELTFolder(to_parent_entry)) {
+    if ((to_entry && velt.isInVELTFolder(to_entry)) || velt.isInVELTFolder(to_parent_entry)) {
       LOGE("a file or folder can not be moved to the reserved VELT folder!\n");
       return -EPERM;
     }
 
+    // The kernel moves the name it renamed; the source's other names, and those of a replaced
+    // destination, are stale once the rename is done.
+    std::vector<std::string> stale = otherNames(velt, *source, from);
     if (to_entry == source) {
       // Another spelling of the source itself. A change of letter case renames; an 8.3 alias
-      // or the same name in other case does nothing, as for a second link to one file.
+      // or the same name in other case does nothing, as for a second link to one file. (GNU
+      // mv never gets here for a change of case: the kernel refuses its no-replace rename
+      // onto a name that resolves, and mv then sees one inode under both names.)
       if (to_leaf == source->name_ || strcasecmp(to_leaf.c_str(), source->name_.c_str()) != 0) {
         return 0;
       }
-      return from_parent_entry->moveChild(source, to_parent_entry, to_leaf.c_str());
+      int moved = from_parent_entry->moveChild(source, to_parent_entry, to_leaf.c_str());
+      if (moved == 0) dropNames(velt, stale, true);
+      return moved;
     }
 
     std::string new_name = to_leaf;
@@ -598,6 +778,8 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       }
       // An existing name keeps its stored spelling.
       new_name = to_entry->name_;
+      std::vector<std::string> replaced = otherNames(velt, *to_entry, to);
+      stale.insert(stale.end(), replaced.begin(), replaced.end());
       int result = to_parent_entry->delChild(to_entry);
       if (result != 0) {
         LOGE("\"%s\" failed to delete before moving\n", to_entry->getPath().c_str());
@@ -605,23 +787,26 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       }
     }
     int moved = from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
-    // The stored name now stands for the moved entry.
-    if (moved == 0 && to_entry) dropStoredSpelling(*velt, *source, to);
+    if (moved == 0) {
+      dropNames(velt, stale, true);
+      // The kernel now holds the moved entry under the name the caller gave.
+      if (!isStoredSpelling(*source, to)) {
+        spellings().seen(static_cast<uint32_t>(inodeOf(velt, *source)), to);
+      }
+    }
     // A rename that returned survives a power cut.
-    if (moved == 0 && velt->sync() != 0) return -EIO;
+    if (moved == 0 && velt.sync() != 0) return -EIO;
     return moved;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 // ---- Attributes and sizes ----
 
 int VELTFuse::__statfs(const char* /*path*/, struct statvfs* st) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    PBR* pbr = velt->pbr_;
+  return guarded(__func__, [&] {
+    Call c = onVolume(-ENODEV);
+    if (c.error != 0) return c.error;
+    PBR* pbr = c.velt->pbr_;
     if (pbr == nullptr) return -ENODEV;
     memset(st, 0, sizeof(*st));
     uint32_t free_clusters;
@@ -637,96 +822,82 @@ int VELTFuse::__statfs(const char* /*path*/, struct statvfs* st) {
     st->f_bavail = st->f_bfree;
     st->f_namemax = 255;
     return 0;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 // The owner-write bit is the FAT read-only attribute; everything else a FAT card cannot keep
 // is accepted and left alone.
 int VELTFuse::__chmod(const char* path, mode_t mode, struct fuse_file_info* /*fi*/) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    DirEntryPtr entry = resolve(*velt, path);
-    if (!entry) return -ENOENT;
+  return guarded(__func__, [&] {
+    Call c = onPath(path, -ENODEV);
+    if (c.error != 0) return c.error;
+    VELT::DirEntry& entry = *c.entry;
     const bool read_only = (mode & S_IWUSR) == 0;
-    if (entry->dir_ent_disk_off_ == 0 || entry->is_volume_ || entry->read_only_ == read_only) {
+    if (entry.dir_ent_disk_off_ == 0 || entry.is_volume_ || entry.read_only_ == read_only) {
       return 0;
     }
+    if (c.velt->read_only_) return -EROFS;
     time_t times[2];
     {
-      std::lock_guard lock(entry->files_mutex_);
-      entry->read_only_ = read_only;
+      std::lock_guard lock(entry.files_mutex_);
+      entry.read_only_ = read_only;
       if (read_only) {
-        entry->attr_ |= kAttrReadOnly;
+        entry.attr_ |= kAttrReadOnly;
       } else {
-        entry->attr_ &= static_cast<uint8_t>(~kAttrReadOnly);
+        entry.attr_ &= static_cast<uint8_t>(~kAttrReadOnly);
       }
-      entry->record_[rec::kAttr] = entry->attr_;
-      times[0] = entry->accessed_;
-      times[1] = entry->modified_;
-      if (entry->is_reserved_ && !entry->is_secured_) return 0;  // written at publication
+      entry.record_[rec::kAttr] = entry.attr_;
+      times[0] = entry.accessed_;
+      times[1] = entry.modified_;
+      if (entry.is_reserved_ && !entry.is_secured_) return 0;  // written at publication
     }
-    int r = entry->touch(times[0], times[1]);
-    if (r == 0) dropStoredSpelling(*velt, *entry, path);
+    int r = entry.touch(times[0], times[1]);
+    if (r == 0) dropNames(*c.velt, otherNames(*c.velt, entry, path));
     return r;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 int VELTFuse::__chown(const char* path, uid_t /*uid*/, gid_t /*gid*/,
                       struct fuse_file_info* /*fi*/) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
-    return resolve(*velt, path) ? 0 : -ENOENT;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  return guarded(__func__, [&] { return onPath(path, -ENODEV).error; });
 }
 
 int VELTFuse::__truncate(const char* path, off_t size, struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
+  return guarded(__func__, [&] {
     if (fi != nullptr) {
-      FilePtr file = velt->getFile(static_cast<int>(fi->fh));
-      if (file) return file->truncate(size);
+      Call c = onVolume(-ENODEV);
+      if (c.error != 0) return c.error;
+      if (FilePtr file = c.velt->getFile(static_cast<int>(fi->fh))) {
+        int r = file->truncate(size);
+        if (file->entry_ != nullptr) dropNames(*c.velt, otherNames(*c.velt, *file->entry_, path));
+        return r;
+      }
     }
     if (path == nullptr) return -EBADF;
-    DirEntryPtr entry = resolve(*velt, path);
-    if (!entry) return -ENOENT;
-    int r = truncateEntry(*velt, *entry, size);
-    dropStoredSpelling(*velt, *entry, path);
+    Call c = onPath(path, -ENODEV);
+    if (c.error != 0) return c.error;
+    int r = truncateEntry(*c.velt, *c.entry, size);
+    dropNames(*c.velt, otherNames(*c.velt, *c.entry, path));
     return r;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 int VELTFuse::__fallocate(const char* /*path*/, int mode, off_t offset, off_t length,
                           struct fuse_file_info* fi) {
-  try {
-    std::shared_ptr<VELT> velt = volume();
-    if (!velt) return -ENODEV;
+  return guarded(__func__, [&] {
+    Call c = onVolume(-ENODEV);
+    if (c.error != 0) return c.error;
     if (mode != 0) return -EOPNOTSUPP;
     if (offset < 0 || length <= 0) return -EINVAL;
-    FilePtr file = fi != nullptr ? velt->getFile(static_cast<int>(fi->fh)) : nullptr;
-    if (!file || file->entry_ == nullptr) return -EBADF;
-    int r = allocateEntry(*velt, *file->entry_, offset + length);
-    if (r == 0) file->setUsage(true, true);
+    c = onHandle(fi, -ENODEV, -EBADF);
+    if (c.error != 0 || c.file->entry_ == nullptr) return c.error != 0 ? c.error : -EBADF;
+    int r = allocateEntry(*c.velt, *c.file->entry_, offset + length);
+    if (r == 0) c.file->setUsage(true, true);
     return r;
-  } catch (...) {
-    return exceptionAnswer(__func__);
-  }
+  });
 }
 
 // ---- Volume lifetime ----
-
-// How long the kernel may trust a name or attributes it was given (seconds).
-static constexpr double kKernelCacheSeconds = 1.0;
 
 void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
   // Every read and write reaches the callbacks with the caller's own size and offset; file data
@@ -773,6 +944,9 @@ void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
     velt->kernel_invalidate_ = [fuse](const std::string& path) {
       fuse_invalidate_path(fuse, path.c_str());
     };
+    if (options_.mount_path != nullptr) {
+      nameDropper().start(fuse_get_session(fuse), options_.mount_path);
+    }
   }
 
   velt->setMountPoint(options_.mount_path != nullptr ? options_.mount_path : kDefaultMountPath);
@@ -800,6 +974,7 @@ void VELTFuse::__destroy(void* private_data) {
     if (velt_.get() != velt_object) NERIO_ASSERT_TEXT("velt_.get() == velt_object");
     old.swap(velt_);
   }
+  nameDropper().stop();
   if (old) closeOpenFiles(*old);
   // Dropping the last reference unloads the volume: channel stopped, tree released, device
   // closed, cache freed.

@@ -5,8 +5,9 @@
 // and the two trees are compared after every step. Afterwards fsck.fat judges the card and
 // mtype reads every file back.
 //
-// VELT_MODEL_SEED and VELT_MODEL_OPS reproduce or lengthen a run; VELT_DAEMON points the test
-// at another build of the daemon (the sanitizer build).
+// VELT_MODEL_SEED and VELT_MODEL_OPS reproduce or lengthen a run, VELT_MODEL_SPELLINGS=1 reaches
+// entries by any spelling of their names; VELT_DAEMON points the test at another build of the
+// daemon (the sanitizer build).
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -182,6 +183,11 @@ class Model {
     return "";
   }
 
+  // The name an existing entry is reached by: its stored name, or with VELT_MODEL_SPELLINGS=1
+  // any spelling (the kernel then holds several names of one entry, which every change through
+  // one of them must keep true).
+  std::string reach(const std::string& path) { return spellings_ ? spell(path) : path; }
+
   // Some spelling of a name: as it is, upper case or lower case.
   std::string spell(const std::string& name) {
     std::string s = name;
@@ -279,7 +285,7 @@ class Model {
       int flags = O_WRONLY | (kind == 1 ? O_APPEND : 0) | (kind == 2 ? O_TRUNC : 0);
       *what << (kind == 0 ? "pwrite " : kind == 1 ? "append " : "overwrite ") << f << " "
             << data.size() << " @" << off;
-      int cf = open((card_ + f).c_str(), flags);
+      int cf = open((card_ + reach(f)).c_str(), flags);
       int hf = open((host_ + f).c_str(), flags);
       bool ok = cf >= 0 && hf >= 0;
       if (ok) {
@@ -297,7 +303,7 @@ class Model {
       std::string f = files[pick(static_cast<int>(files.size()))];
       int64_t size = pick(static_cast<int>(4 * c));
       *what << "truncate " << f << " " << size;
-      return same(err([&] { return truncate((card_ + f).c_str(), size); }),
+      return same(err([&] { return truncate((card_ + reach(f)).c_str(), size); }),
                   err([&] { return truncate((host_ + f).c_str(), size); }), what);
     }
     if (op < 60) {  // rename a file or a folder
@@ -307,8 +313,9 @@ class Model {
       if (from.empty()) return true;
       std::string from_dir = from.substr(0, from.rfind('/'));
       std::string from_leaf = from.substr(from.rfind('/') + 1);
-      std::string host, card;
+      std::string host, card, source = reach(from);
       if (chance(20)) {  // letter case only
+        source = from;
         std::string other = from_leaf;
         for (char& ch : other) ch = static_cast<char>(isupper(static_cast<unsigned char>(ch)) ? tolower(ch) : toupper(ch));
         host = card = from_dir + "/" + other;
@@ -327,8 +334,9 @@ class Model {
         card = found.empty() ? host : to_dir + "/" + spell(found);
         if (host == from) host = card;  // another case of the source itself renames it
       }
+      if (source == card) source = from;  // a name renamed onto itself stays as it is
       *what << "rename " << from << " -> " << card;
-      int ce = err([&] { return rename((card_ + from).c_str(), (card_ + card).c_str()); });
+      int ce = err([&] { return rename((card_ + source).c_str(), (card_ + card).c_str()); });
       // Replacing or moving a file that is open is refused on the card.
       bool busy_target = isOpen(host) && host != from;
       if (busy_target && ce == EBUSY) return true;
@@ -353,8 +361,7 @@ class Model {
     }
     if (op < 68 && !files.empty()) {  // unlink
       std::string f = files[pick(static_cast<int>(files.size()))];
-      // The stored name: the kernel keeps other spellings' answers for up to a second.
-      std::string card = f;
+      std::string card = reach(f);
       *what << "unlink " << card;
       int ce = err([&] { return unlink((card_ + card).c_str()); });
       if (isOpen(f)) return same(ce, EBUSY, what);  // an open file stays
@@ -368,7 +375,7 @@ class Model {
         if (cd != nullptr) dirs_.push_back({d, cd});
         *what << " (open)";
       }
-      int ce = err([&] { return rmdir((card_ + d).c_str()); });
+      int ce = err([&] { return rmdir((card_ + reach(d)).c_str()); });
       return same(ce, err([&] { return rmdir((host_ + d).c_str()); }), what);
     }
     if (op < 80 && !files.empty()) {  // utimens with a time FAT keeps exactly
@@ -377,7 +384,7 @@ class Model {
                            2 * pick(30));
       struct timespec tv[2] = {{t, 0}, {t, 0}};
       *what << "utimens " << f << " " << t;
-      bool ok = same(err([&] { return utimensat(AT_FDCWD, (card_ + f).c_str(), tv, 0); }),
+      bool ok = same(err([&] { return utimensat(AT_FDCWD, (card_ + reach(f)).c_str(), tv, 0); }),
                      err([&] { return utimensat(AT_FDCWD, (host_ + f).c_str(), tv, 0); }), what);
       struct stat st;
       if (ok && stat((card_ + f).c_str(), &st) == 0 && st.st_mtime != t) {
@@ -392,7 +399,7 @@ class Model {
       mode_t mode = chance(50) ? 0444 : 0644;
       if (fs::is_directory(host_ + f)) mode |= 0111;
       *what << "chmod " << f << " " << std::oct << mode << std::dec;
-      return same(err([&] { return chmod((card_ + f).c_str(), mode); }),
+      return same(err([&] { return chmod((card_ + reach(f)).c_str(), mode); }),
                   err([&] { return chmod((host_ + f).c_str(), mode); }), what);
     }
     if (op < 93 && !files.empty()) {  // open a file and keep it, or write through an open one
@@ -434,6 +441,7 @@ class Model {
   }
 
   std::string card_, host_;
+  bool spellings_ = envInt("VELT_MODEL_SPELLINGS", 0) != 0;
   std::mt19937 rng_;
   int64_t cluster_;
   std::vector<OpenFile> open_;

@@ -176,6 +176,30 @@ TEST(MountBehaviour, PlainCard) {
          if (r.empty()) r = fails(mkdir(p("d2").c_str(), 0755), EEXIST);
          return r;
        }},
+      {"a change through one spelling leaves the kernel's other names of the file stale",
+       [&]() -> std::string {
+         struct stat st;
+         writeFileBytes(p("q.txt"), "1234");
+         stat(p("Q.TXT").c_str(), &st);  // the kernel now holds both names
+         if (truncate(p("q.txt").c_str(), 1) != 0 || stat(p("Q.TXT").c_str(), &st) != 0 ||
+             st.st_size != 1) {
+           return std::string("size under the other name");
+         }
+         std::string r = shell("echo x >> " + q(p("Q.TXT")));  // appends at the real end
+         if (!r.empty() || readFileBytes(p("q.txt")) != "1x\n") return "append: " + r;
+         if (unlink(p("q.txt").c_str()) != 0) return "unlink: " + errnoText(errno);
+         if (stat(p("Q.TXT").c_str(), &st) == 0) return std::string("removed file still shown");
+         r = shell("echo y > " + q(p("Q.TXT")));  // a new file under the other name
+         if (!r.empty()) return r;
+         r = fails(mkdir(p("q.txt").c_str(), 0755), EEXIST);
+         if (!r.empty()) return r;
+         // A removed file's name used as a folder's: the kernel must not trust it.
+         if (unlink(p("Q.TXT").c_str()) != 0 || mkdir(p("q.txt").c_str(), 0755) != 0) {
+           return "to a folder: " + errnoText(errno);
+         }
+         writeFileBytes(p("Q.TXT/in"), "in");
+         return readFileBytes(p("q.txt/in")) == "in" ? "" : "file in the folder";
+       }},
       {"touch on the mount point fails with EINVAL", [&]() -> std::string { return shell("touch " + q(m)); }},
       {"rmdir of a folder another process has open crashes the daemon",
        [&]() -> std::string {
