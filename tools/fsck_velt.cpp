@@ -393,6 +393,7 @@ std::vector<std::string> describe(const OverlayDriver& driver, const Layout& l,
 
 struct LoadResult {
   int error = 0;  // the volume's result code; 0 when it loaded
+  bool held_back = false;  // the load found wholesale damage and would serve the card read-only
   Layout layout;
   std::vector<uint32_t> changed;  // sectors whose contents the load changed, in write order
   std::vector<uint32_t> significant;  // of those, the ones that make a repair
@@ -401,9 +402,10 @@ struct LoadResult {
   std::shared_ptr<OverlayDriver::Writes> writes;
 };
 
-// Loads the card as the daemon does, through an overlay; nothing reaches the card.
+// Loads the card as the daemon does, through an overlay; nothing reaches the card. `wholesale`:
+// repair what the daemon holds back as wholesale damage too.
 LoadResult load(int fd, uint64_t file_sectors, bool partition_only, int partition,
-                bool verbose) {
+                bool verbose, bool wholesale = false) {
   LoadResult r;
   auto driver = std::make_unique<OverlayDriver>(fd, file_sectors, partition_only);
   r.writes = driver->writes();
@@ -413,8 +415,10 @@ LoadResult load(int fd, uint64_t file_sectors, bool partition_only, int partitio
                                                partition, velt::kVELTOpMount, 0);
     volume->driver_ = std::move(driver);
     volume->device_fd_ = dup(fd);  // the volume closes it at unload
+    volume->repair_wholesale_ = wholesale;
     r.error = volume->init();
     if (r.error == 0) r.layout = layoutOf(*volume);
+    r.held_back = r.error == 0 && volume->read_only_;
     // Unloading writes what the load still holds back.
   }
   for (const auto& line : velt::tool::parseLibraryOutput(catcher.finish())) {
@@ -534,6 +538,17 @@ int main(int argc, char** argv) {
   }
 
   LoadResult first_load = load(fd, file_sectors, partition_only, partition, verbose);
+  const bool held_back = first_load.held_back;
+  if (held_back) {
+    // The daemon would serve this card read-only and leave it alone: repairing it is this
+    // tool's job, with the whole card judged anew.
+    for (const auto& line : first_load.said) {
+      if (!verbose) printf("  %s\n", line.c_str());
+    }
+    printf("%s: the mount serves this card read-only; repairing it frees what no entry reaches\n",
+           path.c_str());
+    first_load = load(fd, file_sectors, partition_only, partition, verbose, true);
+  }
   for (const auto& line : first_load.said) {
     if (!verbose) printf("  %s\n", line.c_str());
   }
@@ -545,7 +560,7 @@ int main(int argc, char** argv) {
   }
   const Layout& l = first_load.layout;
   const char* kind = l.velt ? "VELT" : "FAT32";
-  if (first_load.significant.empty()) {
+  if (first_load.significant.empty() && !held_back) {
     printf("%s: clean %s card, %lld files, %lld folders, %u/%u clusters\n", path.c_str(), kind,
            static_cast<long long>(l.files), static_cast<long long>(l.folders), l.used_clusters,
            l.num_clusters - 2);
@@ -575,9 +590,11 @@ int main(int argc, char** argv) {
 
   LoadResult second = load(fd, file_sectors, partition_only, partition, false);
   close(fd);
-  if (second.error != 0 || !second.significant.empty()) {
+  if (second.error != 0 || !second.significant.empty() || second.held_back) {
     printf("%s: errors left after the repair (%s).\n", path.c_str(),
-           second.error != 0 ? velt::resultCodeText(second.error) : "a second check still finds work");
+           second.error != 0  ? velt::resultCodeText(second.error)
+           : second.held_back ? "the mount still serves it read-only"
+                              : "a second check still finds work");
     return kErrorsLeft;
   }
   printf("%s: repaired, %lld files, %lld folders, %u/%u clusters\n", path.c_str(),

@@ -29,6 +29,7 @@ int loadHeldBack(VELT& v, LoadRepairs* repairs) {
   v.load_repairs_ = repairs;
   int r = v.loadDirEntries(v.root_.get(), v.pbr_->root_cluster_, v.op_mode_ == kVELTOpFormat, 0);
   v.load_repairs_ = nullptr;
+  if (r == 0) r = claimFreeReservedFiles(v, repairs);
   return r;
 }
 
@@ -73,15 +74,22 @@ bool wholesaleLoss(VELT& v, const LoadRepairs& repairs) {
   return v.pbr_->fat_damaged_ || repairs.count >= kWholesaleMinRepairs || bootCopiesDiffer(v);
 }
 
-// Reloads the layout from the backup boot sector when it differs from the primary one.
-bool switchToBackupBootSector(VELT& v) {
+// Reads the layout again from a fresh boot sector and FAT: the backup boot sector instead of the
+// primary one, or the second FAT copy standing in for the first.
+bool reloadLayout(VELT& v, bool backup_boot, bool second_fat) {
   PBR* old = v.pbr_;
-  if (!bootCopiesDiffer(v)) return false;
-  LOGW("the primary boot sector leads to a wholesale loss: trying the backup\n");
   PBR* alt = new (std::nothrow) PBR(&v, old->partition_no_, &old->partition_);
   if (alt == nullptr) return false;
   const FormatInfo info = v.format_info_;
-  if (alt->read(true) != 0) {
+  bool ok = alt->read(backup_boot) == 0;
+  if (ok && second_fat) {
+    const int64_t bytes = static_cast<int64_t>(alt->bytes_per_sector_) * alt->fat_sectors_;
+    ok = alt->num_fats_ > 1 && bytes <= static_cast<int64_t>(alt->fat1_.size()) * 4 &&
+         v.read(alt->fat1_.data(), static_cast<int>(bytes),
+                alt->sectorOffset(alt->reserved_sectors_ + alt->fat_sectors_)) == bytes;
+    alt->fat_damaged_ = true;  // the first copy is written from the second
+  }
+  if (!ok) {
     delete alt;
     v.format_info_ = info;
     return false;
@@ -91,6 +99,26 @@ bool switchToBackupBootSector(VELT& v) {
   delete old;
   v.initRootEntry(v.root_);
   return true;
+}
+
+// Reloads the layout from the backup boot sector when it differs from the primary one.
+bool switchToBackupBootSector(VELT& v) {
+  if (!bootCopiesDiffer(v)) return false;
+  LOGW("the primary boot sector leads to a wholesale loss: trying the backup\n");
+  return reloadLayout(v, true, false);
+}
+
+// Entries 0 and 1 hold the media byte and the volume's state flags, not a chain; other systems
+// judge a FAT copy by entry 0.
+void mendReservedEntries(PBR& pbr) {
+  std::lock_guard<std::mutex> lock(pbr.fat_mutex_);
+  const uint32_t want[2] = {0x0FFFFF00u | (pbr.media_ & 0xFF), 0x0FFFFFFFu};
+  for (uint32_t c = 0; c < 2 && c < pbr.fat1_.size(); ++c) {
+    if (pbr.__entry(c) == want[c]) continue;
+    LOGW("repair: FAT entry %u was %08x: set to %08x\n", c, pbr.__entry(c), want[c]);
+    pbr.__setEntry(c, want[c]);
+    pbr.__syncFATEntry(c);
+  }
 }
 
 // Writes what the load held back: repaired folders, cut FAT entries, the unreached clusters
@@ -107,6 +135,7 @@ void commitRepairs(VELT& v, LoadRepairs* repairs) {
       }
     }
   }
+  mendReservedEntries(pbr);
   {
     std::lock_guard<std::mutex> lock(pbr.fat_mutex_);
     for (uint32_t c : repairs->fat_cuts) pbr.__syncFATEntry(c);
@@ -163,14 +192,32 @@ int VELT::buildRoot() {
   } else {
     LoadRepairs repairs;
     int r = loadHeldBack(*this, &repairs);
-    if (r == 0 && op_mode_ == kVELTOpMount && !repair_wholesale_ && wholesaleLoss(*this, repairs)) {
+    if (r == 0 && op_mode_ == kVELTOpMount && wholesaleLoss(*this, repairs)) {
       // The primary boot sector may be what leads astray (a wrong root, a wrong FAT size):
       // the backup gets its chance before the card is given up on.
       if (!pbr_->pbr_damaged_ && switchToBackupBootSector(*this)) {
         repairs = LoadRepairs();
         r = loadHeldBack(*this, &repairs);
       }
-      if (r == 0 && wholesaleLoss(*this, repairs)) {
+      if (r == 0 && repair_wholesale_ && pbr_->fat_damaged_ && wholesaleLoss(*this, repairs)) {
+        // The checker's repair: the second FAT copy stands in when it loses less.
+        const uint32_t lost_first = lostClusters(*this, repairs);
+        const bool backup_boot = pbr_->pbr_damaged_;
+        LoadRepairs second;
+        if (reloadLayout(*this, backup_boot, true)) {
+          r = loadHeldBack(*this, &second);
+          if (r == 0 && lostClusters(*this, second) < lost_first) {
+            LOGW("repair: the first FAT copy leads to a wholesale loss: the second one is used\n");
+            repairs = std::move(second);
+          } else if (reloadLayout(*this, backup_boot, false)) {
+            repairs = LoadRepairs();
+            r = loadHeldBack(*this, &repairs);
+          } else {
+            r = -1;
+          }
+        }
+      }
+      if (r == 0 && !repair_wholesale_ && wholesaleLoss(*this, repairs)) {
         LOGE("the load would free %u of the %u clusters the FAT holds: nothing is freed or "
              "repaired, the card is served read-only (check it with fsck)\n",
              lostClusters(*this, repairs), usedClusters(*this));

@@ -39,6 +39,12 @@ struct LoadRepairs {
   int count = 0;                         // repairs made
 };
 
+// Free reserved files hold no data: their chains are claimed once every entry of the card has
+// claimed its own, so that a cluster a free reserved file shares with a file stays the file's.
+// A chain that cannot be had whole is dropped (restoreReservedFiles gives the reserved file a new
+// one). -EBADF in exclusive mode when that would be needed.
+int claimFreeReservedFiles(VELT& v, LoadRepairs* repairs);
+
 // Prints `size` bytes as offset, hex and characters, 16 a line, to standard output.
 void dumpRecords(const char* label, const uint8_t* data, int size);
 

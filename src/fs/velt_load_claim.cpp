@@ -4,6 +4,9 @@
 // no more clusters than its size needs. A folder is loaded only from clusters nobody else owns,
 // and only when they begin with its "." and ".." records, so a repair never writes into another
 // entry's data. Each repair logs one line "[path] what was done".
+#include <strings.h>
+
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -44,6 +47,23 @@ std::string childPath(const std::string& dir, const std::string& name) {
 }
 
 bool vacant(const uint8_t* r) { return r[0] == DIR_ENTRY_FREE || r[0] == DIR_ENTRY_DELETED; }
+
+// A dot record as FAT32 wants it: the name and a folder's attributes.
+bool isDot(const uint8_t* r, const char* name) {
+  const uint8_t attr = r[rec::kAttr] & 0x3F;
+  return memcmp(r, name, 11) == 0 && attr != kAttrLongName && (attr & kAttrDirectory) != 0 &&
+         (attr & kAttrVolumeId) == 0;
+}
+
+bool isReservedFolderName(const VELT& v, const std::string& name) {
+  const FormatInfo& info = v.format_info_;
+  const uint32_t n = std::min<uint32_t>(info.folder_count, VELT_MAX_RESERVED_FOLDERS);
+  for (uint32_t i = 0; i < n; ++i) {
+    std::string f(info.folders[i].name, strnlen(info.folders[i].name, sizeof(info.folders[i].name)));
+    if (!f.empty() && strcasecmp(f.c_str(), name.c_str()) == 0) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -160,32 +180,54 @@ void DirScan::deleteWithLongName(int index) {
   modified_ = true;
 }
 
-// A folder's first cluster begins with "." and "..". Missing ones are written where the records
-// are vacant (a folder made by a mkdir that the power cut short); clusters that hold neither
-// and something else are not a folder at all.
+// A folder's first cluster begins with "." and "..". Missing or damaged ones are written again
+// (a folder made by a mkdir that the power cut short); a name record in their slot is moved to a
+// vacant slot of the first cluster first. Clusters that hold neither and something else are not
+// a folder at all. Reserved folders mend their dot records with their groups.
 int DirScan::checkDotRecords() {
-  uint8_t* r0 = rec(0);
-  uint8_t* r1 = rec(1);
-  const bool has0 = memcmp(r0, kDotName, 11) == 0;
-  const bool has1 = memcmp(r1, kDotDotName, 11) == 0;
-  if (has0 && has1) return 0;
-  if (!has0 && !has1 && !(vacant(r0) && vacant(r1))) return kLoadNotAFolder;
+  const char* const names[2] = {kDotName, kDotDotName};
+  bool ok[2], named[2];
+  for (int i = 0; i < 2; ++i) {
+    ok[i] = isDot(rec(i), names[i]);
+    named[i] = memcmp(rec(i), names[i], 11) == 0;
+  }
+  if (ok[0] && ok[1]) return 0;
+  if (!named[0] && !named[1] && !(vacant(rec(0)) && vacant(rec(1)))) return kLoadNotAFolder;
+  if (reserved()) return 0;
   const uint32_t parent =
       cur_->parent_ == nullptr || cur_->parent_->parent_ == nullptr ? 0
                                                                      : cur_->parent_->start_cluster_;
-  auto put = [&](int i, const char* name, uint32_t cluster) {
-    uint8_t r[DIR_RECORD_SIZE] = {};
-    memcpy(r, name, 11);
-    r[rec::kAttr] = kAttrDirectory;
-    setRecordCluster(r, cluster);
-    memcpy(rec(i), r, DIR_RECORD_SIZE);
-    memcpy(wrec(i), r, DIR_RECORD_SIZE);
-  };
-  if (!has0) put(0, kDotName, start_cluster_);
-  if (!has1) put(1, kDotDotName, parent);
-  noteRepair("[%s] had no %s record: written", clean(path()).c_str(),
-             !has0 && !has1 ? "\".\" and \"..\"" : !has0 ? "\".\"" : "\"..\"");
-  modified_ = true;
+  for (int i = 0; i < 2; ++i) {
+    if (ok[i]) continue;
+    uint8_t* r = rec(i);
+    const bool name_record = !vacant(r) && !named[i] && (r[rec::kAttr] & 0x3F) != kAttrLongName;
+    if (name_record) {
+      int to = -1;
+      for (int k = 2; k < per_cluster_ && to < 0; ++k) {
+        if (rec(k)[0] == DIR_ENTRY_DELETED) to = k;
+      }
+      for (int k = 2; k < per_cluster_ && to < 0; ++k) {
+        if (rec(k)[0] == DIR_ENTRY_FREE) to = k;
+      }
+      if (to < 0) {
+        LOGE("[%s] a name record holds the %s slot and no slot is vacant: left as it is\n",
+             clean(path()).c_str(), names[i][1] == '.' ? "\"..\"" : "\".\"");
+        continue;
+      }
+      memcpy(rec(to), r, DIR_RECORD_SIZE);
+      memcpy(wrec(to), r, DIR_RECORD_SIZE);
+      noteRepair("[%s] name record in slot %d moved to slot %d", clean(path()).c_str(), i, to);
+    }
+    uint8_t d[DIR_RECORD_SIZE] = {};
+    memcpy(d, names[i], 11);
+    d[rec::kAttr] = kAttrDirectory;
+    setRecordCluster(d, i == 0 ? start_cluster_ : parent);
+    memcpy(rec(i), d, DIR_RECORD_SIZE);
+    memcpy(wrec(i), d, DIR_RECORD_SIZE);
+    noteRepair("[%s] had no %s record: written", clean(path()).c_str(),
+               i == 0 ? "\".\"" : "\"..\"");
+    modified_ = true;
+  }
   return 0;
 }
 
@@ -291,6 +333,13 @@ int DirScan::loadPending() {
   LoadRepairs* lr = velt_->load_repairs_;
   std::vector<PendingDir> pending;
   pending.swap(pending_);
+  // Reserved folders first: their chains are fixed in length, so a file chain running into one
+  // is what the damage cut, not the reserved file.
+  if (depth_ == 0) {
+    std::stable_partition(pending.begin(), pending.end(), [this](const PendingDir& pd) {
+      return isReservedFolderName(*velt_, pd.entry->name_);
+    });
+  }
   for (PendingDir& pd : pending) {
     const std::shared_ptr<VELT::DirEntry>& child = pd.entry;
     const uint32_t start = child->start_cluster_;

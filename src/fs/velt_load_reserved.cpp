@@ -161,8 +161,10 @@ bool DirScan::claimChain(uint32_t first, int64_t bytes, std::vector<uint8_t>* cl
     std::lock_guard<std::mutex> lock(pbr_->fat_mutex_);
     uint32_t cur = first;
     for (;;) {
-      const bool usable = cur >= 2 && cur < pbr_->num_clusters_ && cur != FAT_BAD &&
-                          !(*claimed)[cur] && pbr_->fat1_[cur] != 0;
+      // At mount time a cluster another entry claimed first is no more this chain's.
+      const bool usable = cur >= 2 && cur < pbr_->num_clusters_ && !(*claimed)[cur] &&
+                          pbr_->__entry(cur) != 0 && pbr_->__entry(cur) != FAT_BAD &&
+                          !(claims_ && pbr_->isClusterUsed(cur));
       if (!usable) {
         // Enough of the chain stands: keep it and end it at its last good cluster.
         ok = static_cast<int64_t>(taken.size()) >= need;
@@ -170,20 +172,31 @@ bool DirScan::claimChain(uint32_t first, int64_t bytes, std::vector<uint8_t>* cl
         break;
       }
       (*claimed)[cur] = 1;
+      if (claims_) pbr_->__setUsed(cur, true);
       taken.push_back(cur);
-      const uint32_t next = pbr_->fat1_[cur] & 0x0FFFFFFF;
+      const uint32_t next = pbr_->__entry(cur);
       if (isEOC(next)) {
         ok = static_cast<int64_t>(taken.size()) >= need;
         break;
       }
       cur = next;
     }
+    if (!ok) {
+      for (uint32_t c : taken) {
+        (*claimed)[c] = 0;
+        if (claims_) pbr_->__setUsed(c, false);
+      }
+      return false;
+    }
+    if (cut_at != 0 && claims_) {
+      // Held back with the load's other repairs.
+      pbr_->__setEntry(cut_at, FAT_EOC);
+      velt_->load_repairs_->fat_cuts.push_back(cut_at);
+    }
   }
-  if (!ok) {
-    for (uint32_t c : taken) (*claimed)[c] = 0;
-    return false;
-  }
-  if (cut_at != 0 && velt_->op_mode_ != kVELTOpExclusive) {
+  if (cut_at != 0 && claims_) {
+    noteRepair("[%s] chain of cluster %u ended at cluster %u", path().c_str(), first, cut_at);
+  } else if (cut_at != 0 && velt_->op_mode_ != kVELTOpExclusive) {
     LOGW("[%s] chain of cluster %u ended at cluster %u\n", path().c_str(), first, cut_at);
     pbr_->fixFATEntry(cut_at, FAT_EOC);
   }
@@ -264,7 +277,10 @@ bool DirScan::loadFreeFile(int g, int s, std::vector<uint8_t>* claimed) {
   const uint8_t* r = wrec(s);
   const uint32_t cluster =
       (static_cast<uint32_t>(le16(r + rec::kClusterHigh)) << 16) | le16(r + rec::kClusterLow);
-  if (reserved_file_size_ > 0 && !claimChain(cluster, reserved_file_size_, claimed)) return false;
+  // At mount time the chain is claimed after the whole tree (claimFreeReservedFiles).
+  if (!claims_ && reserved_file_size_ > 0 && !claimChain(cluster, reserved_file_size_, claimed)) {
+    return false;
+  }
   // The records in front carry an old or half-written name: harmless as long as they form one
   // sequence, so that no reader joins them with anything else.
   const uint8_t* nearest = wrec(s - 1);
@@ -385,7 +401,72 @@ void DirScan::reconcileReservedFolder() {
   }
   // Free reserved files are no children, but their clusters stay taken.
   for (const ReservedFile& f : cur_->velt_reserved_files_)
-    if (f.start_cluster != 0) pbr_->setClusterChainUsed(f.start_cluster);
+    if (f.start_cluster != 0 && !(claims_ && !f.used_)) pbr_->setClusterChainUsed(f.start_cluster);
+}
+
+int claimFreeReservedFiles(VELT& v, LoadRepairs* repairs) {
+  if (v.root_ == nullptr || v.pbr_ == nullptr) return 0;
+  PBR& pbr = *v.pbr_;
+  std::vector<std::shared_ptr<VELT::DirEntry>> folders;
+  {
+    std::lock_guard lock(v.root_->children_mutex_);
+    for (const auto& child : v.root_->children_) {
+      if (child->velt_folder_ != nullptr) folders.push_back(child);
+    }
+  }
+  const bool exclusive = v.op_mode_ == kVELTOpExclusive;
+  for (const auto& folder : folders) {
+    const std::string path = folder->getPath();
+    for (size_t g = 0; g < folder->velt_reserved_files_.size(); ++g) {
+      ReservedFile& f = folder->velt_reserved_files_[g];
+      if (f.used_ || f.start_cluster == 0) continue;
+      const uint64_t need =
+          std::max<uint64_t>(1, (static_cast<uint64_t>(f.size) + pbr.cluster_length_ - 1) /
+                                    pbr.cluster_length_);
+      std::vector<uint32_t> taken;
+      uint32_t cut_at = 0;
+      bool whole = false;
+      {
+        std::lock_guard<std::mutex> lock(pbr.fat_mutex_);
+        for (uint32_t cur = f.start_cluster;;) {
+          if (cur < 2 || cur >= pbr.num_clusters_ || pbr.isClusterUsed(cur) ||
+              pbr.__entry(cur) == 0 || pbr.__entry(cur) == FAT_BAD) {
+            whole = taken.size() >= need;
+            if (whole && !isEOC(cur)) cut_at = taken.back();
+            break;
+          }
+          pbr.__setUsed(cur, true);
+          taken.push_back(cur);
+          cur = pbr.__entry(cur);
+          if (isEOC(cur)) {
+            whole = taken.size() >= need;
+            break;
+          }
+        }
+        if (!whole) {
+          for (uint32_t c : taken) pbr.__setUsed(c, false);
+        } else if (cut_at != 0 && !exclusive) {
+          pbr.__setEntry(cut_at, FAT_EOC);
+          repairs->fat_cuts.push_back(cut_at);
+        }
+      }
+      if (whole && cut_at == 0) continue;
+      if (exclusive) {
+        if (!whole) return -EBADF;
+        continue;
+      }
+      ++repairs->count;
+      if (whole) {
+        LOGW("repair: [%s] chain of free reserved file %zu ended at cluster %u\n", path.c_str(),
+             g + 1, cut_at);
+      } else {
+        LOGW("repair: [%s] free reserved file %zu has no chain of its own from cluster %u: it gets "
+             "a new one\n", path.c_str(), g + 1, f.start_cluster);
+        f.start_cluster = 0;
+      }
+    }
+  }
+  return 0;
 }
 
 int VELT::restoreReservedFiles() {

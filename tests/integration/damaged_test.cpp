@@ -22,6 +22,7 @@
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
+#include "velt_fsck.h"
 
 using velt::VELT;
 using velt::test::CardImage;
@@ -32,12 +33,13 @@ using velt::test::putLe;
 
 namespace {
 
-CardSpec smallCard() {
-  CardSpec spec;
-  spec.size_mb = 36;              // just enough clusters for FAT32 to the tools
-  spec.sectors_per_cluster = 1;  // 512-byte clusters: every file spans several
-  return spec;
-}
+// Just enough clusters for FAT32 to the tools.
+CardSpec smallCard() { return velt::test::smallClusterCard(36); }
+
+// On a VELT card: a reserved folder of 1 MiB files, the first one published as this recording,
+// and a file longer than a reserved file.
+const char kRecording[] = "REC/recording.avi";
+const char kLongFile[] = "long file.bin";
 
 const std::vector<std::string>& files() {
   static const std::vector<std::string> names = {
@@ -64,6 +66,23 @@ void fill(const CardImage& card) {
     if (f.rfind("golf dir/", 0) == 0) card.mkdir("/golf dir");
     card.put("/" + f, contentOf(f));
   }
+}
+
+void fillVelt(const CardImage& card) {
+  ASSERT_EQ(velt::test::formatCard(card, velt::test::formatInfo({{"REC", 10, 1}})), 0);
+  fill(card);
+  card.put(std::string("/") + kLongFile, contentOf(kLongFile) + std::string(1536 << 10, 'L'));
+  Loaded l = velt::test::loadCard(card);
+  ASSERT_EQ(l.error, 0) << l.log;
+  auto e = l.volume->newEntry(l.volume->findEntry("/REC"), "recording.avi", false);
+  ASSERT_NE(e, nullptr);
+  auto f = l.volume->newFile(false, true, true, e);
+  ASSERT_NE(f, nullptr);
+  const std::string data = contentOf(kRecording);
+  ASSERT_EQ(f->write(data.data(), data.size(), 0), static_cast<int>(data.size()));
+  ASSERT_EQ(e->secure2(), 0);
+  f->close();
+  l.volume->freeFile(f->file_no_);
 }
 
 // A driver over the card's bytes in memory whose reads of some sectors fail.
@@ -189,6 +208,21 @@ struct Ctx {
     putLe(&s, 0, v, bytes);
     card.writeBytes(off, s);
   }
+  // Makes the root's record of `name` a folder record pointing at the file `dir`/`file`.
+  void folderInto(const std::string& name, const std::string& dir, const std::string& file) const {
+    auto e = entry(img.rootCluster(), name);
+    setCluster(e.sfn, cluster(dir, file));
+    img.putByte(e.sfn + 11, 0x10);
+    setField(e.sfn + 28, 0, 4);
+  }
+  // The chain of a file, or of reserved file `group` of REC (its short-name record's chain).
+  std::vector<uint32_t> chainOf(const std::string& dir, const std::string& file) const {
+    return img.chain(cluster(dir, file));
+  }
+  std::vector<uint32_t> reservedChain(int group) const {
+    const std::string r = img.record(img.records(cluster("", "REC"))[2 + 4 * group + 3]);
+    return img.chain((velt::test::getLe(r, 20, 2) << 16) | velt::test::getLe(r, 26, 2));
+  }
 };
 
 struct Row {
@@ -200,6 +234,7 @@ struct Row {
   std::set<std::string> changed = {};  // files the damage itself hit
   std::set<uint32_t> unreadable = {};  // sectors (relative to the partition) the card cannot read
   std::function<void(Ctx&, VELT&)> then = nullptr;  // work done on the mounted card
+  bool velt = false;  // a VELT card with a recording (judged with its reserved files in mind)
 };
 
 std::vector<Row> rows() {
@@ -274,7 +309,7 @@ std::vector<Row> rows() {
       {"first FAT unreadable in one sector, second intact",
        [](Ctx& c) { c.card.writeBytes(c.img.fatOffset(0, 0), std::string(512, '\x5A')); },
        "taken from FAT2", 0, false, {}, {32}},
-      {"first FAT all garbage (served read-only, nothing freed)",
+      {"first FAT all garbage (served read-only, nothing freed; the checker repairs it)",
        [](Ctx& c) {
          const int64_t bytes = c.img.fatOffset(1, 0) - c.img.fatOffset(0, 0);
          std::string junk = velt::test::patternBytes(static_cast<size_t>(bytes), 99);
@@ -292,20 +327,10 @@ std::vector<Row> rows() {
          c.img.setFat(1001, 1000);
        }},
       {"folder record pointing at a file of the same folder",
-       [](Ctx& c) {
-         auto e = c.entry(c.img.rootCluster(), "foxtrot number one.txt");
-         c.setCluster(e.sfn, c.cluster("", "alpha long name file.txt"));
-         c.img.putByte(e.sfn + 11, 0x10);
-         c.setField(e.sfn + 28, 0, 4);
-       },
+       [](Ctx& c) { c.folderInto("foxtrot number one.txt", "", "alpha long name file.txt"); },
        "is another entry's", 0, false, {"foxtrot number one.txt"}},
       {"folder record pointing at a file deeper down",
-       [](Ctx& c) {
-         auto e = c.entry(c.img.rootCluster(), "alpha long name file.txt");
-         c.setCluster(e.sfn, c.cluster("golf dir", "note.txt"));
-         c.img.putByte(e.sfn + 11, 0x10);
-         c.setField(e.sfn + 28, 0, 4);
-       },
+       [](Ctx& c) { c.folderInto("alpha long name file.txt", "golf dir", "note.txt"); },
        "it is no folder", 0, false, {"alpha long name file.txt"}},
       {"file chain ending in a free FAT entry",
        [](Ctx& c) { c.img.setFat(c.img.chain(c.cluster("", "charlie.txt")).back(), 0); },
@@ -399,17 +424,44 @@ std::vector<Row> rows() {
          c.img.putRecord(recs[0], std::string(32, '\0'));
          c.img.putRecord(recs[1], std::string(32, '\0'));
        },
-       "had no \".\" and \"..\" record"},
+       "had no \"..\" record"},
+      {"dot record with a file's attributes",
+       [](Ctx& c) { c.img.putByte(c.img.records(c.delta())[0] + 11, 0x20); },
+       "had no \".\" record"},
+      {"dot-dot record taken for a long-name record",
+       [](Ctx& c) { c.img.putByte(c.img.records(c.deeper())[1] + 11, 0x0F); },
+       "had no \"..\" record"},
+      {"name record in the dot-dot slot (the folder's records shifted)",
+       [](Ctx& c) {
+         auto leaf = c.entry(c.deeper(), "leaf.txt");
+         c.img.putRecord(c.img.records(c.deeper())[1], c.img.record(leaf.sfn));
+         for (int64_t off : leaf.lfn) c.img.putByte(off, 0xE5);
+         c.img.putByte(leaf.sfn, 0xE5);
+       },
+       "moved to slot"},
+      {"FAT entry 0 damaged in the first copy",
+       [](Ctx& c) { c.setField(c.img.fatOffset(0, 0), 0x0FFFFF00, 4); }, "FAT entry 0 was"},
+      {"FAT entry 1 without its clean flags", [](Ctx& c) { c.img.setFat(1, 0x03FFFFFF); },
+       "FAT entry 1 was"},
+      {"recording's chain running into a long file's (VELT card)",
+       [](Ctx& c) { c.img.setFat(c.reservedChain(0)[5], c.chainOf("", kLongFile)[100]); },
+       "recording in reserved file 1 is damaged", 0, false, {kRecording}, {}, nullptr, true},
+      {"free reserved file's chain running into a long file's (VELT card)",
+       [](Ctx& c) { c.img.setFat(c.reservedChain(1)[3], c.chainOf("", kLongFile)[100]); },
+       "gets a new one", 0, false, {}, {}, nullptr, true},
   };
 }
 
 }  // namespace
 
 TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
-  CardImage pristine(smallCard());
-  ASSERT_TRUE(pristine.ok()) << pristine.error();
+  CardImage pristine(smallCard()), pristine_velt(smallCard());
+  ASSERT_TRUE(pristine.ok() && pristine_velt.ok()) << pristine.error();
   ASSERT_NO_FATAL_FAILURE(fill(pristine));
   ASSERT_EQ(pristine.fsck().status, 0);
+  ASSERT_NO_FATAL_FAILURE(fillVelt(pristine_velt));
+  const std::string recording = pristine_velt.type(std::string("/") + kRecording);
+  ASSERT_EQ(recording.substr(0, 3000), contentOf(kRecording));
 
   const char* only = getenv("VELT_DAMAGE_ROW");  // runs the rows whose text holds this
   for (const Row& row : rows()) {
@@ -417,7 +469,7 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
     SCOPED_TRACE(row.what);
     CardImage card(smallCard());
     ASSERT_TRUE(card.ok());
-    ASSERT_TRUE(card.copyFrom(pristine));
+    ASSERT_TRUE(card.copyFrom(row.velt ? pristine_velt : pristine));
     Ctx ctx{card, FatImage(card)};
     ASSERT_NO_FATAL_FAILURE(row.damage(ctx));
     const std::string before = row.refused != 0 || row.read_only ? card.contents() : "";
@@ -456,18 +508,34 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
     m.unload();
     if (row.read_only) {
       EXPECT_TRUE(card.contents() == before) << "a card served read-only was written";
-      continue;
+      // The checker is the way out: after it, the card mounts read-write like any other.
+      auto repair = velt::test::runShell(std::string(VELT_BINARY_DIR) + "/fsck.velt -a " +
+                                         velt::test::shellQuote(card.image()));
+      EXPECT_EQ(repair.status, 1) << repair.out << repair.err;
     }
 
     Loaded again = velt::test::loadCard(card);
     ASSERT_EQ(again.error, 0) << again.log;
+    EXPECT_FALSE(again.volume->read_only_.load());
     EXPECT_EQ(repairLines(again.log), "") << "the second mount repaired again";
+    if (row.velt) {
+      EXPECT_TRUE(velt::test::fsckShowsOnlyReservedFiles(
+          card, velt::test::expectedReservedReport(*again.volume, card)));
+    }
     again.volume.reset();
-    auto fsck = card.fsck("-n");
-    EXPECT_EQ(fsck.status, 0) << fsck.out;
+    if (!row.velt) {
+      auto fsck = card.fsck("-n");
+      EXPECT_EQ(fsck.status, 0) << fsck.out;
+    }
     for (const std::string& f : files()) {
       if (row.changed.count(f)) continue;
       EXPECT_TRUE(card.type("/" + f) == contentOf(f)) << f;
+    }
+    if (row.velt && !row.changed.count(kRecording)) {
+      EXPECT_TRUE(card.type(std::string("/") + kRecording) == recording);
+    }
+    if (row.velt) {
+      EXPECT_TRUE(card.type(std::string("/") + kLongFile).substr(0, 3000) == contentOf(kLongFile));
     }
   }
 }

@@ -24,13 +24,7 @@ using velt::test::Loaded;
 
 namespace {
 
-// 64 MiB, 512-byte clusters: directories span several clusters quickly.
-CardSpec smallCard() {
-  CardSpec spec;
-  spec.size_mb = 64;
-  spec.sectors_per_cluster = 1;
-  return spec;
-}
+CardSpec smallCard() { return velt::test::smallClusterCard(64); }
 
 // Root: three long names (2 and 3 records), a lower-case 8.3 name, an upper-case one, a folder
 // with a file and a subfolder, filler files so the root spans two clusters, and a long name as

@@ -136,6 +136,13 @@ void CardImage::rewindAllocationHint() const {
   writeBytes(partition_offset_ + 512 + 492, std::string("\x02\0\0\0", 4));
 }
 
+CardSpec smallClusterCard(int64_t size_mb) {
+  CardSpec spec;
+  spec.size_mb = size_mb;
+  spec.sectors_per_cluster = 1;
+  return spec;
+}
+
 std::string patternBytes(size_t size, unsigned seed) {
   std::string s(size, '\0');
   uint32_t x = seed * 2654435761u + 7;

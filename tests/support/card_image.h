@@ -68,6 +68,9 @@ class CardImage {
   std::string error_;
 };
 
+// A card of `size_mb` with 512-byte clusters: every file and folder spans several clusters soon.
+CardSpec smallClusterCard(int64_t size_mb);
+
 // `size` reproducible pseudo-random bytes, different for each seed.
 std::string patternBytes(size_t size, unsigned seed);
 
