@@ -14,6 +14,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -257,9 +258,14 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // Called with the path of an entry whose size, visibility or existence changed other than
   // through a callback of the front end (the direct channel, publication, recycling), so that
   // the attributes the kernel cached for it are dropped. Must not block on entry locks.
-  std::function<void(const std::string&)> kernel_invalidate_;
   void invalidateKernelCache(const DirEntry* entry);
   void invalidateKernelCache(const std::string& path);
+  bool hasKernelCache();
+  // Installs the hook, or cuts it with an empty one. The front end cuts it before the kernel
+  // link's tables are freed; the cut waits for a call in flight, and no call starts after it.
+  void setKernelInvalidate(std::function<void(const std::string&)> hook);
+  std::shared_mutex kernel_invalidate_mutex_;  // guards kernel_invalidate_; held while it runs
+  std::function<void(const std::string&)> kernel_invalidate_;
 
   // ===== Direct channel (velt_pipe.cpp) =====
   // Creates the pipes and starts the channel's threads; -1 when one already runs.

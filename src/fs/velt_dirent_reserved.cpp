@@ -411,7 +411,7 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
       pbr->updateFSInfo();
     } else {
       if (!velt_file.used_) NERIO_ASSERT_TEXT("velt_reserved_files_[oldest_index].used_ == true");
-      if (velt_->kernel_invalidate_) {
+      if (velt_->hasKernelCache()) {
         if (auto recycled = findVELTChild(velt_file.dir_ent_disk_off)) {
           velt_->invalidateKernelCache(recycled.get());
         }

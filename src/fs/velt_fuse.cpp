@@ -941,9 +941,9 @@ void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
   if (struct fuse_context* context = fuse_get_context(); context != nullptr && context->fuse) {
     struct fuse* fuse = context->fuse;
     // Drops only cached attributes (no dentry or directory lock), so it is safe from any thread.
-    velt->kernel_invalidate_ = [fuse](const std::string& path) {
+    velt->setKernelInvalidate([fuse](const std::string& path) {
       fuse_invalidate_path(fuse, path.c_str());
-    };
+    });
     if (options_.mount_path != nullptr) {
       nameDropper().start(fuse_get_session(fuse), options_.mount_path);
     }
@@ -964,6 +964,11 @@ void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
          static_cast<int>(free_bytes >> 20), static_cast<int>(free_bytes >> 30));
   fflush(stdout);
   return velt.get();
+}
+
+void VELTFuse::detachFromKernel() {
+  if (std::shared_ptr<VELT> velt = volume()) velt->setKernelInvalidate(nullptr);
+  nameDropper().stop();
 }
 
 void VELTFuse::__destroy(void* private_data) {

@@ -115,6 +115,9 @@ class VELTFuse {
   // Volume lifetime.
   static void* __init(struct fuse_conn_info* conn, struct fuse_config* cfg);
   static void __destroy(void* private_data);
+  // Cuts the volume's kernel-cache hooks once the loop has ended: the library frees the tables
+  // they use before it calls __destroy, while the channel's threads still run.
+  static void detachFromKernel();
   // Closes every file still open through the mount as its release would (record, size,
   // publication): the daemon is stopping with files open.
   static void closeOpenFiles(VELT& velt);

@@ -250,6 +250,7 @@ int main(int argc, char* argv[]) {
   }
   const int status = loop < 0 ? 1 : 0;
 
+  VELTFuse::detachFromKernel();
   fuse_remove_signal_handlers(session);
   fuse_unmount(fuse);
   fuse_destroy(fuse);

@@ -38,6 +38,7 @@ std::shared_ptr<VELT::DirEntry> VELT::findEntry(const char* path) {
 }
 
 void VELT::invalidateKernelCache(const std::string& path) {
+  std::shared_lock<std::shared_mutex> lock(kernel_invalidate_mutex_);
   if (!kernel_invalidate_) return;
   std::string clean;
   clean.reserve(path.size() + 1);
@@ -50,7 +51,17 @@ void VELT::invalidateKernelCache(const std::string& path) {
 }
 
 void VELT::invalidateKernelCache(const DirEntry* entry) {
-  if (kernel_invalidate_ && entry != nullptr) invalidateKernelCache(entry->getPath());
+  if (entry != nullptr && hasKernelCache()) invalidateKernelCache(entry->getPath());
+}
+
+bool VELT::hasKernelCache() {
+  std::shared_lock<std::shared_mutex> lock(kernel_invalidate_mutex_);
+  return static_cast<bool>(kernel_invalidate_);
+}
+
+void VELT::setKernelInvalidate(std::function<void(const std::string&)> hook) {
+  std::unique_lock<std::shared_mutex> lock(kernel_invalidate_mutex_);
+  kernel_invalidate_ = std::move(hook);
 }
 
 void VELT::initRootEntry(const std::shared_ptr<DirEntry>& root) {
