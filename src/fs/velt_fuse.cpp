@@ -794,6 +794,13 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
         spellings().seen(static_cast<uint32_t>(inodeOf(velt, *source)), to);
       }
     }
+    // A destination folder that grew took its cluster with the FAT written at once; the free
+    // count in FSInfo follows, as after mkdir.
+    if (moved == 0 && velt.pbr_ != nullptr) {
+      std::lock_guard<std::mutex> reserved_lock(velt.reserved_mutex_);
+      std::lock_guard<std::mutex> fat_lock(velt.pbr_->fat_mutex_);
+      velt.pbr_->updateFSInfo();
+    }
     // A rename that returned survives a power cut.
     if (moved == 0 && velt.sync() != 0) return -EIO;
     return moved;
