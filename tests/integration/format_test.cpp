@@ -257,49 +257,5 @@ TEST(Format, RefusesBadRequests) {
   }
 }
 
-TEST(Format, RootFilesStayOnlyWhenAsked) {
-  struct Case {
-    const char* what;
-    uint32_t flags;
-    bool kept;
-  } cases[] = {
-      {"kept", 1, true},
-      {"dropped", 0, false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    CardSpec spec;
-    spec.size_mb = kCardMiB;
-    CardImage card(spec);
-    ASSERT_TRUE(card.ok()) << card.error();
-    const std::string text(100000, 'x');
-    card.put("/big.bin", text);
-    card.put("/hello.txt", "hello velt");
-    card.mkdir("/DIR");
-    card.put("/DIR/in.txt", "hello velt");
-
-    std::string out;
-    ASSERT_EQ(
-        formatCard(card, formatInfo({{"REC", 10, 8}}, c.flags), kVELTFormatModeN, nullptr, 1, &out),
-        0)
-        << out;
-    EXPECT_NE(out.find("root size 100010 bytes"), std::string::npos) << out;
-
-    ShellResult root = card.mtools("mdir ::/");
-    EXPECT_EQ(root.out.find("\nDIR "), std::string::npos) << "folders never stay: " << root.out;
-    EXPECT_NE(root.out.find("\nREC "), std::string::npos) << root.out;
-    ShellResult hello = card.mtools("mtype ::/hello.txt");
-    ShellResult big = card.mtools("mtype ::/big.bin");
-    if (c.kept) {
-      EXPECT_EQ(hello.out, "hello velt");
-      EXPECT_EQ(big.out, text);
-    } else {
-      EXPECT_NE(hello.status, 0);
-      EXPECT_NE(big.status, 0);
-    }
-    EXPECT_TRUE(fsckShowsOnlyReservedFiles(card));
-  }
-}
-
 }  // namespace
 }  // namespace velt::test

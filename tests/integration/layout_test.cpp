@@ -93,45 +93,6 @@ TEST(CardLayout, PartitionTableRefusals) {
   }
 }
 
-TEST(CardLayout, FsInfoAndFatCopies) {
-  CardImage card;
-  ASSERT_TRUE(card.ok()) << card.error();
-  const int64_t part = card.partitionOffset();
-  Loaded first = load(card);
-  ASSERT_NE(first.volume, nullptr);
-  const uint32_t free_count = first.volume->pbr_->free_cluster_count_;
-  const uint32_t fat_sectors = first.volume->pbr_->fat_sectors_;
-  first.volume.reset();
-
-  // Primary FSInfo with a wrong lead signature: the backup is read instead, and the load's count
-  // of the clusters the tree reaches puts its stale free count right.
-  std::string backup = card.readBytes(part + 7 * 512, 512);
-  std::string changed_backup = backup;
-  velt::putLe32(reinterpret_cast<uint8_t*>(changed_backup.data()) + 488, free_count - 5);
-  card.writeBytes(part + 7 * 512, changed_backup);
-  card.writeBytes(part + 512, "XXXX");
-  Loaded l = load(card);
-  ASSERT_NE(l.volume, nullptr);
-  EXPECT_TRUE(l.volume->pbr_->fsinfo_damaged_);
-  EXPECT_EQ(l.volume->pbr_->free_cluster_count_, free_count);
-  l.volume.reset();
-  card.writeBytes(part + 512, "RRaA");
-
-  // Three differing entries in the second FAT copy: counted, copy 1 is used, and the load
-  // rewrites both copies from it.
-  const int64_t fat2 = part + (32 + fat_sectors) * 512;
-  card.writeBytes(fat2 + 4 * 10, std::string("\x07\0\0\0", 4));
-  card.writeBytes(fat2 + 4 * 11, std::string("\x07\0\0\0", 4));
-  card.writeBytes(fat2 + 4 * 300, std::string("\x07\0\0\0", 4));
-  l = load(card);
-  ASSERT_NE(l.volume, nullptr);
-  EXPECT_NE(l.log.find("mismatched FAT cluster entries#3 found"), std::string::npos) << l.log;
-  EXPECT_EQ(l.volume->pbr_->fat1_[10], 0u);
-  l.volume.reset();
-  EXPECT_EQ(card.readBytes(fat2 + 4 * 10, 4), std::string(4, '\0'));
-  EXPECT_EQ(card.fsck("-n").status, 0);
-}
-
 TEST(CardLayout, VeltMarkAndVersion) {
   CardImage card;
   ASSERT_TRUE(card.ok()) << card.error();

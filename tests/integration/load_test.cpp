@@ -97,66 +97,6 @@ const std::vector<RepairCase>& repairCases() {
 
 }  // namespace
 
-TEST(LoadTree, CleanCardLoadsEveryEntryAndWritesNoDirectory) {
-  CardImage card(smallCard());
-  ASSERT_TRUE(card.ok()) << card.error();
-  ASSERT_NO_FATAL_FAILURE(fill(card));
-  FatImage img(card);
-  const uint32_t root = img.rootCluster();
-  // A record after the end marker: still read by the loader.
-  auto records = img.records(root);
-  size_t first_empty = 0;
-  while (img.byteAt(records[first_empty]) != 0) ++first_empty;
-  std::string late(32, '\0');
-  late.replace(0, 11, "LATE    TXT");
-  late[11] = 0x20;
-  img.putRecord(records[first_empty + 2], late);
-
-  auto delta = *img.find(root, "delta dir");
-  auto deeper = *img.find(delta.cluster, "DEEPER");
-  std::string before;
-  for (uint32_t dir : {root, delta.cluster, deeper.cluster}) {
-    for (uint32_t c : img.chain(dir))
-      before += card.readBytes(img.clusterOffset(c), img.clusterBytes());
-  }
-
-  Loaded l = velt::test::loadCard(card);
-  ASSERT_EQ(l.error, 0) << l.log;
-  EXPECT_EQ(l.log.find("modified, flush now"), std::string::npos) << l.log;
-  EXPECT_EQ(childNames(l.volume->root_),
-            (std::set<std::string>{
-                "alpha long name file.txt", "bravo has a much longer name here.txt", "charlie.txt",
-                "README.TXT", "delta dir", "foxtrot number one.txt", "foxtrot number two.txt",
-                "echo file with long name.txt", "LATE.TXT"}));
-  EXPECT_EQ(childNames(l.volume->findEntry("/delta dir")),
-            (std::set<std::string>{".", "..", "inner file.txt", "deeper"}));
-  EXPECT_EQ(childNames(l.volume->findEntry("/delta dir/deeper")),
-            (std::set<std::string>{".", "..", "leaf.txt"}));
-
-  // Record positions as the loader recorded them, against the independent reader.
-  auto bravo_rec = *img.find(root, "bravo has a much longer name here.txt");
-  auto bravo = l.volume->findEntry("/bravo has a much longer name here.txt");
-  ASSERT_NE(bravo, nullptr);
-  EXPECT_EQ(bravo->dir_ent_disk_off_, bravo_rec.sfn);
-  ASSERT_EQ(bravo->lfn_ent_count_, 3);
-  for (int k = 0; k < 3; ++k) EXPECT_EQ(bravo->lfn_disk_offsets_[k], bravo_rec.lfn[2 - k]);
-  EXPECT_EQ(bravo->short_name_, "BRAVOH~1.TXT");
-  EXPECT_EQ(bravo->size_, 3000);
-  auto root_entry = l.volume->root_;
-  ASSERT_EQ(root_entry->entry_map_.size(), records.size());
-  for (size_t i = 0; i < records.size(); ++i) {
-    EXPECT_EQ(root_entry->entry_map_[i], img.byteAt(records[i])) << "slot " << i;
-  }
-  l.volume.reset();
-
-  std::string after;
-  for (uint32_t dir : {root, delta.cluster, deeper.cluster}) {
-    for (uint32_t c : img.chain(dir))
-      after += card.readBytes(img.clusterOffset(c), img.clusterBytes());
-  }
-  EXPECT_TRUE(before == after) << "a directory was written";
-}
-
 // The repairs themselves are rows of the damaged-card table; here the same damage met in
 // exclusive mode is refused, or loaded without repairing, and the card is never written.
 TEST(LoadTree, ExclusiveModeNeverWritesADamagedCard) {
@@ -250,19 +190,4 @@ TEST(BuildRoot, FormatModeKeepsTheRootFilesOrNothing) {
       EXPECT_EQ(f["used_clusters"], 1) << "only the root's cluster";
     }
   }
-}
-
-TEST(LoadTree, RecordDumpShowsOffsetsBytesAndCharacters) {
-  uint8_t data[20];
-  for (int i = 0; i < 20; ++i) data[i] = static_cast<uint8_t>(i < 16 ? 'A' + i : 0x7F + i);
-  data[3] = 0x1F;
-  testing::internal::CaptureStdout();
-  velt::dumpRecords("InvLFN", data, 20);
-  std::string out = testing::internal::GetCapturedStdout();
-  char head[96];
-  snprintf(head, sizeof(head), "dump of InvLFN, __data=%p, __size=20:\n", static_cast<void*>(data));
-  EXPECT_EQ(out,
-            std::string(head) +
-                "   00000000  41 42 43 1f 45 46 47 48 49 4a 4b 4c 4d 4e 4f 50   ABC.EFGHIJKLMNOP\n"
-                "   00000010  8f 90 91 92   ....\n");
 }

@@ -37,20 +37,6 @@ CardImage makeCard(bool fat32, int64_t size_mb) {
   return CardImage(spec);
 }
 
-TEST(MkfsVeltTool, HelpDescribesTheCommand) {
-  for (const char* flag : {"--help", "-h"}) {
-    ShellResult r = runShell(shellQuote(tool()) + " " + flag);
-    EXPECT_EQ(r.status, 0) << flag;
-    EXPECT_EQ(r.out.rfind("usage: mkfs.velt ", 0), 0u) << r.out;
-    for (const char* text :
-         {"NAME:PERCENT:SIZE_MB", "-m, --mode N|P", "-L, --label", "-k, --keep", "-v, --verbose",
-          "VELT_ROOT"}) {
-      EXPECT_NE(r.out.find(text), std::string::npos) << text;
-    }
-    EXPECT_EQ(r.err, "");
-  }
-}
-
 TEST(MkfsVeltTool, BadArgumentsChangeNothing) {
   CardImage card = makeCard(false, 64);
   ASSERT_TRUE(card.ok()) << card.error();

@@ -9,7 +9,6 @@
 
 #include "daemon_runner.h"
 #include "fs/velt_dirent.h"
-#include "fs/velt_endian.h"
 
 using velt::VELT;
 
@@ -28,13 +27,6 @@ std::string shortName(const char* name, const std::set<std::string>& taken = {})
   int r = velt::makeShortName(
       name, [&taken](const std::string& c) { return taken.count(c) > 0; }, &out);
   return r < 0 ? "<error>" : out;
-}
-
-// The 13 code units a long-name record holds.
-std::vector<uint16_t> unitsOf(const uint8_t* record) {
-  uint16_t u[13];
-  velt::lfnRecordUnits(record, u);
-  return std::vector<uint16_t>(u, u + 13);
 }
 
 }  // namespace
@@ -160,7 +152,9 @@ TEST(DirentNames, UniqueShortNames) {
       // Whatever the name, its short form fits the 11 bytes of the record.
       std::string base = s.substr(0, s.find('.'));
       EXPECT_LE(base.size(), 8u);
-      if (s.find('.') != std::string::npos) EXPECT_LE(s.size() - s.find('.') - 1, 3u);
+      if (s.find('.') != std::string::npos) {
+        EXPECT_LE(s.size() - s.find('.') - 1, 3u);
+      }
     }
   }
 }
@@ -191,70 +185,6 @@ TEST(DirentNames, UniqueShortNamesAgainstChildren) {
   velt::ShortNameReservation third;
   ASSERT_EQ(third.reserve(dir.get(), "My Document.docx", nullptr, &out), 0);
   EXPECT_EQ(out, "MYDOCU~3.DOC");
-}
-
-TEST(DirentNames, LongNameRecordLayout) {
-  const uint8_t* name11 = reinterpret_cast<const uint8_t*>("MYDOCU~1DOC");
-  const uint8_t sum = velt::shortNameChecksum(name11);
-  struct Row {
-    std::string name;
-    int records;
-    std::vector<uint16_t> last_units;  // the record farthest from the short-name record
-  } rows[] = {
-      // 13 characters fill one record exactly: no terminator.
-      {"abcdefghijklm", 1, {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm'}},
-      {"abcdefghijklmn",
-       2,
-       {'n', 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF,
-        0xFFFF}},
-      {"abcdefghijklmnopqrstuvwxy",
-       2,
-       {'n', 'o', 'p', 'q', 'r', 's', 't', 'u', 'v', 'w', 'x', 'y', 0}},
-      {"a.b",
-       1,
-       {'a', '.', 'b', 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF}},
-      // U+00FC, U+00DF and a code point outside the BMP (a surrogate pair).
-      {"G\xc3\xbc\xc3\x9f\x65 \xf0\x9f\x98\x80",
-       1,
-       {'G', 0xFC, 0xDF, 'e', ' ', 0xD83D, 0xDE00, 0, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF, 0xFFFF}},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.name);
-    std::vector<uint16_t> units;
-    ASSERT_EQ(velt::longNameRecordCount(r.name.c_str(), &units), r.records);
-    for (int seq = 1; seq <= r.records; ++seq) {
-      uint8_t rec[32];
-      memset(rec, 0xAA, sizeof(rec));
-      const bool last = seq == r.records;
-      velt::buildLfnRecord(units, seq, last, sum, rec);
-      EXPECT_EQ(rec[0], seq | (last ? 0x40 : 0));
-      EXPECT_EQ(rec[11], 0x0F);
-      EXPECT_EQ(rec[12], 0);
-      EXPECT_EQ(rec[13], sum);
-      EXPECT_EQ(velt::le16(rec + 26), 0);
-      if (last) EXPECT_EQ(unitsOf(rec), r.last_units);
-    }
-  }
-  // The first record of a two-record name holds units 1 to 13.
-  std::vector<uint16_t> units;
-  velt::longNameRecordCount("abcdefghijklmnopqrstuvwxy", &units);
-  uint8_t rec[32];
-  velt::buildLfnRecord(units, 1, false, sum, rec);
-  EXPECT_EQ(rec[0], 0x01);
-  EXPECT_EQ(unitsOf(rec), std::vector<uint16_t>(
-                              {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm'}));
-  // The characters sit at bytes 1-10, 14-25 and 28-31.
-  EXPECT_EQ(velt::le16(rec + 1), 'a');
-  EXPECT_EQ(velt::le16(rec + 9), 'e');
-  EXPECT_EQ(velt::le16(rec + 14), 'f');
-  EXPECT_EQ(velt::le16(rec + 24), 'k');
-  EXPECT_EQ(velt::le16(rec + 28), 'l');
-  EXPECT_EQ(velt::le16(rec + 30), 'm');
-
-  // 260 units fit the 20 records an entry holds; malformed UTF-8 is refused.
-  EXPECT_EQ(velt::longNameRecordCount(std::string(260, 'x').c_str(), &units), 20);
-  EXPECT_EQ(velt::longNameRecordCount(std::string(261, 'x').c_str(), &units), 21);
-  EXPECT_EQ(velt::longNameRecordCount("a\xc3", &units), -EINVAL);
 }
 
 TEST(DirentNames, FatDatesAndTimes) {

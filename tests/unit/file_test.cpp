@@ -194,83 +194,6 @@ TEST(OpenFile, FailedWriteSticksButAFullCardDoesNot) {
   EXPECT_EQ(e2->size_, c.len + 15);
 }
 
-TEST(OpenFile, CloseStampsTheRecordAndTheLastWriterWritesFSInfo) {
-  Card c;
-  auto a = c.addFile("A", 1);
-  auto b = c.addFile("B", 2);
-  auto r = c.addFile("R", 3);
-  c.layChain(r, {50}, 10);
-  auto fa = c.v.newFile(false, true, false, a);
-  auto fb = c.v.newFile(false, true, false, b);
-  auto fr = c.v.newFile(false, false, false, r);
-  auto fd = c.v.newFile(false, true, true, r);  // direct writers take no FAT-lock count
-  ASSERT_TRUE(fa && fb && fr && fd);
-  EXPECT_EQ(c.v.pbr_->fat_locked_count_, 2);
-
-  std::vector<uint8_t> data(3 * c.len, 0x77);
-  ASSERT_EQ(fa->write(data.data(), 5000, 0), 5000);
-  ASSERT_EQ(fb->write(data.data(), 3 * c.len, 0), static_cast<int>(3 * c.len));
-  const int64_t fsinfo_at = c.v.pbr_->sectorOffset(c.v.pbr_->fsinfo_sector_);
-  auto fsinfoFree = [&] { return velt::le32(c.f.disk->data() + fsinfo_at + 488); };
-  const uint32_t free_before = fsinfoFree();
-  auto recordSize = [&](const std::shared_ptr<Entry>& e) {
-    return velt::le32(c.f.disk->data() + e->dir_ent_disk_off_ + 28);
-  };
-
-  EXPECT_EQ(fa->close(), 0);
-  EXPECT_EQ(c.v.pbr_->fat_locked_count_, 1);
-  EXPECT_EQ(recordSize(a), 5000u);
-  EXPECT_EQ(fsinfoFree(), free_before) << "FSInfo waits for the last writer";
-  EXPECT_EQ(fa->close(), -1);
-  EXPECT_EQ(c.v.pbr_->fat_locked_count_, 1) << "a second close changes nothing";
-  EXPECT_EQ(c.v.getFile(3), nullptr);
-  EXPECT_EQ(c.v.freeFile(3), -ENOENT);
-
-  EXPECT_EQ(fb->close(), 0);
-  EXPECT_EQ(c.v.pbr_->fat_locked_count_, 0);
-  EXPECT_EQ(recordSize(b), 3 * c.len);
-  EXPECT_EQ(fsinfoFree(), c.v.pbr_->free_cluster_count_);
-  EXPECT_LT(fsinfoFree(), free_before);
-  // The chain is on the card in every FAT copy.
-  for (uint32_t i = 0; i < c.v.pbr_->num_fats_; ++i) {
-    int64_t fat = c.v.pbr_->sectorOffset(c.v.pbr_->reserved_sectors_ + i * c.v.pbr_->fat_sectors_);
-    uint32_t cl = b->start_cluster_;
-    for (int k = 0; k < 3; ++k) {
-      uint32_t next = velt::le32(c.f.disk->data() + fat + 4 * cl);
-      ASSERT_EQ(next, b->cluster_map_.size() > static_cast<size_t>(k + 1) ? b->cluster_map_[k + 1]
-                                                                          : FAT_EOC);
-      cl = next;
-    }
-  }
-
-  // A reader that read nothing and an untouched direct writer leave the record alone.
-  std::vector<uint8_t> rec_before(c.f.disk->begin() + r->dir_ent_disk_off_,
-                                  c.f.disk->begin() + r->dir_ent_disk_off_ + 32);
-  EXPECT_EQ(fr->close(), 0);
-  EXPECT_EQ(fd->close(), 0);
-  EXPECT_TRUE(
-      std::equal(rec_before.begin(), rec_before.end(), c.f.disk->begin() + r->dir_ent_disk_off_));
-  EXPECT_TRUE(c.v.open_files_.empty());
-  EXPECT_TRUE(r->files_.empty());
-}
-
-TEST(OpenFile, UnsecuredReservedFileKeepsItsHiddenRecord) {
-  Card c;
-  auto e = c.addFile("REC0001", 1);
-  e->is_reserved_ = true;
-  c.layChain(e, {60, 61}, 0);
-  std::vector<uint8_t> hidden(32, 0);
-  hidden[0] = 0xE5;
-  hidden[11] = 0x22;
-  std::copy(hidden.begin(), hidden.end(), c.f.disk->begin() + e->dir_ent_disk_off_);
-  auto file = c.v.newFile(false, true, true, e);
-  ASSERT_NE(file, nullptr);
-  std::vector<uint8_t> data(100, 1);
-  ASSERT_EQ(file->write(data.data(), 100, 0), 100);
-  EXPECT_EQ(file->close(), 0);
-  EXPECT_TRUE(std::equal(hidden.begin(), hidden.end(), c.f.disk->begin() + e->dir_ent_disk_off_));
-}
-
 TEST(OpenFile, CacheModeDecidesWhetherWrittenSectorsAreCached) {
   struct Row {
     int mode;
@@ -293,19 +216,4 @@ TEST(OpenFile, CacheModeDecidesWhetherWrittenSectorsAreCached) {
     EXPECT_EQ(c.v.lookupCache(s, sector) == 0, r.cached);
     EXPECT_EQ(file->close(), 0);
   }
-}
-
-TEST(OpenFile, PositionAndUsageFlags) {
-  Card c;
-  auto e = c.addFile("F", 1);
-  auto file = c.v.newFile(false, false, true, e);
-  ASSERT_NE(file, nullptr);
-  EXPECT_EQ(file->setPosition(4096), 0);
-  EXPECT_EQ(file->setPosition(10), 4096);
-  file->setUsage(true, false);
-  file->setUsage(false, false);
-  EXPECT_EQ(file->accessed_, 1) << "flags are only ever added";
-  EXPECT_EQ(file->written_, 0);
-  file->setUsage(false, true);
-  EXPECT_EQ(file->written_, 1);
 }

@@ -216,24 +216,5 @@ TEST_F(MountTable, UnreadableTableCountsAsFree) {
   EXPECT_TRUE(is_mounted_point("/proc"));
 }
 
-TEST(FuseResultCodes, TextsForEveryCode) {
-  const std::vector<std::pair<int, std::string>> cases = {
-      {0, "Ok"},
-      {1, "Need format"},
-      {2, "No FAT32 partition"},
-      {3, "No device found"},
-      {4, "Retry (internal error)"},
-      {5, "No or bad Master boot record"},
-      {6, "No volume size"},
-      {7, "No or bad FAT32 Partition boot record"},
-      {8, "Not VELT"},
-      {9, "Bad VELT"},
-      {10, "Unknown error"},
-      {-1, "Unknown error"},
-      {-22, "Unknown error"},
-  };
-  for (const auto& [code, text] : cases) EXPECT_EQ(resultCodeText(code), text) << code;
-}
-
 }  // namespace
 }  // namespace velt

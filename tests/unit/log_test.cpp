@@ -21,50 +21,6 @@ const std::string kStamp = R"(\d\d:\d\d:\d\d\.\d{6} )";
 
 }  // namespace
 
-TEST(Log, LineFormsByteForByte) {
-  struct Row {
-    uint32_t level;
-    std::string colour;
-  } rows[] = {{0x10, "\x1b[31m"}, {0x18, "\x1b[31m"},  {0x08, "\x1b[32m"},     {0x84, "\x1b[33m"},
-              {0x80, "\x1b[36m"}, {0x100, "\x1b[37m"}, {0x100010, "\x1b[31m"}, {6, "\x1b[33m"}};
-  for (const auto& r : rows) {
-    Capture cap;
-    nerio::logPrint(r.level, "VELT.PBR", "read", "velt_pbr.cpp", 42, "value %d\n", 7);
-    std::string expected = r.colour + "[VELT.PBR] read()@velt_pbr.cpp:42: value 7\n\x1b[39m";
-    std::string got = cap.text();
-    ASSERT_GE(got.size(), 16u) << r.level;
-    EXPECT_TRUE(std::regex_match(got.substr(0, 16), std::regex(kStamp))) << got;
-    EXPECT_EQ(got.substr(16), expected) << "level " << r.level;
-  }
-}
-
-TEST(Log, LocationFreePlainAndMacros) {
-  {
-    Capture cap;
-    nerio::logPrint(0x10 | nerio::kLogNoLocation, "VELT", "init", "velt.cpp", 9,
-                    "[%s] MBR failed\n", "/dev/mmcblk0p1");
-    EXPECT_EQ(cap.text().substr(16),
-              "\x1b[31m[VELT] init(): [/dev/mmcblk0p1] MBR failed\n\x1b[39m");
-  }
-  {
-    Capture cap;
-    nerio::logPlain(nerio::kLogInfo, "VELT", "free %d\n", 3);
-    EXPECT_EQ(cap.text().substr(16), "\x1b[32mfree 3\n\x1b[39m");
-  }
-  {
-    Capture cap;
-    int line = __LINE__ + 1;
-    LOGW("w\n");
-    EXPECT_EQ(cap.text().substr(16), "\x1b[33m[VELT.Test] TestBody()@log_test.cpp:" +
-                                         std::to_string(line) + ": w\n\x1b[39m");
-  }
-  {
-    Capture cap;
-    nerio::logVerbose("T", "f", "x.cpp", 1, "v\n");
-    EXPECT_EQ(cap.text().substr(16), "\x1b[37m[T] f()@x.cpp:1: v\n\x1b[39m");
-  }
-}
-
 TEST(Log, LongMessagesArePrintedWhole) {
   Capture cap;
   std::string big(6000, 'x');

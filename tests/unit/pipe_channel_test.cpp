@@ -84,50 +84,6 @@ void expectUnknownFileReply(DirectClient& client, int32_t fd) {
 
 }  // namespace
 
-TEST(PipeChannel, FramingFindsTheMarkerAndRecoversFromBrokenHeaders) {
-  LogCapture log;  // outlives the channel's threads
-  Channel ch;
-  ASSERT_EQ(ch.v->startDirectWriter(), 0);
-  DirectClient client;
-  ASSERT_EQ(client.connect(5000), 0);
-
-  // One stray byte, then a record: synchronised after skipping it.
-  std::vector<uint8_t> bytes = {0x00};
-  auto h = headerBytes(28, 42, velt::kDirectOpGetSize);
-  bytes.insert(bytes.end(), h.begin(), h.end());
-  ASSERT_EQ(client.sendRaw(bytes.data(), bytes.size()), 0);
-  expectUnknownFileReply(client, 42);
-  EXPECT_EQ(log.count("data synced."), 1);
-
-  // Synchronised, a header whose marker is wrong: back to the marker search, which finds the
-  // next record.
-  auto broken = headerBytes(28, 1, velt::kDirectOpGetSize);
-  broken[3] = 0xA9;
-  auto next = headerBytes(28, 43, velt::kDirectOpGetSize);
-  broken.insert(broken.end(), next.begin(), next.end());
-  ASSERT_EQ(client.sendRaw(broken.data(), broken.size()), 0);
-  expectUnknownFileReply(client, 43);
-  EXPECT_EQ(log.count("data sync broken!"), 1);
-  EXPECT_EQ(log.count("data synced."), 2);
-
-  // A length shorter than a header is treated the same way.
-  auto short_len = headerBytes(20, 2, velt::kDirectOpGetSize);
-  next = headerBytes(28, 44, velt::kDirectOpGetSize);
-  short_len.insert(short_len.end(), next.begin(), next.end());
-  ASSERT_EQ(client.sendRaw(short_len.data(), short_len.size()), 0);
-  expectUnknownFileReply(client, 44);
-  EXPECT_EQ(log.count("(ssize_t)size >= 0"), 1);
-  EXPECT_EQ(log.count("data synced."), 3);
-
-  // A record split into single-byte writes is put together.
-  auto slow = headerBytes(28, 45, velt::kDirectOpGetSize);
-  for (uint8_t b : slow) {
-    ASSERT_EQ(client.sendRaw(&b, 1), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  expectUnknownFileReply(client, 45);
-}
-
 TEST(PipeChannel, HostileClientIsAnsweredOrIgnoredAndTheNextClientIsServed) {
   LogCapture log;  // outlives the channel's threads
   Channel ch;

@@ -67,29 +67,11 @@ TEST(VolumeCore, DevicePathRules) {
     EXPECT_EQ(v, nullptr);
     EXPECT_EQ(error, r.error);
     EXPECT_EQ(opened(), r.error != -22);
-    if (r.message != nullptr) EXPECT_NE(out.find(r.message), std::string::npos) << out;
+    if (r.message != nullptr) {
+      EXPECT_NE(out.find(r.message), std::string::npos) << out;
+    }
   }
   close(watch);
-}
-
-TEST(VolumeCore, StatesHandlesAndMountPoint) {
-  velt::VELT v("/dev/mmcblk0p1", 1, velt::kVELTOpMount, 0);
-  EXPECT_EQ(v.state_, velt::kVELTStateUnloaded);
-  EXPECT_EQ(v.device_fd_, -1);
-  EXPECT_EQ(v.next_file_handle_, 3);
-  EXPECT_EQ(v.getFile(3), nullptr);
-  EXPECT_EQ(v.getDiskSize(), -1) << "device closed";
-
-  v.state_ = velt::kVELTStateLoaded;
-  EXPECT_EQ(v.init(), -1) << "init of a loaded volume changes nothing";
-  EXPECT_EQ(v.state_, velt::kVELTStateLoaded);
-  v.state_ = velt::kVELTStateUnloaded;
-
-  const char* path = "/mnt/card/dir/file";
-  EXPECT_EQ(v.stripMountPoint(path), path);
-  v.setMountPoint("/mnt/card");
-  EXPECT_STREQ(v.stripMountPoint(path), "/dir/file");
-  EXPECT_STREQ(v.stripMountPoint("/dir/file"), "/dir/file");
 }
 
 TEST(VolumeCore, UnloadWritesOutThePendingBuffer) {
@@ -145,17 +127,6 @@ struct Tree {
 };
 
 }  // namespace
-
-TEST(VolumeCore, InitRootEntryTakesTheBootRecordsRootCluster) {
-  Tree t;
-  EXPECT_TRUE(t.root->isDir());
-  EXPECT_EQ(t.root->start_cluster_, t.v.pbr_->root_cluster_);
-  velt::VELT bare("/dev/mmcblk0p1", 1, velt::kVELTOpMount, 0);
-  auto e = std::make_shared<Entry>(&bare);
-  bare.initRootEntry(e);  // no boot record: reported, nothing to take
-  EXPECT_TRUE(e->isDir());
-  EXPECT_EQ(e->start_cluster_, 0u);
-}
 
 TEST(VolumeCore, FindEntryResolvesPathsWithoutRegardToCase) {
   Tree t;
@@ -253,50 +224,6 @@ TEST(VolumeCore, EntryToVELTFolderOnlyForAFolderAndItsOwnFiles) {
   EXPECT_EQ(t.v.entryToVELTFolder(rec), nullptr);
 }
 
-TEST(VolumeCore, HandlesCountFromThreeAndAreNeverReused) {
-  Tree t;
-  auto a = t.file(t.root, "a", "A");
-  auto b = t.file(t.root, "b", "B");
-  auto fa = t.v.newFile(false, false, false, a);
-  auto fb = t.v.newFile(false, false, true, b);
-  auto fc = t.v.newFile(true, false, true, t.root);
-  ASSERT_TRUE(fa && fb && fc);
-  EXPECT_EQ(fa->file_no_, 3u);
-  EXPECT_EQ(fb->file_no_, 4u);
-  EXPECT_EQ(fc->file_no_, 5u);
-  EXPECT_EQ(t.v.getFile(4), fb);
-  EXPECT_EQ(a->files_.size(), 1u);
-  EXPECT_EQ(a->files_.front(), fa);
-
-  std::list<std::shared_ptr<velt::VELT::File>> direct{fa};
-  EXPECT_EQ(t.v.getDirectFiles(direct), 2);
-  EXPECT_EQ(direct.size(), 2u);
-  for (const auto& f : direct) EXPECT_TRUE(f == fb || f == fc);
-
-  EXPECT_EQ(t.v.freeFile(4), 0);
-  EXPECT_EQ(t.v.freeFile(4), -ENOENT);
-  EXPECT_EQ(t.v.getFile(4), nullptr);
-  EXPECT_TRUE(b->files_.empty());
-  EXPECT_EQ(t.v.freeFile(99), -ENOENT);
-  auto fd = t.v.newFile(false, false, false, b);
-  ASSERT_NE(fd, nullptr);
-  EXPECT_EQ(fd->file_no_, 6u);
-  EXPECT_EQ(t.v.getDirectFiles(direct), 1);
-}
-
-TEST(VolumeCore, ListRootFilesNamesOnlyPlainFilesOfTheRoot) {
-  Tree t;
-  t.file(t.root, "one.txt", "ONE.TXT");
-  auto d = t.dir(t.root, "dir", "DIR");
-  t.file(d, "inner", "INNER");
-  t.add(t.root, "LABEL", "LABEL", velt::kAttrVolumeId);
-  t.file(t.root, ".veltq", "VELTQ~1");
-  t.file(t.root, "two", "TWO");
-  std::list<std::string> names{"stale"};
-  EXPECT_EQ(t.v.listRootFiles(names), 2);
-  EXPECT_EQ(names, (std::list<std::string>{"one.txt", "two"}));
-}
-
 TEST(VolumeCore, NewEntryRefusesInvalidNamesBeforeTouchingTheCard) {
   Tree t;
   t.f.driver->requests.clear();
@@ -315,23 +242,6 @@ TEST(VolumeCore, NewEntryRefusesInvalidNamesBeforeTouchingTheCard) {
   ASSERT_NE(folder, nullptr);
   EXPECT_TRUE(folder->isDir());
   EXPECT_EQ(t.v.findEntry("/folder"), folder);
-}
-
-TEST(VolumeCore, SignatureNeedsTheRecordAndRoomForTheTerminator) {
-  velt::VELT v("/dev/mmcblk0p1", 1, velt::kVELTOpMount, 0);
-  char buf[32];
-  EXPECT_EQ(v.getSignature(buf, sizeof(buf)), -1) << "no format information";
-  v.format_info_.magic1 = velt::VELT_FSINFO_MAGIC1;
-  v.format_info_.magic2 = velt::VELT_FSINFO_MAGIC2;
-  memcpy(v.format_info_.signature, "ABCDEFGHIJKL", 12);
-  EXPECT_EQ(v.getSignature(buf, 12), -1);
-  memset(buf, 'x', sizeof(buf));
-  EXPECT_EQ(v.getSignature(buf, 13), 12);
-  EXPECT_STREQ(buf, "ABCDEFGHIJKL");
-  EXPECT_EQ(buf[13], 'x') << "nothing written beyond the given size";
-  v.format_info_.signature[5] = 0;
-  EXPECT_EQ(v.getSignature(buf, sizeof(buf)), 5);
-  EXPECT_EQ(memcmp(buf, "ABCDE\0GHIJKL\0", 13), 0);
 }
 
 TEST(VolumeCore, FindMountedPointReadsTheFirstTwoFieldsOfTheTable) {
