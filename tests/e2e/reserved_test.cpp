@@ -2,9 +2,9 @@
 // channel at once. Writers on the mount and one on the channel create recordings (taking over
 // and recycling reserved files), write them in pieces while reading back what they wrote,
 // publish, touch and delete them, and try what the folder refuses (folders in it, renames in
-// and out of it). After each round the card is unmounted, judged by fsck.fat and mtools, and
-// mounted again: every recording the model holds is there with its bytes, and a recording is
-// missing only when a creation recycled it.
+// and out of it, names too long for a reserved file's records). After each round the card is unmounted, judged by fsck.fat and mtools, and
+// mounted again: the load repairs nothing, every recording the model holds is there with its
+// bytes, and a recording is missing only when a creation recycled it.
 //
 // VELT_MODEL_SEED and VELT_MODEL_ROUNDS change the seed (printed) and the number of rounds.
 #include <fcntl.h>
@@ -126,6 +126,14 @@ class ReservedModel {
         break;
       }
       case 2: {
+        // Forty units need four long-name records; a reserved file has room for three.
+        const std::string path = rec + "/" + prefix + std::string(36 - prefix.size(), 'n') + ".avi";
+        errno = 0;
+        EXPECT_EQ(open(path.c_str(), O_CREAT | O_WRONLY, 0644), -1) << path;
+        EXPECT_EQ(errno, ENAMETOOLONG) << path;
+        break;
+      }
+      case 3: {
         if (mine.empty()) break;
         const struct timespec times[2] = {{1500000000, 0}, {1500000000, 0}};
         int r = utimensat(AT_FDCWD, (rec + "/" + mine).c_str(), times, 0);
@@ -273,8 +281,9 @@ TEST(ReservedFolder, RandomModelThroughTheMountAndTheChannel) {
           ASSERT_EQ(client.connect(20000), 0);
         }
         for (int k = 0; k < kOpsPerWriter; ++k) {
-          const std::string name =
-              prefix + std::to_string(round) + "-" + std::to_string(k) + ".avi";
+          // Names of one, two and three long-name records.
+          const std::string name = prefix + std::to_string(round) + "-" + std::to_string(k) +
+                                   std::string(rng() % 3 * 12, 'x') + ".avi";
           const unsigned dice = rng() % 20;
           if (dice < 10) {
             if (channel) {
@@ -283,7 +292,7 @@ TEST(ReservedFolder, RandomModelThroughTheMountAndTheChannel) {
               ops.mountRecording(rng, name);
             }
           } else {
-            ops.refusedOrSmallOp(rng, prefix, static_cast<int>(dice % 4));
+            ops.refusedOrSmallOp(rng, prefix, static_cast<int>(dice % 5));
           }
         }
       });
@@ -306,6 +315,11 @@ TEST(ReservedFolder, RandomModelThroughTheMountAndTheChannel) {
       }
     }
     ASSERT_TRUE(card.mount()) << card.error();
+    // The load finds nothing to put right in the folder.
+    for (const char* repair : {"FATAL", "unusable", "damaged", "mismatch", "restored", "removed",
+                               "ended at", "rewritten", "no long name"}) {
+      EXPECT_EQ(card.daemon().out().find(repair), std::string::npos) << card.daemon().out();
+    }
     model.creations = 0;
     EXPECT_EQ(checkFolder(card, model, "after mounting again"), listed);
     if (static_cast<int>(listed.size()) > reserved) ADD_FAILURE() << "more recordings than files";
