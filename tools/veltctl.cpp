@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -82,10 +83,28 @@ bool parseSize(const char* text, int64_t* value) {
   return true;
 }
 
-int timeout_ms = -1;
+// The command line, parsed once by parseArgs: the common options, the command, its options
+// (letter -> value, "" for a switch) and its operands.
+struct Args {
+  int timeout_ms = -1;
+  std::string command;
+  std::map<char, std::string> options;
+  std::vector<std::string> operands;
 
-int connectClient(DirectClient& client) {
-  int r = client.connect(timeout_ms < 0 ? 5000 : timeout_ms);
+  bool has(char letter) const { return options.count(letter) > 0; }
+  // The option's number (K and M suffixes) within [low, high], or `fallback` without the
+  // option. A bad value was refused by parseArgs already.
+  int64_t number(char letter, int64_t fallback) const {
+    auto it = options.find(letter);
+    int64_t v = fallback;
+    if (it != options.end()) parseSize(it->second.c_str(), &v);
+    return v;
+  }
+  const char* operand(size_t i) const { return operands[i].c_str(); }
+};
+
+int connectClient(DirectClient& client, const Args& a) {
+  int r = client.connect(a.timeout_ms < 0 ? 5000 : a.timeout_ms);
   if (r == -EBUSY) {
     fprintf(stderr, "veltctl: another client is using the channel (it holds %s); try again later\n",
             velt::platformPath(velt::kDirectLockFile).c_str());
@@ -106,37 +125,15 @@ bool writeOut(const uint8_t* data, size_t size) {
   return true;
 }
 
-int cmdWrite(int argc, char** argv) {
-  int64_t record = kDefaultRecordBytes;
-  bool event = false;
-  bool publish = true;
-  int c;
-  while ((c = getopt(argc, argv, "b:en")) != -1) {
-    switch (c) {
-      case 'b':
-        if (!parseSize(optarg, &record) || record < 1 || record > 0x7FFFFFFF - 28) {
-          fprintf(stderr, "veltctl: bad record size \"%s\"\n", optarg);
-          return 2;
-        }
-        break;
-      case 'e':
-        event = true;
-        break;
-      case 'n':
-        publish = false;
-        break;
-      default:
-        return 2;
-    }
-  }
-  if (optind + 1 != argc) {
-    usage(stderr);
-    return 2;
-  }
+int cmdWrite(const Args& a) {
+  const int64_t record = a.number('b', kDefaultRecordBytes);
+  const bool event = a.has('e');
+  const bool publish = !a.has('n');
+  const int timeout_ms = a.timeout_ms;
   DirectClient client;
-  if (connectClient(client) < 0) return 1;
-  int fd = client.create(argv[optind], 0, timeout_ms);
-  if (fd < 0) return fail(argv[optind], fd);
+  if (connectClient(client, a) < 0) return 1;
+  int fd = client.create(a.operand(0), 0, timeout_ms);
+  if (fd < 0) return fail(a.operand(0), fd);
   // Standard input is read in large pieces and sent as records of the asked size.
   const size_t per_read = static_cast<size_t>(std::max<int64_t>(record, (1 << 20) / record * record));
   std::vector<uint8_t> buffer(per_read);
@@ -173,42 +170,16 @@ int cmdWrite(int argc, char** argv) {
   return r < 0 ? 1 : 0;
 }
 
-int cmdRead(int argc, char** argv) {
-  int64_t record = kDefaultRecordBytes;
-  int64_t offset = 0;
-  int64_t want = -1;
-  bool follow = false;
-  int c;
-  while ((c = getopt(argc, argv, "b:o:s:f")) != -1) {
-    int64_t v = 0;
-    switch (c) {
-      case 'b':
-        if (!parseSize(optarg, &v) || v < 1 || v > 0x7FFFFFFF) return fail(optarg, EINVAL);
-        record = v;
-        break;
-      case 'o':
-        if (!parseSize(optarg, &v) || v < 0) return fail(optarg, EINVAL);
-        offset = v;
-        break;
-      case 's':
-        if (!parseSize(optarg, &v) || v < 0) return fail(optarg, EINVAL);
-        want = v;
-        break;
-      case 'f':
-        follow = true;
-        break;
-      default:
-        return 2;
-    }
-  }
-  if (optind + 1 != argc) {
-    usage(stderr);
-    return 2;
-  }
+int cmdRead(const Args& a) {
+  const int64_t record = a.number('b', kDefaultRecordBytes);
+  int64_t offset = a.number('o', 0);
+  const int64_t want = a.number('s', -1);
+  const bool follow = a.has('f');
+  const int timeout_ms = a.timeout_ms;
   DirectClient client;
-  if (connectClient(client) < 0) return 1;
-  int fd = client.open(argv[optind], 0, timeout_ms);
-  if (fd < 0) return fail(argv[optind], fd);
+  if (connectClient(client, a) < 0) return 1;
+  int fd = client.open(a.operand(0), 0, timeout_ms);
+  if (fd < 0) return fail(a.operand(0), fd);
   int64_t end = -1;  // stop before this offset; -1: never
   if (want >= 0) {
     end = offset + want;
@@ -265,37 +236,17 @@ int cmdRead(int argc, char** argv) {
   return result;
 }
 
-int cmdSplice(int argc, char** argv) {
-  int64_t in_offset = 0, out_offset = 0, size = -1;
-  int c;
-  while ((c = getopt(argc, argv, "o:O:n:")) != -1) {
-    int64_t v = 0;
-    if (!parseSize(optarg, &v) || v < 0) return fail(optarg, EINVAL);
-    switch (c) {
-      case 'o':
-        in_offset = v;
-        break;
-      case 'O':
-        out_offset = v;
-        break;
-      case 'n':
-        size = v;
-        break;
-      default:
-        return 2;
-    }
-  }
-  if (optind + 2 != argc) {
-    usage(stderr);
-    return 2;
-  }
+int cmdSplice(const Args& a) {
+  const int64_t in_offset = a.number('o', 0), out_offset = a.number('O', 0);
+  int64_t size = a.number('n', -1);
+  const int timeout_ms = a.timeout_ms;
   DirectClient client;
-  if (connectClient(client) < 0) return 1;
-  int in = client.open(argv[optind], 0, timeout_ms);
-  if (in < 0) return fail(argv[optind], in);
-  int out = client.open(argv[optind + 1], 0, timeout_ms);
-  if (out == -ENOENT) out = client.create(argv[optind + 1], 0, timeout_ms);
-  if (out < 0) return fail(argv[optind + 1], out);
+  if (connectClient(client, a) < 0) return 1;
+  int in = client.open(a.operand(0), 0, timeout_ms);
+  if (in < 0) return fail(a.operand(0), in);
+  int out = client.open(a.operand(1), 0, timeout_ms);
+  if (out == -ENOENT) out = client.create(a.operand(1), 0, timeout_ms);
+  if (out < 0) return fail(a.operand(1), out);
   if (size < 0) {
     int64_t real = client.getSize(in, true, timeout_ms);
     if (real < 0) return fail("size", static_cast<int>(real));
@@ -319,20 +270,17 @@ int cmdSplice(int argc, char** argv) {
   client.close(in);
   client.close(out);
   if (result == 0)
-    printf("%" PRId64 " bytes spliced, %s is %" PRId64 " bytes\n", done, argv[optind + 1],
+    printf("%" PRId64 " bytes spliced, %s is %" PRId64 " bytes\n", done, a.operand(1),
            out_size);
   return result;
 }
 
-int cmdSize(int argc, char** argv) {
-  if (argc != 2) {
-    usage(stderr);
-    return 2;
-  }
+int cmdSize(const Args& a) {
+  const int timeout_ms = a.timeout_ms;
   DirectClient client;
-  if (connectClient(client) < 0) return 1;
-  int fd = client.open(argv[1], 0, timeout_ms);
-  if (fd < 0) return fail(argv[1], fd);
+  if (connectClient(client, a) < 0) return 1;
+  int fd = client.open(a.operand(0), 0, timeout_ms);
+  if (fd < 0) return fail(a.operand(0), fd);
   int64_t size = client.getSize(fd, false, timeout_ms);
   int64_t real = client.getSize(fd, true, timeout_ms);
   client.close(fd);
@@ -342,17 +290,13 @@ int cmdSize(int argc, char** argv) {
   return 0;
 }
 
-int cmdRemove(int argc, char** argv) {
-  if (argc != 2) {
-    usage(stderr);
-    return 2;
-  }
+int cmdRemove(const Args& a) {
   DirectClient client;
-  if (connectClient(client) < 0) return 1;
-  int fd = client.open(argv[1], 0, timeout_ms);
-  if (fd < 0) return fail(argv[1], fd);
-  int r = client.closeAndWait(fd, velt::kDirectFlagUnlink, timeout_ms);
-  if (r < 0) return fail(argv[1], r);
+  if (connectClient(client, a) < 0) return 1;
+  int fd = client.open(a.operand(0), 0, a.timeout_ms);
+  if (fd < 0) return fail(a.operand(0), fd);
+  int r = client.closeAndWait(fd, velt::kDirectFlagUnlink, a.timeout_ms);
+  if (r < 0) return fail(a.operand(0), r);
   return 0;
 }
 
@@ -366,18 +310,14 @@ int control(const char* file, unsigned int command, void* record) {
   return r < 0 ? -err : r;
 }
 
-int cmdControl(const std::string& name, int argc, char** argv) {
-  const bool with_value = name != "queues";
-  if (argc != (with_value ? 3 : 2)) {
-    usage(stderr);
-    return 2;
-  }
-  const char* file = argv[1];
+int cmdControl(const Args& a) {
+  const std::string& name = a.command;
+  const char* file = a.operand(0);
   int64_t value = 0;
-  if (with_value && !parseSize(argv[2], &value)) return fail(argv[2], EINVAL);
+  if (a.operands.size() > 1 && !parseSize(a.operand(1), &value)) return fail(a.operand(1), EINVAL);
   if (name == "cache-size") {
     int32_t size = static_cast<int32_t>(value);
-    if (size != value) return fail(argv[2], ERANGE);
+    if (size != value) return fail(a.operand(1), ERANGE);
     int r = control(file, velt::VELT_IOC_SET_CACHE_SIZE, &size);
     return r < 0 ? fail("cache-size", r) : 0;
   }
@@ -401,18 +341,45 @@ int cmdControl(const std::string& name, int argc, char** argv) {
   return 0;
 }
 
-}  // namespace
+// Each command: its own options (getopt letters; those taking a number with its range) and how
+// many operands follow them.
+struct Command {
+  const char* name;
+  const char* options;
+  size_t operands;
+  int (*run)(const Args&);
+};
+struct NumberRange {
+  char letter;
+  int64_t low, high;
+};
 
-int main(int argc, char** argv) {
+constexpr Command kCommands[] = {
+    {"write", "b:en", 1, cmdWrite},      {"read", "b:o:s:f", 1, cmdRead},
+    {"splice", "o:O:n:", 2, cmdSplice},  {"size", "", 1, cmdSize},
+    {"rm", "", 1, cmdRemove},            {"cache-size", "", 2, cmdControl},
+    {"cache-mode", "", 2, cmdControl},   {"queues", "", 1, cmdControl},
+    {"file-size", "", 2, cmdControl},
+};
+
+// Every option that takes a number is one of these (record sizes fit a record's u32 length).
+constexpr NumberRange kNumbers[] = {
+    {'b', 1, 0x7FFFFFFF - 28}, {'o', 0, INT64_MAX}, {'O', 0, INT64_MAX},
+    {'s', 0, INT64_MAX},       {'n', 0, INT64_MAX},
+};
+
+// Parses the whole command line into `a`; the exit status when the program ends here (help,
+// usage errors), else -1.
+int parseArgs(int argc, char** argv, Args* a, const Command** command) {
   static const struct option kOptions[] = {{"help", no_argument, nullptr, 'h'},
                                            {"timeout", required_argument, nullptr, 't'},
                                            {nullptr, 0, nullptr, 0}};
   int c;
-  // '+': options stop at the command; each command parses its own.
+  // '+': options stop at the command; its own options follow it.
   while ((c = getopt_long(argc, argv, "+t:h", kOptions, nullptr)) != -1) {
     switch (c) {
       case 't':
-        timeout_ms = atoi(optarg);
+        a->timeout_ms = atoi(optarg);
         break;
       case 'h':
         usage(stdout);
@@ -426,24 +393,55 @@ int main(int argc, char** argv) {
     usage(stderr);
     return 2;
   }
-  const std::string command = argv[optind];
-  if (command == "help") {
+  a->command = argv[optind];
+  if (a->command == "help") {
     usage(stdout);
     return 0;
   }
-  int sub_argc = argc - optind;
-  char** sub_argv = argv + optind;
-  optind = 1;  // the command's own options
-  if (command == "write") return cmdWrite(sub_argc, sub_argv);
-  if (command == "read") return cmdRead(sub_argc, sub_argv);
-  if (command == "splice") return cmdSplice(sub_argc, sub_argv);
-  if (command == "size") return cmdSize(sub_argc, sub_argv);
-  if (command == "rm") return cmdRemove(sub_argc, sub_argv);
-  if (command == "cache-size" || command == "cache-mode" || command == "queues" ||
-      command == "file-size") {
-    return cmdControl(command, sub_argc, sub_argv);
+  *command = nullptr;
+  for (const Command& k : kCommands) {
+    if (a->command == k.name) *command = &k;
   }
-  fprintf(stderr, "veltctl: unknown command \"%s\"\n", command.c_str());
-  usage(stderr);
-  return 2;
+  if (*command == nullptr) {
+    fprintf(stderr, "veltctl: unknown command \"%s\"\n", a->command.c_str());
+    usage(stderr);
+    return 2;
+  }
+  const int sub_argc = argc - optind;
+  char** sub_argv = argv + optind;
+  optind = 1;
+  // A ':' first: a missing value is told apart from an unknown letter.
+  const std::string letters = std::string(":") + (*command)->options;
+  while ((c = getopt(sub_argc, sub_argv, letters.c_str())) != -1) {
+    if (c == '?' || c == ':') {
+      fprintf(stderr, "veltctl: %s: %s -%c\n", a->command.c_str(),
+              c == '?' ? "unknown option" : "no value for", optopt);
+      return 2;
+    }
+    a->options[static_cast<char>(c)] = optarg != nullptr ? optarg : "";
+    for (const NumberRange& n : kNumbers) {
+      int64_t v = 0;
+      if (n.letter != c || optarg == nullptr) continue;
+      // "-n" of write is a switch; only options with a value are numbers.
+      if (!parseSize(optarg, &v) || v < n.low || v > n.high) {
+        fprintf(stderr, "veltctl: bad value \"%s\" for -%c\n", optarg, c);
+        return 2;
+      }
+    }
+  }
+  for (int i = optind; i < sub_argc; ++i) a->operands.push_back(sub_argv[i]);
+  if (a->operands.size() != (*command)->operands) {
+    usage(stderr);
+    return 2;
+  }
+  return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Args a;
+  const Command* command = nullptr;
+  const int status = parseArgs(argc, argv, &a, &command);
+  return status >= 0 ? status : command->run(a);
 }
