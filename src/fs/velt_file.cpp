@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "fs/velt_dirent.h"
+#include "fs/velt_endian.h"
 
 namespace velt {
 
@@ -148,6 +149,27 @@ void markModified(VELT::DirEntry& entry) {
   entry.write_time_ = timeToFatTime(now);
   entry.attr_ |= kAttrArchive;
   entry.record_[rec::kAttr] |= kAttrArchive;
+}
+
+// Writes the entry's record as of `size` bytes, stamped like a close. A write racing a commit
+// may raise the size past what the commit's data step put on the card: the record must not
+// claim those bytes yet. Caller holds the entry's files_mutex_.
+int writeRecordOfSize(VELT& velt, VELT::DirEntry& entry, int64_t size, bool modified) {
+  uint8_t r[DIR_RECORD_SIZE];
+  memcpy(r, entry.record_, DIR_RECORD_SIZE);
+  if (entry.update(true, modified, r) < 0) return -EIO;
+  putLe32(r + rec::kSize, static_cast<uint32_t>(size));
+  if (size == 0) {
+    // The first cluster came with a write the commit does not cover.
+    putLe16(r + rec::kClusterHigh, 0);
+    putLe16(r + rec::kClusterLow, 0);
+  }
+  errno = 0;
+  if (velt.write(r, DIR_RECORD_SIZE, entry.dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
+    LOGE("[%s] update error %d(%s)\n", entry.getPath().c_str(), EIO, strerror(EIO));
+    return -EIO;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -434,6 +456,12 @@ int VELT::File::write(const void* buf, size_t size, int64_t off) {
       entry_->checkFiles();
     }
   }
+  if (result > 0) {
+    // Owed again after the size is raised: a commit that cleared the flag meanwhile took the
+    // size before this write's and leaves it to the next commit.
+    std::lock_guard<std::mutex> lock(mutex_);
+    uncommitted_ = 1;
+  }
   // The kernel learns of sizes changed through the mount itself; not of the channel's.
   if (result > 0 && direct_ && velt_ != nullptr) velt_->invalidateKernelCache(entry_);
   if (result == -ENOSPC && entry_ != nullptr && velt_ != nullptr && !entry_->is_reserved_) {
@@ -467,6 +495,9 @@ int VELT::File::commit(bool publish) {
     modified = uncommitted_ != 0;
     uncommitted_ = 0;
   }
+  // A write raises the size only once its bytes are in the write buffer and its clusters in
+  // the FAT: what this size covers, the data and chain steps below put on the card.
+  const int64_t size = std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire);
   bool ok = true;
   // The card may reorder writes between flushes: each step reaches the card before the next
   // one points at it.
@@ -486,7 +517,9 @@ int VELT::File::commit(bool publish) {
     if (has_record && entry_->is_reserved_ && !entry_->is_secured_) {
       // Unpublished recordings stay invisible until asked for.
       if (publish && entry_->secure2() < 0) ok = false;
-    } else if (has_record && entry_->update2(true, modified) < 0) {
+    } else if (has_record &&
+               writeRecordOfSize(v, *entry_, entry_->is_reserved_ ? entry_->size_ : size,
+                                 modified) < 0) {
       ok = false;
     }
   }
