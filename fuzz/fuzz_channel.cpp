@@ -1,6 +1,6 @@
 // The channel target: the input is what a client writes into the request pipe. It is cut into
-// records as the receiver cuts them (marker search, header, payload), queued with the
-// receiver's merging, and carried out by the worker's operations on a small card in memory.
+// records by the receiver's own framing, queued with the receiver's merging, and carried out by
+// the worker's operations on a small card in memory.
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -50,52 +50,24 @@ int fuzzChannel(const uint8_t* data, size_t size) {
   auto disk = std::make_shared<std::vector<uint8_t>>(templateCard());
   auto v = mountMemoryCard(disk);
   if (v == nullptr) return 0;
-  bool synced = false;
-  DirectMarkerSearch search;
-  size_t at = 0;
-  uint8_t header[kDirectHeaderSize];
-  while (at < size) {
-    if (!synced) {
-      if (!search.push(data[at++])) continue;
-      if (size - at < kDirectHeaderSize - 4) break;
-      memcpy(header, kDirectMarker, 4);
-      memcpy(header + 4, data + at, kDirectHeaderSize - 4);
-      at += kDirectHeaderSize - 4;
-      synced = true;
-    } else {
-      if (size - at < kDirectHeaderSize) break;
-      memcpy(header, data + at, kDirectHeaderSize);
-      at += kDirectHeaderSize;
-      if (!hasDirectMarker(header)) {
-        synced = false;
-        search.reset();
-        continue;
-      }
-    }
-    const DirectHeader h = decodeDirectHeader(header);
-    if (h.length < kDirectHeaderSize) {
-      synced = false;
-      search.reset();
-      continue;
-    }
-    const uint32_t payload = h.length - kDirectHeaderSize;
-    if (payload > size - at) break;  // the client stopped in the middle of a record
+  parseDirectStream(data, size, [&](const DirectHeader& h, const uint8_t* payload, size_t got) {
+    // A record the client stopped writing in the middle of, or one too large to be taken.
+    if (got != h.length - kDirectHeaderSize || got > kDirectPayloadMax) return;
     int32_t param = static_cast<int32_t>(h.param);
     uint32_t new_size_offset = 0;
     if (isDirectWriteOp(h.op)) {
       new_size_offset = directWriteNewSizeOffset(h.param);
       param = static_cast<int32_t>(directWriteFlags(h.param));
     }
-    auto* item = new VELTWorkItem(h.fd, h.op, h.offset, param, payload);
+    auto* item = new VELTWorkItem(h.fd, h.op, h.offset, param, static_cast<uint32_t>(got));
     item->new_size_offset_ = new_size_offset;
-    if (payload > 0) memcpy(item->data_, data + at, payload);
-    at += payload;
+    if (got > 0) memcpy(item->data_, payload, got);
     {
       std::lock_guard<std::mutex> lock(v->request_mutex_);
       v->__queueRequest(item);
     }
     drain(*v);
-  }
+  });
   drain(*v);
   v->flushAllRequests(nullptr, false, true);
   drain(*v);
