@@ -33,6 +33,9 @@ void toUpper(std::string* s) {
   for (char& c : *s) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
 }
 
+// A case-byte flag FAT32 readers take as "no short name": never set on a record they accept.
+constexpr uint8_t kCaseNoShortName = 0x20;
+
 // isValidShortName stops at a NUL; a NUL inside the field is just as invalid.
 bool validShortField(const std::string& s) {
   return s.find('\0') == std::string::npos && isValidShortName(s.c_str());
@@ -475,6 +478,13 @@ int DirScan::shortNameRecord(int index) {
   if (claims_ && !reserved() && !is_label &&
       (attr & (kAttrDirectory | kAttrVolumeId)) != (kAttrDirectory | kAttrVolumeId)) {
     int dropped = 0;
+    if ((wrec(index)[rec::kCaseFlags] & kCaseNoShortName) != 0) {
+      // Other systems take such a record for a broken short name (or, for a dot, clear it).
+      wrec(index)[rec::kCaseFlags] &= static_cast<uint8_t>(~kCaseNoShortName);
+      noteRepair("[%s] record of \"%s\" flagged as having no short name: flag cleared",
+                 path().c_str(), name.c_str());
+      modified_ = true;
+    }
     if (is_file) {
       dropped = fileRecord(index, wrec(index), name);
     } else if ((attr & kAttrDirectory) != 0) {

@@ -439,6 +439,12 @@ std::vector<Row> rows() {
          c.img.putByte(leaf.sfn, 0xE5);
        },
        "moved to slot"},
+      {"records flagged as having no short name (a file's, a dot record)",
+       [](Ctx& c) {
+         c.img.putByte(c.entry(c.img.rootCluster(), "README.TXT").sfn + 12, 0x20);
+         c.img.putByte(c.img.records(c.deeper())[1] + 12, 0x20);
+       },
+       "flag cleared"},
       {"FAT entry 0 damaged in the first copy",
        [](Ctx& c) { c.setField(c.img.fatOffset(0, 0), 0x0FFFFF00, 4); }, "FAT entry 0 was"},
       {"FAT entry 1 without its clean flags", [](Ctx& c) { c.img.setFat(1, 0x03FFFFFF); },
