@@ -92,8 +92,7 @@ int VELT::DirEntry::init(const char* name, const char* short_name, uint8_t attr,
   created_ = fatToTime(create_date_, create_time_);
   accessed_ = fatToTime(access_date_, 0);
   modified_ = fatToTime(write_date_, write_time_);
-  memcpy(record_, record, DIR_RECORD_SIZE);
-  record_[rec::kAttr] = attr_;
+  keepRecord(record);
   return valid_ ? 0 : -1;
 }
 
@@ -118,7 +117,7 @@ int VELT::DirEntry::touch(time_t atime, time_t mtime) {
     return -err;
   }
   fillRecord(r);  // bytes 12 and 13 keep what the card holds
-  memcpy(record_, r, DIR_RECORD_SIZE);
+  keepRecord(r);
   if (velt_->write(r, DIR_RECORD_SIZE, dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
     int err = errno ? errno : EIO;
     LOGE("[%s] touch error %d(%s)\n", getPath().c_str(), err, strerror(err));
@@ -182,7 +181,7 @@ int VELT::DirEntry::update2(bool is_accessed, bool is_modified) {
     return -EINVAL;
   }
   uint8_t r[DIR_RECORD_SIZE];
-  memcpy(r, record_, DIR_RECORD_SIZE);
+  buildRecord(r);
   shortNameToName83(short_name_.c_str(), r + rec::kName);
   stampNow(*this, is_accessed, is_modified);
   putLe16(r + rec::kAccessDate, access_date_);

@@ -106,7 +106,7 @@ struct ReservedFile {
   uint32_t size = 0;
 };
 
-class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
+class VELT::DirEntry {
  public:
   explicit DirEntry(VELT* velt);
   ~DirEntry();
@@ -125,6 +125,20 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   std::string getPath() const;
   // Fills bytes 0..11 and 14..31 of a short-name record from the members.
   void fillRecord(uint8_t* record) const;
+  // The whole short-name record as the card should hold it (fillRecord and bytes 12 and 13).
+  void buildRecord(uint8_t* record) const {
+    fillRecord(record);
+    record[rec::kCaseFlags] = case_flags_;
+    record[rec::kCreateTenths] = create_tenths_;
+  }
+  // Keeps bytes 12 and 13 of `record` (what the other members do not hold).
+  void keepRecord(const uint8_t* record) {
+    case_flags_ = record[rec::kCaseFlags];
+    create_tenths_ = record[rec::kCreateTenths];
+  }
+  // The pointer that owns this entry (held by its directory, or the volume for the root); empty
+  // once the entry has left the tree.
+  std::shared_ptr<DirEntry> shared_from_this();
 
   // Cluster map and entry map (velt_dirent_map.cpp).
   int loadClusterMap();
@@ -196,14 +210,13 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
 
   // Laid out by size to keep padding out: the whole tree stays in memory. Members only a
   // directory (or an open file) fills are held out of line (OutOfLine).
-  std::string name_;
+  EntryName name_;
   VELT* velt_;  // owning volume, not owned
   DirEntry* parent_ = nullptr;  // containing directory, not owned
   ReservedFolderDesc* velt_folder_ = nullptr;  // set on a reserved folder
   int64_t size_ = 0;
   int64_t real_size_ = 0;  // valid data; below size_ while a reserved file is filled
   int64_t dir_ent_disk_off_ = 0;  // card offset of the short-name record; 0 for the root
-  time_t created_, accessed_, modified_;
   // Card offsets of the long-name records, by sequence number - 1 (element 0 sits next to the
   // short-name record). Only as long as the entry has long-name records.
   LfnOffsets lfn_disk_offsets_;
@@ -215,18 +228,20 @@ class VELT::DirEntry : public std::enable_shared_from_this<VELT::DirEntry> {
   OutOfLine<std::vector<std::shared_ptr<DirEntry>>> children_;
   OutOfLine<std::vector<ReservedFile>> velt_reserved_files_;
   OutOfLine<std::list<std::shared_ptr<File>>> files_;
-  uint8_t record_[DIR_RECORD_SIZE] = {};
-  int32_t lfn_ent_count_ = 0;
   int32_t lfs_entry_start_index_ = -1;
   uint32_t start_cluster_ = 0;
   // Inode number the mount shows; given on first use, never reused while the daemon runs.
   uint32_t ino_ = 0;
+  Stamp created_, accessed_, modified_;
   EntryMutex map_mutex_;  // cluster_map_loaded_, cluster_map_, entry_map_
   EntryMutex children_mutex_;  // children_
   EntryMutex files_mutex_;  // files_; held while size_ and real_size_ grow
   uint16_t create_time_, create_date_, access_date_, write_date_, write_time_;
   ShortName short_name_;
+  uint8_t case_flags_ = 0;  // byte 12 of the short-name record
+  uint8_t create_tenths_ = 0;  // byte 13
   uint8_t attr_ = 0;
+  int8_t lfn_ent_count_ = 0;  // long-name records, at most kLfnRecordsMax
   bool is_dir_ = false;
   bool is_volume_ = false;
   bool valid_ = true;

@@ -67,6 +67,16 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findChild(const char* name) {
   return nullptr;
 }
 
+std::shared_ptr<VELT::DirEntry> VELT::DirEntry::shared_from_this() {
+  DirEntry* parent = parent_;
+  if (parent == nullptr) return velt_->root_.get() == this ? velt_->root_ : nullptr;
+  std::lock_guard lock(parent->children_mutex_);
+  for (const auto& child : parent->children_) {
+    if (child.get() == this) return child;
+  }
+  return nullptr;
+}
+
 void VELT::DirEntry::removeAllChildren() {
   std::lock_guard lock(children_mutex_);
   std::vector<std::shared_ptr<DirEntry>> children;
@@ -416,7 +426,7 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::createChild(const char* file_nam
     entry->fillRecord(record);
     record[rec::kCaseFlags] = 0;
     record[rec::kCreateTenths] = 0;
-    memcpy(entry->record_, record, DIR_RECORD_SIZE);
+    entry->keepRecord(record);
 
     const int slot = first + lfn_count;
     claimReservedSlot(slot, record[rec::kName]);
@@ -497,7 +507,7 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
   // The first letter survives deletion in the creation-time tenths.
   record[rec::kCreateTenths] =
       static_cast<uint8_t>(child->short_name_.empty() ? 0 : child->short_name_[0]);
-  memcpy(child->record_, record, DIR_RECORD_SIZE);
+  child->keepRecord(record);
   if (velt_->write(record, DIR_RECORD_SIZE, child->dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
     int e = errno ? errno : EIO;
     LOGE("[%s] delete error %d(%s)\n", child->getPath().c_str(), e, strerror(e));

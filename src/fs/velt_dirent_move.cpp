@@ -44,7 +44,6 @@ static void relinkDotDot(VELT* velt, VELT::DirEntry& dir, const VELT::DirEntry& 
   }
   if (dotdot != nullptr) {
     dotdot->start_cluster_ = cluster;
-    memcpy(dotdot->record_, record, DIR_RECORD_SIZE);
   }
 }
 
@@ -133,7 +132,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
     for (int k = 0; k < std::min<int>(child->lfn_ent_count_, child->lfn_disk_offsets_.size()); ++k)
       old_lfn.push_back(child->lfn_disk_offsets_[k]);
     uint8_t old_record[DIR_RECORD_SIZE];
-    memcpy(old_record, child->record_, DIR_RECORD_SIZE);
+    child->buildRecord(old_record);
     const int32_t old_lfn_count = child->lfn_ent_count_;
     const uint16_t old_times[3] = {child->access_date_, child->write_date_, child->write_time_};
     const time_t old_stamps[2] = {child->accessed_, child->modified_};
@@ -142,7 +141,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
       child->short_name_ = old_short;
       child->lfn_ent_count_ = old_lfn_count;
       child->lfn_disk_offsets_.assign(old_lfn.data(), old_lfn.size());
-      memcpy(child->record_, old_record, DIR_RECORD_SIZE);
+      child->keepRecord(old_record);
       child->access_date_ = old_times[0];
       child->write_date_ = old_times[1];
       child->write_time_ = old_times[2];
@@ -178,7 +177,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
       restore();
       return -EIO;
     }
-    memcpy(child->record_, record, DIR_RECORD_SIZE);
+    child->keepRecord(record);
     // The new records reach the card before the old ones are marked deleted.
     velt_->sync();
 

@@ -475,7 +475,7 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::takeOverReservedFile(const char*
   entry->fillRecord(record);
   record[rec::kCaseFlags] = 0;
   record[rec::kCreateTenths] = 0;
-  memcpy(entry->record_, record, DIR_RECORD_SIZE);
+  entry->keepRecord(record);
   if (first + lfn_count != idx) {
     ASSERT_TEXT_MSG("entry_index == diskOffsetToEntryIndex(entry->dir_ent_disk_off_)",
                     ": %d == %d\n", first + lfn_count, idx);

@@ -148,7 +148,6 @@ void markModified(VELT::DirEntry& entry) {
   entry.write_date_ = timeToFatDate(now);
   entry.write_time_ = timeToFatTime(now);
   entry.attr_ |= kAttrArchive;
-  entry.record_[rec::kAttr] |= kAttrArchive;
 }
 
 // Writes the entry's record as of `size` bytes, stamped like a close. A write racing a commit
@@ -178,9 +177,7 @@ int writeEntryRecord(VELT& velt, VELT::DirEntry& entry) {
   if (entry.is_reserved_ && !entry.is_secured_) return 0;  // published later, times in memory
   if (entry.dir_ent_disk_off_ == 0) return 0;              // the root has no record
   uint8_t record[DIR_RECORD_SIZE];
-  memcpy(record, entry.record_, DIR_RECORD_SIZE);
-  entry.fillRecord(record);
-  memcpy(entry.record_, record, DIR_RECORD_SIZE);
+  entry.buildRecord(record);
   errno = 0;
   if (velt.write(record, DIR_RECORD_SIZE, entry.dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
     LOGE("[%s] update error %d(%s)\n", entry.getPath().c_str(), EIO, strerror(EIO));

@@ -672,6 +672,7 @@ static int removeEntry(const char* function, const char* path, bool dir, int no_
     if (entry->parent_ == nullptr || is_dir != dir) return -EINVAL;
     std::vector<std::string> names = otherNames(*c.velt, *entry, path);
     DirEntryPtr parent = entry->parent_->shared_from_this();
+    if (!parent) return -ENOENT;
     int r = parent->delChild(entry);
     if (r == 0) dropNames(*c.velt, names, true);
     return r;
@@ -853,7 +854,6 @@ int VELTFuse::__chmod(const char* path, mode_t mode, struct fuse_file_info* /*fi
       } else {
         entry.attr_ &= static_cast<uint8_t>(~kAttrReadOnly);
       }
-      entry.record_[rec::kAttr] = entry.attr_;
       times[0] = entry.accessed_;
       times[1] = entry.modified_;
       if (entry.is_reserved_ && !entry.is_secured_) return 0;  // written at publication

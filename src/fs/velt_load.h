@@ -3,6 +3,7 @@
 // (velt_load.cpp, velt_load_reserved.cpp).
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <memory>
@@ -25,6 +26,27 @@ constexpr int kLoadNoMemory = -ENOMEM;
 constexpr int kLoadNotAFolder = -ENOTDIR;  // the clusters hold no "." and ".." records
 inline bool isHardLoadError(int r) { return r == kLoadReadError || r == kLoadNoMemory; }
 
+// Cluster numbers as one bit each. The load notes every entry's first cluster; a hash node per
+// entry would leave the heap full of small holes among the tree's entries once the load is over.
+class ClusterSet {
+ public:
+  void insert(uint32_t c) {
+    const size_t word = c / 64;
+    if (word >= bits_.size()) bits_.resize(std::max(word + 1, bits_.size() * 2));
+    bits_[word] |= uint64_t{1} << (c % 64);
+  }
+  size_t count(uint32_t c) const {
+    const size_t word = c / 64;
+    return word < bits_.size() ? (bits_[word] >> (c % 64)) & 1 : 0;
+  }
+  void erase(uint32_t c) {
+    if (c / 64 < bits_.size()) bits_[c / 64] &= ~(uint64_t{1} << (c % 64));
+  }
+
+ private:
+  std::vector<uint64_t> bits_;
+};
+
 // What the mount-time tree build holds back until it has seen the whole card: directories to
 // write back and FAT entries cut. They reach the card only when the load is judged sound.
 struct LoadRepairs {
@@ -34,7 +56,7 @@ struct LoadRepairs {
   };
   std::vector<DirWrite> dirs;
   std::vector<uint32_t> fat_cuts;        // clusters whose entry became an end of chain
-  std::unordered_set<uint32_t> starts;   // first clusters of the entries loaded so far
+  ClusterSet starts;                     // first clusters of the entries loaded so far
   uint64_t trimmed = 0;                  // clusters cut off file chains beyond their size
   int count = 0;                         // repairs made
 };

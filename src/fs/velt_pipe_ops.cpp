@@ -259,7 +259,8 @@ int closeRequest(VELT& velt, const std::shared_ptr<VELT::File>& file, VELTWorkIt
          entry->isDir());
     return result < 0 ? result : -EINVAL;
   }
-  int deleted = parent->delChild(entry->shared_from_this());
+  std::shared_ptr<VELT::DirEntry> self = entry->shared_from_this();
+  int deleted = self ? parent->delChild(self) : -ENOENT;
   velt.invalidateKernelCache(path);
   return result < 0 ? result : (deleted < 0 ? deleted : 0);
 }

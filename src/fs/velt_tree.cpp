@@ -159,7 +159,7 @@ ReservedFolderDesc* VELT::entryToVELTFolder(const DirEntry* entry) {
         "format_info_.magic1 == VELT_FSINFO_MAGIC1 && format_info_.magic2 == VELT_FSINFO_MAGIC2");
     return nullptr;
   }
-  const std::string* candidate = nullptr;
+  const EntryName* candidate = nullptr;
   if (entry->isArchive()) {
     const DirEntry* parent = entry->parent_;
     if (parent == nullptr) {

@@ -83,7 +83,9 @@ TEST(DirentChildren, RecordsOfNewFilesAndDirectories) {
     } else {
       EXPECT_EQ(e->start_cluster_, 0u);  // an empty file has no cluster yet
     }
-    EXPECT_EQ(0, memcmp(sfn.data(), e->record_, 32));
+    uint8_t built[32];
+    e->buildRecord(built);
+    EXPECT_EQ(0, memcmp(sfn.data(), built, 32));
     EXPECT_EQ(c.root->entry_map_[short_slot], name11[0]);
     const time_t now = time(nullptr);
     EXPECT_LE(std::abs(e->modified_ - now), 5);

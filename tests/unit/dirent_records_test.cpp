@@ -78,7 +78,9 @@ TEST(DirentRecords, InitFromARecord) {
     EXPECT_EQ(e->real_size_, r.size);
     EXPECT_EQ(e->write_date_, (30 << 9) | (5 << 5) | 6);
     EXPECT_EQ(e->modified_, velt::fatToTime(e->write_date_, e->write_time_));
-    EXPECT_EQ(0, memcmp(e->record_, raw.data(), 32));
+    uint8_t built[32];
+    e->buildRecord(built);
+    EXPECT_EQ(0, memcmp(built, raw.data(), 32));
   }
   // The high half of the cluster number counts.
   Entry e = std::make_shared<VELT::DirEntry>(c.v);

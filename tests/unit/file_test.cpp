@@ -48,7 +48,6 @@ struct Card {
     e->attr_ = velt::kAttrArchive;
     e->parent_ = root.get();
     e->dir_ent_disk_off_ = v.clusterOffset(v.pbr_->root_cluster_) + 32 * slot;
-    e->fillRecord(e->record_);
     root->children_.push_back(e);
     return e;
   }
