@@ -10,6 +10,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <utility>
 
 namespace velt {
@@ -277,12 +278,14 @@ class EntryName {
   bool empty() const { return c_str()[0] == '\0'; }
   std::string str() const { return c_str(); }
   operator std::string() const { return c_str(); }  // NOLINT
+  operator std::string_view() const { return c_str(); }  // NOLINT
 
   friend bool operator==(const EntryName& a, const EntryName& b) {
     return strcmp(a.c_str(), b.c_str()) == 0;
   }
   friend bool operator==(const EntryName& a, const char* b) { return strcmp(a.c_str(), b) == 0; }
   friend bool operator==(const EntryName& a, const std::string& b) { return b == a.c_str(); }
+  friend bool operator==(const EntryName& a, std::string_view b) { return b == a.c_str(); }
   friend std::string operator+(const std::string& a, const EntryName& b) { return a + b.c_str(); }
   friend std::string operator+(const EntryName& a, const char* b) {
     return a.c_str() + std::string(b);
