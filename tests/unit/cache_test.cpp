@@ -33,25 +33,6 @@ std::vector<uint32_t> sameBucket(const VELT& v, uint32_t sector, int count) {
 
 }  // namespace
 
-TEST(SectorCache, SizingAndHash) {
-  struct Row {
-    int64_t bytes;
-    int entries;
-    int buckets;
-  } rows[] = {{16 << 20, 32768, 16384}, {1 << 20, 2048, 1024}, {1024, 2, 1024}, {2048, 4, 1024},
-              {3 << 20, 6144, 2048}};
-  for (const auto& r : rows) {
-    VELT v("/dev/mmcblk0p1", 1, 0, 0);
-    ASSERT_EQ(v.createCache(r.bytes), 0) << r.bytes;
-    EXPECT_EQ(v.cache_size_, r.entries) << r.bytes;
-    EXPECT_EQ(v.cache_hash_size_, r.buckets) << r.bytes;
-  }
-  struct HashRow {
-    uint32_t sector, bucket;
-  } hashes[] = {{0, 295}, {1, 438}, {2, 76}, {2048, 277}};
-  for (const auto& h : hashes) EXPECT_EQ(VELT::cacheHash(h.sector) & 1023, h.bucket) << h.sector;
-}
-
 TEST(SectorCache, AbsentCacheMissesAndCreateTwiceKeepsTheFirst) {
   VELT v("/dev/mmcblk0p1", 1, 0, 0);
   uint8_t buf[512] = {};

@@ -146,31 +146,6 @@ TEST(FuseOptions, DeviceAndCacheFromSwitchesAndMountOptions) {
   }
 }
 
-TEST(FuseOptions, HelpAndVersionAreOursAndDashDIsNeverDebug) {
-  Parsed p = parse({"velt.fuse", "-V", "--version", "-h", "--help", "/mnt"});
-  EXPECT_EQ(p.keys, (std::vector<int>{kVELTOptKeyVersion, kVELTOptKeyVersion, kVELTOptKeyHelp,
-                                      kVELTOptKeyHelp}));
-  EXPECT_EQ(p.rest, (std::vector<std::string>{"velt.fuse", "/mnt"}));
-  freeOptions(&p.options);
-
-  // What is left reaches the library's command line parser: "-d" was taken as the device
-  // path, while the debug mount option still works.
-  for (bool with_debug_option : {false, true}) {
-    std::vector<std::string> argv{"velt.fuse", "-d", "/dev/mmcblk1p1", "/tmp"};
-    if (with_debug_option) argv.insert(argv.begin() + 1, {"-o", "debug"});
-    struct fuse_args args;
-    Parsed q = parse(argv, &args);
-    struct fuse_cmdline_opts opts = {};
-    ASSERT_EQ(fuse_parse_cmdline(&args, &opts), 0);
-    EXPECT_EQ(opts.debug, with_debug_option ? 1 : 0);
-    ASSERT_NE(opts.mountpoint, nullptr);
-    EXPECT_STREQ(opts.mountpoint, "/tmp");
-    free(opts.mountpoint);
-    fuse_opt_free_args(&args);
-    freeOptions(&q.options);
-  }
-}
-
 class MountTable : public ::testing::Test {
  protected:
   void SetUp() override {
