@@ -155,7 +155,7 @@ void markModified(VELT::DirEntry& entry) {
 // claim those bytes yet. Caller holds the entry's files_mutex_.
 int writeRecordOfSize(VELT& velt, VELT::DirEntry& entry, int64_t size, bool modified) {
   uint8_t r[DIR_RECORD_SIZE];
-  memcpy(r, entry.record_, DIR_RECORD_SIZE);
+  entry.buildRecord(r);
   if (entry.update(true, modified, r) < 0) return -EIO;
   putLe32(r + rec::kSize, static_cast<uint32_t>(size));
   if (size == 0) {
