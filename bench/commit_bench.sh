@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Run by hand (it mounts); never part of the tests. What the commit interval costs a recording:
 # a sequential write through the mount in 1 MiB blocks, with the default interval and with
-# -o commit=0, each on a fresh card image, alternating, best of ROUNDS.
+# -o commit=0, each on a fresh card image, alternating, best of ROUNDS; and the bytes the card
+# receives in each (the daemon's write counter, mount and unmount included).
 # Settings (environment): MB (1024), CARD (2G), ROUNDS (3), VELT_BIN (default build/velt.fuse).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -22,13 +23,14 @@ trap cleanup EXIT
 mkdir -p "$work/mnt" "$work/root/dev" "$work/root/tmp"
 : >"$work/root/dev/mmcblk0p1"
 
-run_once() {  # mount options...; prints seconds
+run_once() {  # mount options...; prints "seconds card-bytes"
   local img=$work/root/dev/velt
   rm -f "$img"
   truncate -s "$CARD" "$img"
   echo 'start=2048, type=c' | sfdisk -q "$img"
   mkfs.fat -F 32 --offset 2048 "$img" $(( ($(stat -c %s "$img") - 1048576) / 1024 )) >/dev/null
-  VELT_ROOT=$work/root "$VELT_BIN" "$@" -f "$work/mnt" >"$work/velt.log" 2>&1 &
+  VELT_ROOT=$work/root VELT_WRITE_STATS=$work/write_stats \
+    "$VELT_BIN" "$@" -f -o fsname=velt-commit-bench "$work/mnt" >"$work/velt.log" 2>&1 &
   pid=$!
   for _ in $(seq 1 3000); do grep -q " $work/mnt " /proc/mounts && break; sleep 0.01; done
   local s e
@@ -38,15 +40,15 @@ run_once() {  # mount options...; prints seconds
   fusermount3 -u "$work/mnt"
   wait "$pid" || true
   pid=""
-  awk "BEGIN { printf \"%.3f\", $e - $s }"
+  awk -v t="$(awk "BEGIN { print $e - $s }")" '{ printf "%.3f %d", t, $2 * 512 }' "$work/write_stats"
 }
 
 best_default=999999
 best_off=999999
 for ((r = 1; r <= ROUNDS; r++)); do
-  d=$(run_once)
-  o=$(run_once -o commit=0)
-  echo "round $r: default commit ${d}s, commit=0 ${o}s" >&2
+  read -r d d_bytes < <(run_once)
+  read -r o o_bytes < <(run_once -o commit=0)
+  echo "round $r: default commit ${d}s ${d_bytes} card bytes, commit=0 ${o}s ${o_bytes} card bytes" >&2
   best_default=$(awk "BEGIN { print ($d < $best_default) ? $d : $best_default }")
   best_off=$(awk "BEGIN { print ($o < $best_off) ? $o : $best_off }")
 done
