@@ -98,9 +98,10 @@ class Session {
   VELT& volume() { return *volume_; }
   Promises p;
 
-  // Throws PowerCut when the card died during the call.
-  void check() {
+  // Throws PowerCut when the card died during the call, else a failure when `r` is not `want`.
+  void check(int r = 0, const std::string& what = "", int want = 0) {
     if (driver_->dead()) throw PowerCut();
+    if (r != want) throw std::runtime_error(what + ": " + std::to_string(r));
   }
 
   struct Open {
@@ -131,8 +132,7 @@ class Session {
     const std::set<std::string> before = siblings(path);
     int r = VELTFuse::__create(path.c_str(), 0644, &fi);
     forgetRecycled(before, path);
-    check();
-    if (r != 0) throw std::runtime_error("create " + path + ": " + std::to_string(r));
+    check(r, "create " + path);
     return Open{fi.fh, path, {}};
   }
   void write(Open& f, const std::string& bytes) {
@@ -140,16 +140,13 @@ class Session {
     fi.fh = f.fh;
     int r = VELTFuse::__write(f.path.c_str(), bytes.data(), bytes.size(),
                               static_cast<off_t>(f.data.size()), &fi);
-    check();
-    if (r != static_cast<int>(bytes.size())) throw std::runtime_error("write " + f.path);
+    check(r, "write " + f.path, static_cast<int>(bytes.size()));
     f.data += bytes;
   }
   void fsync(Open& f) {
     fuse_file_info fi{};
     fi.fh = f.fh;
-    int r = VELTFuse::__fsync(f.path.c_str(), 0, &fi);
-    check();
-    if (r != 0) throw std::runtime_error("fsync " + f.path + ": " + std::to_string(r));
+    check(VELTFuse::__fsync(f.path.c_str(), 0, &fi), "fsync " + f.path);
     p.synced[f.path] = f.data;
     if (volume_->isInVELTFolder(volume_->findEntry(f.path.c_str()))) p.published[f.path] = f.data;
   }
@@ -158,25 +155,13 @@ class Session {
     fi.fh = f.fh;
     VELTFuse::__flush(f.path.c_str(), &fi);
     check();
-    int r = VELTFuse::__release(f.path.c_str(), &fi);
-    check();
-    if (r != 0) throw std::runtime_error("release " + f.path);
+    check(VELTFuse::__release(f.path.c_str(), &fi), "release " + f.path);
   }
-  void mkdir(const std::string& path) {
-    int r = VELTFuse::__mkdir(path.c_str(), 0755);
-    check();
-    if (r != 0) throw std::runtime_error("mkdir " + path + ": " + std::to_string(r));
-  }
-  void rmdir(const std::string& path) {
-    int r = VELTFuse::__rmdir(path.c_str());
-    check();
-    if (r != 0) throw std::runtime_error("rmdir " + path + ": " + std::to_string(r));
-  }
+  void mkdir(const std::string& path) { check(VELTFuse::__mkdir(path.c_str(), 0755), "mkdir " + path); }
+  void rmdir(const std::string& path) { check(VELTFuse::__rmdir(path.c_str()), "rmdir " + path); }
   void unlink(const std::string& path) {
     p.forget(path);
-    int r = VELTFuse::__unlink(path.c_str());
-    check();
-    if (r != 0) throw std::runtime_error("unlink " + path + ": " + std::to_string(r));
+    check(VELTFuse::__unlink(path.c_str()), "unlink " + path);
   }
   // Renames a closed file or a folder (with everything promised under it).
   void rename(const std::string& from, const std::string& to) {
@@ -228,7 +213,7 @@ class Session {
   void channelWrite(int fd, const std::string& path, std::string* data, const std::string& bytes,
                     bool publish) {
     auto reply = run(fd, kDirectOpWrite, static_cast<int64_t>(data->size()),
-                     publish ? kDirectFlagSecure : 0, bytes.data(),
+                     publish ? static_cast<int>(kDirectFlagSecure) : 0, bytes.data(),
                      static_cast<uint32_t>(bytes.size()));
     check();
     if (reply != nullptr && reply->param_ < 0) throw std::runtime_error("channel write " + path);
@@ -267,7 +252,7 @@ class Session {
 
 using Workload = std::function<void(Session&)>;
 
-std::string bytesOf(size_t size, unsigned seed) { return patternBytes(size, seed); }
+const auto bytesOf = patternBytes;
 
 // The whole content of `path` on a loaded volume; false when it is missing or unreadable.
 bool readFile(VELT& v, const std::string& path, std::string* out) {
@@ -454,7 +439,7 @@ Card plainCard() {
   CardImage image(spec);
   EXPECT_TRUE(image.ok()) << image.error();
   std::string all = image.contents();
-  return Card{std::make_shared<CardBytes>(all.begin(), all.end()), false};
+  return Card{std::make_shared<CardBytes>(all.begin(), all.end()), false, nullptr};
 }
 
 int64_t budget(int64_t small, int64_t full) {
@@ -550,8 +535,8 @@ void reservedRecordings(Session& s) {
   s.unlink("/REC/first recording.mp4");
   taken.erase(taken.begin());
   // Fill the folder, then one more: the oldest recording is taken over again.
-  unsigned seed = 80;
-  while (taken.size() < g_capacity) channelRecording("/REC/fill " + std::to_string(seed++) + ".mp4", seed);
+  for (unsigned seed = 80; taken.size() < g_capacity; seed += 3)
+    channelRecording("/REC/fill " + std::to_string(seed) + ".mp4", seed);
   mountRecording("/REC/recycled.mp4", 90);
 }
 

@@ -121,63 +121,41 @@ struct Rule {
 
 struct Row {
   const char* what;
-  // Sets the card up, returns the request index the operation starts at; the operation runs,
-  // then `label` names the clusters.
-  std::function<void(Card&)> setup;
+  std::function<void(Card&)> setup;      // before the operation's requests are counted
   std::function<void(Card&)> operation;
-  std::function<void(Card&)> label;
+  const char* labelled;                  // its clusters are "data", the root's are "dir"
   std::vector<Rule> rules;
   bool ends_with_flush;
 };
 
-uint64_t g_fh = 0;
-uint64_t g_other = 0;
-
 TEST(Ordering, EachOperationFlushesBetweenTheStepsItReliesOn) {
   const uint32_t kData = 40000;  // three 16 KiB clusters
+  uint64_t fh = 0;
+  auto createFile = [&](const char* path) { return [&, path](Card& c) { fh = c.create(path); }; };
+  auto writeThen = [&](bool sync) {
+    return [&, sync](Card& c) {
+      c.write(fh, kData);
+      if (sync) {
+        EXPECT_EQ(c.fsync(fh), 0);
+      } else {
+        c.close(fh);
+      }
+    };
+  };
   const Row rows[] = {
-      {"fsync of a growing file",
-       [](Card& c) { g_fh = c.create("/a.bin"); },
-       [&](Card& c) {
-         c.write(g_fh, kData);
-         EXPECT_EQ(c.fsync(g_fh), 0);
-       },
-       [](Card& c) {
-         c.mark(c.find("/a.bin"), "data");
-         c.mark(c.root, "dir");
-       },
-       {{"data", "fat"}, {"fat", "dir"}, {"dir", "fsinfo"}},
-       true},
-      {"close of a written file",
-       [](Card& c) { g_fh = c.create("/b.bin"); },
-       [&](Card& c) {
-         c.write(g_fh, kData);
-         c.close(g_fh);
-       },
-       [](Card& c) {
-         c.mark(c.find("/b.bin"), "data");
-         c.mark(c.root, "dir");
-       },
-       {{"data", "dir"}, {"fat", "dir"}},
-       false},
-      {"mkdir while a writer holds the FAT lock",
-       [](Card& c) { g_other = c.create("/open.bin"); },
-       [](Card& c) { EXPECT_EQ(VELTFuse::__mkdir("/a folder with a long name", 0755), 0); },
-       [](Card& c) {
-         c.mark(c.find("/a folder with a long name"), "folder");
-         c.mark(c.root, "dir");
-       },
-       {{"folder", "dir"}, {"fat", "dir"}},
-       false},
+      {"fsync of a growing file", createFile("/a.bin"), writeThen(true), "/a.bin",
+       {{"data", "fat"}, {"fat", "dir"}, {"dir", "fsinfo"}}, true},
+      {"close of a written file", createFile("/b.bin"), writeThen(false), "/b.bin",
+       {{"data", "dir"}, {"fat", "dir"}}, false},
+      {"mkdir while a writer holds the FAT lock", createFile("/open.bin"),
+       [](Card&) { EXPECT_EQ(VELTFuse::__mkdir("/a folder with a long name", 0755), 0); },
+       "/a folder with a long name", {{"data", "dir"}, {"fat", "dir"}}, false},
       {"unlink",
-       [](Card& c) {
-         g_fh = c.create("/gone.bin");
-         c.write(g_fh, kData);
-         c.close(g_fh);
+       [&](Card& c) {
+         createFile("/gone.bin")(c);
+         writeThen(false)(c);
        },
-       [](Card& c) { EXPECT_EQ(VELTFuse::__unlink("/gone.bin"), 0); },
-       [](Card& c) { c.mark(c.root, "dir"); },
-       {{"dir", "fat"}},
+       [](Card&) { EXPECT_EQ(VELTFuse::__unlink("/gone.bin"), 0); }, nullptr, {{"dir", "fat"}},
        false},
   };
   for (const Row& row : rows) {
@@ -189,7 +167,8 @@ TEST(Ordering, EachOperationFlushesBetweenTheStepsItReliesOn) {
     row.operation(c);
     const size_t end = c.f.driver->requests.size();
     c.v->sync();  // writes still pending go out after everything the operation wrote
-    row.label(c);
+    if (row.labelled != nullptr) c.mark(c.find(row.labelled), "data");
+    c.mark(c.root, "dir");
     const auto t = c.trace(from);
     for (const Rule& r : row.rules) EXPECT_TRUE(flushedBefore(t, r.before, r.after));
     if (row.ends_with_flush) {
