@@ -124,6 +124,11 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
       return -ENOSPC;
     }
 
+    // A close, commit or touch of the entry writes its record where the entry says it is,
+    // under its files_mutex_: the switch to the new record is made under it too, or such a
+    // write could bring the old record back after it was marked deleted.
+    std::lock_guard files_lock(child->files_mutex_);
+
     // What the old records were, to mark them deleted afterwards (or to go back to).
     const int64_t old_off = child->dir_ent_disk_off_;
     const std::string old_name = child->name_;

@@ -107,12 +107,14 @@ class Spellings {
   void seen(uint32_t ino, const char* path) {
     const auto now = Clock::now();
     std::lock_guard lock(mutex_);
-    if (seen_.size() >= kPruneAt) {
+    if (seen_.size() >= prune_at_) {
       std::erase_if(seen_, [now](const auto& item) { return now - item.second.when > kLife; });
+      prune_at_ = std::max(kPruneAt, 2 * seen_.size());
     }
     auto& names = seen_[ino];
     names.when = now;
     if (std::find(names.paths.begin(), names.paths.end(), path) == names.paths.end()) {
+      if (names.paths.size() >= kPathsPerEntry) names.paths.erase(names.paths.begin());
       names.paths.emplace_back(path);
     }
   }
@@ -127,9 +129,11 @@ class Spellings {
  private:
   using Clock = std::chrono::steady_clock;
   // The kernel's clock and ours differ a little: a name is kept for twice the cache time.
-  static constexpr auto kLife =
-      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(2 * kKernelCacheSeconds));
+  static constexpr auto kLife = std::chrono::duration_cast<Clock::duration>(
+      std::chrono::duration<double>(2 * kKernelCacheSeconds));
   static constexpr size_t kPruneAt = 256;
+  static constexpr size_t kPathsPerEntry = 16;
+  size_t prune_at_ = kPruneAt;
   struct Names {
     Clock::time_point when;
     std::vector<std::string> paths;
