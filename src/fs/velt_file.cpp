@@ -507,8 +507,8 @@ int VELT::File::commit(bool publish) {
   step();  // chains
 
   if (!dir_mode_) {
-    // Attributes and the publication mark change under the entry's files_mutex_ (writes and
-    // closes on other handles, chmod, publication).
+    // The publication mark is the entry's, under its files_mutex_: another handle (a mount
+    // flush, a channel write) may be publishing the file.
     std::lock_guard lock(entry_->files_mutex_);
     const bool has_record = entry_->isArchive() && entry_->dir_ent_disk_off_ != 0;
     if (has_record && entry_->is_reserved_ && !entry_->is_secured_) {
