@@ -2,12 +2,18 @@
 // (mkfs.fat, then directory records and FAT entries written straight into the image), loaded
 // through the library, and the resident memory the tree costs is reported per entry.
 //
-//   bench_load_bench [files] [work dir]      (defaults: 100000, a new directory under /tmp)
+// Then it times name lookups in one large folder against a scan of its children.
+//
+//   bench_load_bench [files] [work dir] [files of the large folder]
+//   (defaults: 100000, a new directory under /tmp, 10000)
 #include <fcntl.h>
 #include <malloc.h>
 #include <stdlib.h>
+#include <strings.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -187,8 +193,8 @@ void name83(char* out, char prefix, int number, const char* ext) {
 
 // Folders "camera NN/day NN", each holding its share of "recording number NNNNNN.mp4" files of
 // one cluster each. The number of entries written, or -1.
-int64_t buildCard(const std::string& image, int files) {
-  const int64_t card_mb = 64 + static_cast<int64_t>(files) * 4096 / (1 << 20) * 11 / 10;
+int64_t buildCard(const std::string& image, int files, int big) {
+  const int64_t card_mb = 64 + static_cast<int64_t>(files + big) * 4096 / (1 << 20) * 11 / 10;
   if (!run("truncate -s " + std::to_string(card_mb) + "M " + image +
            " && printf 'label: dos\\nstart=2048, type=c\\n' | sfdisk -q " + image +
            " && mkfs.fat -F 32 --offset 2048 -s 8 " + image + " >/dev/null")) {
@@ -231,16 +237,89 @@ int64_t buildCard(const std::string& image, int files) {
     }
     ok = ok && f.close(&top);
   }
+  if (ok && big > 0) {
+    Filler::Dir large = f.newDir(f.root());
+    name83(n11, 'B', 0, "");
+    f.add(&root, "large folder", n11, true, large.first, 0);
+    ++entries;
+    for (int i = 0; ok && i < big; ++i) {
+      char num[16];
+      snprintf(num, sizeof(num), "%06d", i);
+      name83(n11, 'L', i, "MP4");
+      uint32_t c = f.take();
+      ok = c != 0;
+      if (ok) f.add(&large, std::string("large clip ") + num + ".mp4", n11, false, c, 3000);
+      ++entries;
+    }
+    ok = ok && f.close(&large);
+  }
   // The root keeps its single cluster when it fits; otherwise grow it like any directory.
   ok = ok && root.records.size() + 32 <= f.clusterBytes() && f.close(&root) && f.finish();
   ::close(fd);
   return ok ? entries : -1;
 }
 
+double median3(double a, double b, double c) {
+  return std::max(std::min(a, b), std::min(std::max(a, b), c));
+}
+
+// Looks up every child of the large folder by long name, by short name in lower case and once
+// under a name it does not hold: through the volume's lookup, and through a scan of the
+// children like the one the lookup replaced. Median of three rounds each.
+void lookups(velt::VELT& volume) {
+  auto large = volume.root_->findChild("large folder");
+  if (large == nullptr) return;
+  std::vector<std::string> names;
+  for (const auto& c : large->children_) {
+    if (c->isDotEntry()) continue;
+    names.push_back(c->name_.str());
+    std::string s = c->short_name_.str();
+    for (char& ch : s) ch = static_cast<char>(tolower(static_cast<unsigned char>(ch)));
+    names.push_back(s);
+    names.push_back(c->name_.str() + ".missing");
+  }
+  auto scan = [&](const char* name) -> std::shared_ptr<velt::VELT::DirEntry> {
+    for (const auto& c : large->children_) {
+      if (strcasecmp(c->name_.c_str(), name) == 0 || strcasecmp(c->short_name_.c_str(), name) == 0)
+        return c;
+    }
+    return nullptr;
+  };
+  large->findChild("warm up");  // the index is built on the first lookup
+  double indexed[3], scanned[3];
+  size_t found_indexed = 0, found_scanned = 0;
+  for (int r = 0; r < 3; ++r) {
+    found_indexed = found_scanned = 0;
+    auto t = std::chrono::steady_clock::now();
+    for (const auto& n : names) found_indexed += large->findChild(n.c_str()) != nullptr;
+    indexed[r] = secondsSince(t);
+    t = std::chrono::steady_clock::now();
+    for (const auto& n : names) found_scanned += scan(n.c_str()) != nullptr;
+    scanned[r] = secondsSince(t);
+  }
+  const double a = median3(indexed[0], indexed[1], indexed[2]);
+  const double b = median3(scanned[0], scanned[1], scanned[2]);
+  printf(
+      "lookups in a folder of %zu children: %zu names, %.3f us each (index), %.3f us each "
+      "(scan), scan/index %.0fx; found %zu and %zu\n",
+      large->children_.size(), names.size(), a * 1e6 / static_cast<double>(names.size()),
+      b * 1e6 / static_cast<double>(names.size()), b / a, found_indexed, found_scanned);
+  const auto& index = large->children_.get().index;
+  if (index != nullptr) {
+    printf(
+        "the index costs %.1f bytes per child of that folder (folders below 64 children have "
+        "none)\n",
+        static_cast<double>(index->keys.capacity() * sizeof(uint64_t)) /
+            static_cast<double>(large->children_.size()));
+  }
+  fflush(stdout);  // before the standard output goes to /dev/null again
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const int files = argc > 1 ? atoi(argv[1]) : 100000;
+  const int big = argc > 3 ? atoi(argv[3]) : 10000;
   std::string dir;
   if (argc > 2) {
     dir = argv[2];
@@ -254,7 +333,7 @@ int main(int argc, char** argv) {
   run("touch " + dir + "/dev/mmcblk0p1");
 
   auto t0 = std::chrono::steady_clock::now();
-  int64_t entries = buildCard(image, files);
+  int64_t entries = buildCard(image, files, big);
   if (entries < 0) {
     fprintf(stderr, "building the card failed\n");
     return 1;
@@ -286,6 +365,7 @@ int main(int argc, char** argv) {
       return 1;
     }
     rss_loaded = residentBytes();
+    if (round == 1 && big > 0) lookups(*volume);
     heap_loaded = static_cast<int64_t>(mallinfo2().uordblks);
     // Count what the tree holds, dot entries included.
     tree_entries = 0;

@@ -53,6 +53,7 @@ int VELT::DirEntry::init(const char* name, const char* short_name, uint8_t attr,
                          const uint8_t* record) {
   name_ = name;
   short_name_ = short_name;
+  if (parent_ != nullptr) parent_->dropChildIndex();  // named after it joined the directory
   attr_ = attr;
   switch (attr & (kAttrDirectory | kAttrVolumeId)) {
     case 0:

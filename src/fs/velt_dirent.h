@@ -106,6 +106,21 @@ struct ReservedFile {
   uint32_t size = 0;
 };
 
+// Name index of a large directory: one key per child name (the long name, and the short name
+// when it differs), the hash of its case-folded text above the child's position, sorted. A
+// lookup checks the names of the candidates its hash gives, so a key that lags behind a rename
+// can only miss, never answer wrongly.
+struct ChildIndex {
+  std::vector<uint64_t> keys;
+  size_t count = 0;  // children the keys describe; another size means the index is stale
+};
+
+// Children in record order (a vector: 16 bytes a child, rather than a list's 48), with the name
+// index of a directory large enough to need one.
+struct ChildList : std::vector<std::shared_ptr<VELT::DirEntry>> {
+  std::unique_ptr<ChildIndex> index;
+};
+
 class VELT::DirEntry {
  public:
   explicit DirEntry(VELT* velt);
@@ -160,7 +175,13 @@ class VELT::DirEntry {
   int addChild(const std::shared_ptr<DirEntry>& child);
   int removeChild(const std::shared_ptr<DirEntry>& child, bool release);
   int getChildCount();
+  // The child named `name` (long or short name, any letter case); first in record order.
   std::shared_ptr<DirEntry> findChild(const char* name);
+  // Renames `child` (a child of this directory) in memory, its index keys with it.
+  void setChildNames(DirEntry& child, const char* name, const char* short_name);
+  // Drops the name index (it is built again on the next lookup): a child's names were set
+  // behind it.
+  void dropChildIndex();
   void clear();
   void removeAllChildren();
   // Empty on failure; `error` (when given) then holds a negative errno.
@@ -224,8 +245,7 @@ class VELT::DirEntry {
   std::unique_ptr<std::array<std::array<uint8_t, DIR_RECORD_SIZE>, kLfnRecordsMax>> lfn_records_;
   OutOfLine<std::vector<uint32_t>> cluster_map_;
   OutOfLine<std::vector<uint8_t>> entry_map_;
-  // Children in record order; a vector (16 bytes a child) rather than a list (48).
-  OutOfLine<std::vector<std::shared_ptr<DirEntry>>> children_;
+  OutOfLine<ChildList> children_;
   OutOfLine<std::vector<ReservedFile>> velt_reserved_files_;
   OutOfLine<std::list<std::shared_ptr<File>>> files_;
   int32_t lfs_entry_start_index_ = -1;

@@ -4,6 +4,7 @@
 #include <utf8.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -17,6 +18,71 @@ namespace velt {
 
 static constexpr const char kLogTag[] = "VELT.DirEntry";
 
+// ---- Name index ----
+
+namespace {
+
+// A directory gets a name index from this many children on; below it a scan is as fast.
+constexpr size_t kIndexFrom = 64;
+constexpr uint64_t kPositionMask = 0xFFFFFFFFu;
+
+// Hash of a name folded the way strcasecmp compares it (byte by byte through tolower), so that
+// names it finds equal hash alike.
+uint32_t foldedHash(const char* name) {
+  uint32_t h = 2166136261u;
+  for (const unsigned char* p = reinterpret_cast<const unsigned char*>(name); *p != 0; ++p) {
+    h = (h ^ static_cast<uint32_t>(tolower(*p))) * 16777619u;
+  }
+  return h;
+}
+
+void insertKey(ChildIndex& index, uint32_t hash, size_t position) {
+  const uint64_t key = (static_cast<uint64_t>(hash) << 32) | position;
+  index.keys.insert(std::upper_bound(index.keys.begin(), index.keys.end(), key), key);
+}
+
+void indexChild(ChildIndex& index, const VELT::DirEntry& child, size_t position) {
+  insertKey(index, foldedHash(child.name_.c_str()), position);
+  if (strcasecmp(child.name_.c_str(), child.short_name_.c_str()) != 0) {
+    insertKey(index, foldedHash(child.short_name_.c_str()), position);
+  }
+}
+
+// Removes the keys of the child at `position`; the children after it move down one place.
+void unindexChild(ChildIndex& index, size_t position) {
+  auto out = index.keys.begin();
+  for (uint64_t key : index.keys) {
+    const uint64_t at = key & kPositionMask;
+    if (at == position) continue;
+    *out++ = at > position ? key - 1 : key;  // the hash order is unchanged
+  }
+  index.keys.erase(out, index.keys.end());
+}
+
+}  // namespace
+
+void VELT::DirEntry::setChildNames(DirEntry& child, const char* name, const char* short_name) {
+  std::lock_guard lock(children_mutex_);
+  child.name_ = name;
+  child.short_name_ = short_name;
+  if (children_.empty() || children_.get().index == nullptr) return;
+  ChildList& list = children_.get();
+  ChildIndex& index = *list.index;
+  auto it = std::find_if(list.begin(), list.end(), [&](const auto& c) { return c.get() == &child; });
+  if (index.count != list.size() || it == list.end()) {
+    list.index.reset();
+    return;
+  }
+  const uint64_t position = static_cast<uint64_t>(it - list.begin());
+  std::erase_if(index.keys, [&](uint64_t key) { return (key & kPositionMask) == position; });
+  indexChild(index, child, position);
+}
+
+void VELT::DirEntry::dropChildIndex() {
+  std::lock_guard lock(children_mutex_);
+  if (!children_.empty()) children_.get().index.reset();
+}
+
 int VELT::DirEntry::addChild(const std::shared_ptr<DirEntry>& child) {
   std::lock_guard lock(children_mutex_);
   if (child->parent_ != nullptr) {
@@ -24,7 +90,16 @@ int VELT::DirEntry::addChild(const std::shared_ptr<DirEntry>& child) {
     if (child->parent_ == this) return -1;
   }
   child->parent_ = this;
-  children_.push_back(child);
+  ChildList& list = children_.get();
+  list.push_back(child);
+  if (ChildIndex* index = list.index.get(); index != nullptr) {
+    if (index->count + 1 == list.size()) {
+      indexChild(*index, *child, list.size() - 1);
+      index->count = list.size();
+    } else {
+      list.index.reset();
+    }
+  }
   return 0;
 }
 
@@ -37,6 +112,15 @@ int VELT::DirEntry::removeChild(const std::shared_ptr<DirEntry>& child, bool rel
     return -1;
   }
   if (release) child->clear();
+  ChildList& list = children_.get();
+  if (ChildIndex* index = list.index.get(); index != nullptr) {
+    if (index->count == list.size()) {
+      unindexChild(*index, static_cast<size_t>(it - list.begin()));
+      index->count = list.size() - 1;
+    } else {
+      list.index.reset();
+    }
+  }
   children_.erase(it);
   child->parent_ = nullptr;
   return 0;
@@ -58,6 +142,36 @@ int VELT::DirEntry::getChildCount() {
 // append to children_ without holding the volume's mutex.
 std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findChild(const char* name) {
   std::lock_guard lock(children_mutex_);
+  if (children_.size() >= kIndexFrom) {
+    ChildList& list = children_.get();
+    std::unique_ptr<ChildIndex>& index = list.index;
+    if (index == nullptr || index->count != list.size()) {
+      index = std::make_unique<ChildIndex>();
+      std::vector<uint64_t>& keys = index->keys;
+      keys.reserve(list.size() * 2);
+      for (size_t i = 0; i < list.size(); ++i) {
+        const DirEntry& child = *list[i];
+        keys.push_back((uint64_t{foldedHash(child.name_.c_str())} << 32) | i);
+        if (strcasecmp(child.name_.c_str(), child.short_name_.c_str()) != 0) {
+          keys.push_back((uint64_t{foldedHash(child.short_name_.c_str())} << 32) | i);
+        }
+      }
+      std::sort(keys.begin(), keys.end());
+      keys.shrink_to_fit();
+      index->count = list.size();
+    }
+    const uint64_t hash = foldedHash(name);
+    // Keys of one hash are in position order: the first match is the first in record order.
+    for (auto it = std::lower_bound(index->keys.begin(), index->keys.end(), hash << 32);
+         it != index->keys.end() && (*it >> 32) == hash; ++it) {
+      const auto& child = list[*it & kPositionMask];
+      if (strcasecmp(child->name_.c_str(), name) == 0 ||
+          strcasecmp(child->short_name_.c_str(), name) == 0) {
+        return child;
+      }
+    }
+    return nullptr;
+  }
   for (const auto& child : children_) {
     if (strcasecmp(child->name_.c_str(), name) == 0 ||
         strcasecmp(child->short_name_.c_str(), name) == 0) {
@@ -158,10 +272,11 @@ int ShortNameReservation::reserve(VELT::DirEntry* dir, const char* file_name,
   for (const auto& p : g_pending) {
     if (p.dir == dir) names.push_back(p.name);
   }
+  std::sort(names.begin(), names.end());
   int r = makeShortName(
       file_name,
       [&names](const std::string& candidate) {
-        return std::find(names.begin(), names.end(), candidate) != names.end();
+        return std::binary_search(names.begin(), names.end(), candidate);
       },
       short_name);
   if (r < 0) return r;

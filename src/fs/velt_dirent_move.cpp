@@ -142,8 +142,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
     const uint16_t old_times[3] = {child->access_date_, child->write_date_, child->write_time_};
     const time_t old_stamps[2] = {child->accessed_, child->modified_};
     auto restore = [&]() {
-      child->name_ = old_name;
-      child->short_name_ = old_short;
+      setChildNames(*child, old_name.c_str(), old_short.c_str());
       child->lfn_ent_count_ = old_lfn_count;
       child->lfn_disk_offsets_.assign(old_lfn.data(), old_lfn.size());
       child->keepRecord(old_record);
@@ -154,8 +153,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
       child->modified_ = old_stamps[1];
     };
 
-    child->short_name_ = short_name;
-    child->name_ = new_name;
+    setChildNames(*child, new_name, short_name.c_str());
     // A rename leaves the write time alone: tools that set it and then rename (rsync) rely on
     // that.
     time_t now = time(nullptr);
