@@ -1,100 +1,81 @@
 #!/usr/bin/env bash
 # Run by hand (as root: it mounts). In one run, on the same card, the same data written
 # sequentially
-#   - through the mount (dd, 1 MiB blocks) and
+#   - through the mount (dd, 1 MiB blocks, fsync before the close) and
 #   - through the direct channel (veltctl write, 64 KiB and 4 KiB records, merged by the daemon),
 # into the root of a plain FAT32 card and into a reserved folder of a VELT card, and read back
-# both ways (to /dev/null: the data is compared after the timing). Each figure is the best of
-# ROUNDS runs (default 3), which keeps other load on the machine out of the comparison. Prints
-# MiB/s for each and the channel/mount ratio.
+# both ways (to /dev/null: the data is compared after the timing). Every round times each path
+# once, one after the other, so a ratio compares runs made under the same load; the table shows
+# the median of ROUNDS rounds (default 3) for the rates and for the channel/mount ratios, and
+# the bytes the card received for each write path per byte of data.
 # Usage: bench/channel_bench.sh [MiB, default 512]   (BUILD_DIR picks the build directory)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
 mib=${1:-512}
 build=${BUILD_DIR:-$top/build}
+rounds=${ROUNDS:-3}
 
 cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j2 --target velt.fuse veltctl mkfs.velt >/dev/null
 
-work=$(mktemp -d /tmp/velt_channel_bench_XXXXXX)
-velt_pid=""
-cleanup() {
-  set +e
-  grep -q " $work/mnt " /proc/mounts && fusermount3 -u "$work/mnt"
-  [ -n "$velt_pid" ] && wait "$velt_pid" 2>/dev/null
-  [ -n "${KEEP_WORK:-}" ] || rm -rf "$work"
-}
-trap cleanup EXIT
-
-now() { date +%s.%N; }
-rate() { awk -v m="$mib" -v a="$1" -v b="$2" 'BEGIN { printf "%.1f", m / (b - a) }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a > 0) printf "%.2f", b / a; else print "-" }'; }
-
-export VELT_ROOT=$work/root
-mkdir -p "$VELT_ROOT/dev" "$VELT_ROOT/tmp" "$work/mnt"
-: >"$VELT_ROOT/dev/mmcblk0p1"
-card=$VELT_ROOT/dev/velt
+velt_bin=$build/velt.fuse
+. bench/lib/mount.sh
+bench_setup velt_channel_bench
+export VELT_WRITE_STATS=$work/card_writes
 card_mib=$((mib * 5 + 1024))
-
-# kind: plain (mkfs.fat, 4 KiB clusters) or velt (mkfs.velt, reserved folder REC whose files
-# hold the whole test file).
-make_card() {
-  rm -f "$card"
-  truncate -s "${card_mib}M" "$card"
-  echo 'start=2048, type=c' | sfdisk -q "$card"
-  if [ "$1" = plain ]; then
-    mkfs.fat -F 32 -s 8 --offset 2048 "$card" $(((card_mib - 1) * 1024)) >/dev/null
-  else
-    "$build/mkfs.velt" /dev/mmcblk0p1 "REC:60:$((mib + 16))" >/dev/null
-  fi
-}
-mount_velt() {
-  # Its own name: a format or exclusive open elsewhere unmounts daemons listed as velt.fuse.
-  "$build/velt.fuse" -f -o fsname=velt-bench "$work/mnt" >>"$work/velt.log" 2>&1 &
-  velt_pid=$!
-  for _ in $(seq 1 3000); do
-    grep -q " $work/mnt " /proc/mounts && stat "$work/mnt" >/dev/null 2>&1 && return 0
-    sleep 0.01
-  done
-  echo "velt.fuse did not mount; see $work/velt.log" >&2
-  exit 1
-}
-umount_velt() {
-  fusermount3 -u "$work/mnt"
-  wait "$velt_pid" || true
-  velt_pid=""
-}
 
 src=$work/source.bin
 head -c "$((mib * 1024 * 1024))" /dev/urandom >"$src"
 ctl="$build/veltctl -t 60000"
 
-rounds=${ROUNDS:-3}
-# best KEY SECONDS: keeps the highest rate seen for KEY.
-declare -A r
-best() {
-  local v
-  v=$(awk -v m="$mib" -v t="$2" 'BEGIN { printf "%.1f", m / t }')
-  if [ -z "${r[$1]:-}" ] || awk -v a="$v" -v b="${r[$1]}" 'BEGIN { exit !(a > b) }'; then
-    r[$1]=$v
-  fi
+sectors() { awk '{ print $2 }' "$VELT_WRITE_STATS" 2>/dev/null || echo 0; }
+# CPU seconds the daemon has used so far (all its threads).
+daemon_cpu() { awk -v hz="$(getconf CLK_TCK)" '{ printf "%.2f", ($14 + $15) / hz }' "/proc/$velt_pid/stat"; }
+median() { tr ' ' '\n' | grep . | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+
+# Per key, one value per round: rate (MiB/s), CPU seconds per GiB (the daemon's and the
+# client's: on a loaded machine the rate depends on the share each gets, the CPU cost does not)
+# and, for writes, card bytes per data byte.
+declare -A rate cpu bytes
+# run KEY COMMAND...: times one path; the card's count is read once the command has returned
+# (each ends with the file closed, its data on the card).
+run() {
+  local key=$1 before cpu0 t
+  shift
+  before=$(sectors)
+  cpu0=$(daemon_cpu)
+  t=$( { TIMEFORMAT='%R %U %S'; time "$@" >/dev/null 2>&1; } 2>&1)
+  rate[$key]+="$(awk -v m="$mib" -v t="${t%% *}" 'BEGIN { printf "%.1f", m / t }') "
+  cpu[$key]+="$(awk -v m="$mib" -v t="$t" -v a="$cpu0" -v b="$(daemon_cpu)" \
+    'BEGIN { split(t, f, " "); printf "%.2f", (f[2] + f[3] + b - a) * 1024 / m }') "
+  bytes[$key]+="$(awk -v a="$before" -v b="$(sectors)" -v m="$mib" \
+    'BEGIN { printf "%.3f", (b - a) * 512 / (m * 1048576) }') "
 }
-timed() { local s e; s=$(now); "$@"; e=$(now); awk -v a="$s" -v b="$e" 'BEGIN { print b - a }'; }
 
 for kind in plain velt; do
-  dir=$work/mnt
-  [ "$kind" = velt ] && dir=$work/mnt/REC
-  make_card "$kind"
+  dir=$mnt
+  if [ "$kind" = plain ]; then
+    make_plain_card "${card_mib}M" -s 8
+  else
+    # A reserved folder REC whose files hold the whole test file.
+    rm -f "$card"
+    truncate -s "${card_mib}M" "$card"
+    echo 'start=2048, type=c' | sfdisk -q "$card"
+    "$build/mkfs.velt" /dev/mmcblk0p1 "REC:60:$((mib + 16))" >/dev/null
+    dir=$mnt/REC
+  fi
   mount_velt
   for round in $(seq 1 "$rounds"); do
     rm -f "$dir"/*.bin
-    best "$kind.fuse.write" "$(timed dd if="$src" of="$dir/fuse.bin" bs=1M status=none)"
-    best "$kind.channel64.write" "$(timed $ctl write -b 65536 "$dir/channel64.bin" <"$src" 2>/dev/null)"
-    best "$kind.channel4.write" "$(timed $ctl write -b 4096 "$dir/channel4.bin" <"$src" 2>/dev/null)"
+    # fsync: the channel's write ends when its close is done, which puts data, chain and record
+    # on the card; the mount's close is answered before its release does the same.
+    run "$kind.fuse.write" dd if="$src" of="$dir/fuse.bin" bs=1M conv=fsync status=none
+    run "$kind.channel64.write" sh -c "$ctl write -b 65536 '$dir/channel64.bin' <'$src'"
+    run "$kind.channel4.write" sh -c "$ctl write -b 4096 '$dir/channel4.bin' <'$src'"
     # Each read opens its file anew, which drops the kernel's cached pages of it.
-    best "$kind.fuse.read" "$(timed dd if="$dir/fuse.bin" of=/dev/null bs=1M count="$mib" status=none)"
-    best "$kind.channel.read" "$(timed sh -c "$ctl read -b 1048576 '$dir/channel64.bin' >/dev/null")"
+    run "$kind.fuse.read" dd if="$dir/fuse.bin" of=/dev/null bs=1M count="$mib" status=none
+    run "$kind.channel.read" sh -c "$ctl read -b 1048576 '$dir/channel64.bin'"
   done
   # Everything written either way holds the data.
   cmp -n "$((mib * 1024 * 1024))" "$dir/fuse.bin" "$src"
@@ -103,17 +84,34 @@ for kind in plain velt; do
   umount_velt
 done
 
-printf '\n%s MiB, best of %s, MiB/s                  %10s %10s %16s\n' "$mib" "$rounds" "mount" \
-  "channel" "channel/mount"
+printf '\n%s MiB, median of %s rounds   %8s %8s %6s %8s %8s %7s %7s\n' "$mib" "$rounds" \
+  "mount" "channel" "ratio" "mount" "channel" "card" "card"
+printf '%-36s %8s %8s %6s %8s %8s %7s %7s\n' "" "MiB/s" "MiB/s" "c/m" "CPU s/G" "CPU s/G" \
+  "mount" "channel"
 for kind in plain velt; do
   case $kind in
-    plain) where="root of a FAT32 card" ;;
+    plain) where="FAT32 root" ;;
     velt) where="reserved folder" ;;
   esac
   for row in "write 64 KiB records:channel64.write:fuse.write" \
-    "write 4 KiB records:channel4.write:fuse.write" "read:channel.read:fuse.read"; do
+    "write 4 KiB records:channel4.write:fuse.write" "read 1 MiB:channel.read:fuse.read"; do
     IFS=: read -r what chan fuse <<<"$row"
-    printf '%-20s, %-21s %10s %10s %16s\n' "$what" "$where" "${r[$kind.$fuse]}" \
-      "${r[$kind.$chan]}" "$(ratio "${r[$kind.$fuse]}" "${r[$kind.$chan]}")"
+    ratios=$(paste -d' ' <(tr ' ' '\n' <<<"${rate[$kind.$chan]}" | grep .) \
+      <(tr ' ' '\n' <<<"${rate[$kind.$fuse]}" | grep .) | awk '{ printf "%.2f ", $1 / $2 }')
+    card_m=-
+    card_c=-
+    if [ "${what#write}" != "$what" ]; then
+      card_m=$(median <<<"${bytes[$kind.$fuse]}")
+      card_c=$(median <<<"${bytes[$kind.$chan]}")
+    fi
+    printf '%-36s %8s %8s %6s %8s %8s %7s %7s\n' "$what, $where" \
+      "$(median <<<"${rate[$kind.$fuse]}")" "$(median <<<"${rate[$kind.$chan]}")" \
+      "$(median <<<"$ratios")" "$(median <<<"${cpu[$kind.$fuse]}")" \
+      "$(median <<<"${cpu[$kind.$chan]}")" "$card_m" "$card_c"
   done
 done
+echo "(ratio: median of the rounds' channel/mount ratios; CPU: daemon and client, seconds per GiB;"
+echo " card: bytes the card received per byte of data)"
+if [ -n "${VERBOSE:-}" ]; then
+  for k in "${!rate[@]}"; do echo "$k: MiB/s ${rate[$k]}| CPU s/GiB ${cpu[$k]}"; done | sort
+fi

@@ -13,35 +13,19 @@ CARD=${CARD:-2G}
 ROUNDS=${ROUNDS:-3}
 VELT_BIN=${VELT_BIN:-$(pwd)/build/velt.fuse}
 
-work=$(mktemp -d "${BENCH_DIR:-/tmp}/velt_commit_XXXXXX")
-pid=""
-cleanup() {
-  set +e
-  grep -q " $work/mnt " /proc/mounts && fusermount3 -u "$work/mnt"
-  [ -n "$pid" ] && wait "$pid" 2>/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
-mkdir -p "$work/mnt" "$work/root/dev" "$work/root/tmp"
-: >"$work/root/dev/mmcblk0p1"
+velt_bin=$VELT_BIN
+. bench/lib/mount.sh
+bench_setup velt_commit
+export VELT_WRITE_STATS=$work/write_stats
 
 run_once() {  # mount options...; prints "seconds card-bytes"
-  local img=$work/root/dev/velt
-  rm -f "$img"
-  truncate -s "$CARD" "$img"
-  echo 'start=2048, type=c' | sfdisk -q "$img"
-  mkfs.fat -F 32 --offset 2048 "$img" $(( ($(stat -c %s "$img") - 1048576) / 1024 )) >/dev/null
-  VELT_ROOT=$work/root VELT_WRITE_STATS=$work/write_stats \
-    "$VELT_BIN" "$@" -f -o fsname=velt-commit-bench "$work/mnt" >"$work/velt.log" 2>&1 &
-  pid=$!
-  for _ in $(seq 1 3000); do grep -q " $work/mnt " /proc/mounts && break; sleep 0.01; done
+  make_plain_card "$CARD"
+  mount_velt "$@"
   local s e
   s=$(date +%s.%N)
-  dd if=/dev/zero of="$work/mnt/recording.mp4" bs=1M count="$MB" conv=fsync status=none
+  dd if=/dev/zero of="$mnt/recording.mp4" bs=1M count="$MB" conv=fsync status=none
   e=$(date +%s.%N)
-  fusermount3 -u "$work/mnt"
-  wait "$pid" || true
-  pid=""
+  umount_velt
   awk -v t="$(awk "BEGIN { print $e - $s }")" '{ printf "%.3f %.0f\n", t, $2 * 512 }' "$work/write_stats"
 }
 
