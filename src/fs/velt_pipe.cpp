@@ -187,7 +187,9 @@ size_t pageRound(size_t size) {
 }
 
 uint8_t* mapBytes(size_t size) {
-  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  // Populated at once: a payload fills all of it, one fault per page would cost more.
+  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE,
+                 -1, 0);
   return p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
 }
 

@@ -150,6 +150,10 @@ class RequestStream {
 
   // `size` bytes of payload into `dest`: 1, 0 or -1 as need().
   int payload(uint8_t* dest, size_t size) {
+    // After a large payload the next header is read on its own, so that the payload behind it
+    // goes straight to its item too instead of through the stage; small records keep the bulk
+    // reads that take many of them at once.
+    large_ = size >= kStraightMin;
     size_t done = std::min(size, available());
     memcpy(dest, data(), done);
     consume(done);
@@ -188,6 +192,9 @@ class RequestStream {
     return 1;
   }
 
+  // The stream is lost: read ahead in bulk again while the marker is looked for.
+  void bulkReads() { large_ = false; }
+
   // Waits up to `ms` for the client to hang up; true when it has.
   bool hungUp(int ms) {
     struct pollfd pfd = {fd_, 0, 0};
@@ -222,7 +229,9 @@ class RequestStream {
       int count = 0;
       if (dest != nullptr) parts[count++] = {dest, dest_size};
       const size_t room = kStageSize - end_;
-      parts[count++] = {stage_.get() + end_, dest != nullptr ? std::min<size_t>(room, kDirectHeaderSize * 4) : room};
+      const bool header_only = dest != nullptr || large_;
+      parts[count++] = {stage_.get() + end_,
+                        header_only ? std::min<size_t>(room, kDirectHeaderSize * 4) : room};
       const size_t asked = (dest != nullptr ? dest_size : 0) + parts[count - 1].iov_len;
       ssize_t n = readv(fd_, parts, count);
       ++reads_;
@@ -257,6 +266,7 @@ class RequestStream {
   size_t pos_ = 0;
   size_t end_ = 0;
   bool may_be_empty_ = true;  // the last read did not fill what it asked for: poll first
+  bool large_ = false;        // the last payload was read straight: stage only headers
 };
 
 // Writes all of the parts to the reply pipe; waits for a slow reader at most kReplyWaitMs at a
@@ -474,6 +484,7 @@ void VELT::pipe_reader() {
         }
         synced = false;
         search.reset();
+        in.bulkReads();
         continue;
       }
       if (check == DirectHeaderCheck::kTooLarge) {
