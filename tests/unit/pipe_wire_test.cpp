@@ -78,33 +78,6 @@ TEST(PipeWire, WriteParameterAndSplicePayload) {
   EXPECT_FALSE(velt::decodeDirectSplice(nullptr, 16, &back));
 }
 
-TEST(PipeWire, OperationClassesPickTheQueues) {
-  struct Row {
-    uint32_t op;
-    uint32_t param;
-    bool event;
-    bool control;
-  } rows[] = {
-      {velt::kDirectOpWrite, 0, false, false},
-      {velt::kDirectOpWriteEvent, 0, true, false},
-      {velt::kDirectOpClose, 0, false, false},
-      {velt::kDirectOpClose, 1, true, false},
-      {velt::kDirectOpClose, 4, false, false},
-      {velt::kDirectOpError, 1, false, false},
-      {velt::kDirectOpOpen, 1, false, true},
-      {velt::kDirectOpCreate, 0, false, true},
-      {velt::kDirectOpRead, 1, false, false},
-      {velt::kDirectOpReadEvent, 0, true, false},
-      {velt::kDirectOpGetSize, 0, false, false},
-      {velt::kDirectOpSpliceEvent, 0, true, false},
-      {99, 1, false, false},
-  };
-  for (const auto& r : rows) {
-    EXPECT_EQ(velt::isDirectEventQueueOp(r.op, r.param), r.event) << r.op << "/" << r.param;
-    EXPECT_EQ(velt::isDirectControlOp(r.op), r.control) << r.op;
-  }
-}
-
 TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
   struct Row {
     std::vector<uint8_t> bytes;
@@ -150,56 +123,6 @@ TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
   EXPECT_TRUE(search.push(0xA8));
   EXPECT_EQ(search.matched(), 0);
   EXPECT_FALSE(search.push(0xEC));
-}
-
-TEST(PipeWire, WorkItemMergesWritesOverTheProvisionalTail) {
-  std::vector<uint8_t> a(4096), b(4096), c(100);
-  for (size_t i = 0; i < a.size(); ++i) a[i] = static_cast<uint8_t>(i);
-  for (size_t i = 0; i < b.size(); ++i) b[i] = static_cast<uint8_t>(0x80 + i * 3);
-  for (size_t i = 0; i < c.size(); ++i) c[i] = static_cast<uint8_t>(0xC0 ^ i);
-
-  VELTWorkItem item(5, velt::kDirectOpWrite, 0, 0, 4096);
-  memcpy(item.data_, a.data(), a.size());
-  item.new_size_offset_ = 16;
-  const uint64_t created = item.created_;
-  EXPECT_EQ(item.updated_, created);
-
-  ASSERT_TRUE(item.appendData(b.data(), 4096, 8));
-  EXPECT_EQ(item.size_, 8176u);  // the first write's last 16 bytes are overwritten
-  EXPECT_GE(item.data_length_, item.size_);
-  EXPECT_EQ(item.new_size_offset_, 8u);
-  EXPECT_GE(item.updated_, created);
-  EXPECT_EQ(0, memcmp(item.data_, a.data(), 4080));
-  EXPECT_EQ(0, memcmp(item.data_ + 4080, b.data(), 4096));
-
-  ASSERT_TRUE(item.appendData(c.data(), 100, 0));
-  EXPECT_EQ(item.size_, 8176u - 8 + 100);
-  EXPECT_EQ(0, memcmp(item.data_ + 8168, c.data(), 100));
-  EXPECT_EQ(0, memcmp(item.data_ + 4080, b.data(), 4088)) << "earlier bytes untouched";
-
-  // Any other item simply grows.
-  VELTWorkItem other(5, velt::kDirectOpRead, 0, 0, 10);
-  memset(other.data_, 1, 10);
-  other.new_size_offset_ = 4;
-  ASSERT_TRUE(other.appendData(c.data(), 5, 0));
-  EXPECT_EQ(other.size_, 15u);
-  EXPECT_EQ(0, memcmp(other.data_ + 10, c.data(), 5));
-}
-
-TEST(PipeWire, WorkItemReplyBuffers) {
-  VELTWorkItem empty(3, velt::kDirectOpRead, 100, 512, 0);
-  EXPECT_EQ(empty.data_, nullptr);
-  EXPECT_EQ(empty.size_, 0u);
-  EXPECT_EQ(empty.param_, 512);
-  ASSERT_TRUE(empty.allocData(512));
-  EXPECT_NE(empty.data_, nullptr);
-  EXPECT_EQ(empty.size_, 512u);
-  EXPECT_EQ(empty.data_length_, 512u);
-  memset(empty.data_, 0x5A, 512);  // the whole buffer is usable
-
-  ASSERT_TRUE(empty.allocData(0)) << "a second allocation replaces the first (reported)";
-  EXPECT_EQ(empty.data_, nullptr);
-  EXPECT_EQ(empty.size_, 0u);
 }
 
 TEST(PipeWire, RandomStreamsGiveBackEveryRecordBetweenTheJunk) {
