@@ -1,11 +1,15 @@
+// Sector I/O over a fake driver: the read runs, the pending write buffer, driver failures and
+// the sector cache.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
-#include <numeric>
+#include <mutex>
 #include <vector>
 
 #include "fake_driver.h"
 
+using velt::VELT;
 using velt_test::DriverRequest;
 using velt_test::FakeVolume;
 
@@ -23,14 +27,32 @@ std::vector<uint8_t> bytes(size_t n, uint8_t seed) {
   return v;
 }
 
+std::vector<uint8_t> pattern(uint32_t sector) { return bytes(512, static_cast<uint8_t>(sector * 7)); }
+
+bool cached(VELT& v, uint32_t sector) {
+  uint8_t buf[512];
+  return v.lookupCache(sector, buf) == 0;
+}
+
+// Sectors that land in the same bucket as `sector`.
+std::vector<uint32_t> sameBucket(const VELT& v, uint32_t sector, int count) {
+  std::vector<uint32_t> found;
+  uint32_t mask = static_cast<uint32_t>(v.cache_hash_size_ - 1);
+  uint32_t want = VELT::cacheHash(sector) & mask;
+  for (uint32_t s = sector + 1; found.size() < static_cast<size_t>(count); ++s) {
+    if ((VELT::cacheHash(s) & mask) == want) found.push_back(s);
+  }
+  return found;
+}
+
 }  // namespace
 
-TEST(BufferedRead, RequestPatterns) {
+TEST(BufferedRead, RequestPatternsShortAnswersAndFailures) {
   FakeVolume f(8192);
   fillCard(f);
   auto& v = *f.volume;
   auto& reqs = f.driver->requests;
-  std::vector<uint8_t> out(4096);
+  std::vector<uint8_t> out(10 * 512);
 
   EXPECT_EQ(v.read(out.data(), 0, 100), 0);
   EXPECT_TRUE(reqs.empty());
@@ -50,15 +72,10 @@ TEST(BufferedRead, RequestPatterns) {
   EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 10 * 512, 512));
   EXPECT_EQ(0, memcmp(out.data() + 512, cached_sector.data(), 512));
   EXPECT_EQ(0, memcmp(out.data() + 1024, f.driver->data_.data() + 12 * 512, 512));
-}
 
-TEST(BufferedRead, ShortAnswersContinueAndFailuresFail) {
-  FakeVolume f(8192);
-  fillCard(f);
-  auto& v = *f.volume;
-  auto& reqs = f.driver->requests;
-  std::vector<uint8_t> out(10 * 512);
-
+  // A short answer is continued; a failure after it fails the whole read.
+  reqs.clear();
+  v.destroyCache();
   f.driver->queueReadAnswer(4);
   ASSERT_EQ(v.read(out.data(), 10 * 512, 20 * 512), 10 * 512);
   EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 20, 10}, {'r', 24, 6}}));
@@ -151,38 +168,90 @@ TEST(BufferedWrite, ReadsSeeThePendingBufferEvenWhenTheCacheCannotHoldIt) {
                       f.driver->data_.data() + 0x10000 + 300 + data.size(), 300));
 }
 
-TEST(BufferedWrite, DriverFailures) {
+TEST(BufferedWrite, FailuresStaleCopiesAndTheUnload) {
   FakeVolume f(8192);
   auto& v = *f.volume;
   ASSERT_EQ(v.createCache(1 << 20), 0);
-  auto data = bytes(1024, 3);
+  auto data = bytes(1024, 3), other = bytes(512, 2);
   ASSERT_EQ(v.write(data.data(), 1024, 0, true), 1024);
   f.driver->queueWriteAnswer(1);  // short: a failure for writes
   EXPECT_EQ(v.flush(), -1);
   EXPECT_EQ(v.write_start_sector_, -1) << "the buffer is emptied even after a failure";
   EXPECT_EQ(v.flush(), 0);
-
   // A write whose flush of the pending buffer fails fails too.
   ASSERT_EQ(v.write(data.data(), 1024, 0, true), 1024);
   f.driver->queueWriteAnswer(-1);
   EXPECT_EQ(v.write(data.data(), 512, 0x10000, true), -1);
-
-  // A partial sector needs the sector's content; a failed read fails the write.
-  v.destroyCache();
-  f.driver->queueReadAnswer(0);
-  EXPECT_EQ(v.write(data.data(), 10, 0x10000, true), -1);
-}
-
-TEST(BufferedWrite, UncachedWriteDropsStaleCopies) {
-  FakeVolume f(8192);
-  auto& v = *f.volume;
-  ASSERT_EQ(v.createCache(1 << 20), 0);
-  auto first = bytes(512, 1), second = bytes(512, 2);
-  ASSERT_EQ(v.write(first.data(), 512, 0, true), 512);
+  // A write that bypasses the cache drops the cached copy of its sector.
+  ASSERT_EQ(v.write(data.data(), 512, 0, true), 512);
   ASSERT_EQ(v.flush(), 0);
-  ASSERT_EQ(v.write(second.data(), 512, 0, false), 512);
+  ASSERT_EQ(v.write(other.data(), 512, 0, false), 512);
   ASSERT_EQ(v.flush(), 0);
   std::vector<uint8_t> out(512);
   ASSERT_EQ(v.read(out.data(), 512, 0), 512);
-  EXPECT_EQ(out, second);
+  EXPECT_EQ(out, other);
+  // The unload writes out what is pending.
+  f.driver->requests.clear();
+  ASSERT_EQ(v.write(data.data(), 1024, 0x8000, true), 1024);
+  EXPECT_TRUE(f.driver->requests.empty());
+  {
+    std::lock_guard<std::mutex> lock(v.mutex_);
+    v.unload();
+  }
+  EXPECT_EQ(0, memcmp(f.disk->data() + 0x8000, data.data(), data.size()));
+  // Without a cache, a partial sector needs the sector's content; a failed read fails the write.
+  FakeVolume g(8192);
+  g.driver->queueReadAnswer(0);
+  EXPECT_EQ(g.volume->write(data.data(), 10, 0x10000, true), -1);
+}
+
+TEST(SectorCache, ReplacesInOrderOfFirstStore) {
+  VELT v("/dev/mmcblk0p1", 1, 0, 0);
+  uint8_t buf[512] = {};
+  EXPECT_EQ(v.lookupCache(1, buf), -1) << "no cache yet";
+  EXPECT_EQ(v.updateCache(1, buf), -1);
+  ASSERT_EQ(v.createCache(2048), 0);  // 4 entries
+  EXPECT_EQ(v.createCache(1 << 20), -1) << "a second creation keeps the first";
+  for (uint32_t s = 10; s <= 13; ++s) ASSERT_EQ(v.updateCache(s, pattern(s).data()), 0);
+  EXPECT_TRUE(cached(v, 10));  // a hit does not make 10 younger
+  ASSERT_EQ(v.updateCache(14, pattern(14).data()), 0);
+  EXPECT_FALSE(cached(v, 10));
+  for (uint32_t s = 11; s <= 14; ++s) EXPECT_TRUE(cached(v, s)) << s;
+  // Overwriting 11 keeps its place: it is still the next victim, with the new content meanwhile.
+  auto fresh = pattern(99);
+  ASSERT_EQ(v.updateCache(11, fresh.data()), 0);
+  ASSERT_EQ(v.lookupCache(11, buf), 0);
+  EXPECT_EQ(0, memcmp(buf, fresh.data(), 512));
+  ASSERT_EQ(v.updateCache(15, pattern(15).data()), 0);
+  EXPECT_FALSE(cached(v, 11));
+  for (uint32_t s = 12; s <= 15; ++s) EXPECT_TRUE(cached(v, s)) << s;
+  v.destroyCache();
+  EXPECT_FALSE(cached(v, 15));
+}
+
+TEST(SectorCache, VictimAnywhereInItsBucketChain) {
+  // Three sectors of one bucket are stored; the chain is newest first. Each case makes a
+  // different one of them the oldest, so the victim sits at the end, middle or head.
+  for (int victim_pos = 0; victim_pos < 3; ++victim_pos) {
+    VELT v("/dev/mmcblk0p1", 1, 0, 0);
+    ASSERT_EQ(v.createCache(1536), 0);  // 3 entries
+    auto others = sameBucket(v, 100, 2);
+    std::vector<uint32_t> chain = {100, others[0], others[1]};
+    // Store order decides age; the chain order is reverse store order.
+    std::vector<uint32_t> order = chain;
+    std::rotate(order.begin(), order.begin() + victim_pos, order.end());
+    for (uint32_t s : order) ASSERT_EQ(v.updateCache(s, pattern(s).data()), 0);
+    uint32_t oldest = order[0];
+    ASSERT_EQ(v.updateCache(7, pattern(7).data()), 0);
+    for (uint32_t s : chain) {
+      uint8_t buf[512];
+      if (s == oldest) {
+        EXPECT_NE(v.lookupCache(s, buf), 0) << "victim " << s;
+      } else {
+        ASSERT_EQ(v.lookupCache(s, buf), 0) << "survivor " << s << " case " << victim_pos;
+        EXPECT_EQ(0, memcmp(buf, pattern(s).data(), 512));
+      }
+    }
+    EXPECT_TRUE(cached(v, 7));
+  }
 }

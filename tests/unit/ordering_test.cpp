@@ -4,6 +4,7 @@
 // touches (file data, FAT, a folder's records, FSInfo, flush) and checks its rules.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -85,32 +86,19 @@ struct Card : velt_test::FakeCard {
 
 std::string join(const std::vector<std::string>& t) {
   std::string s;
-  for (const auto& x : t) s += (s.empty() ? "" : " ") + x;
+  for (const auto& x : t) s += " " + x;
   return s;
 }
 
 // `a` reaches the card, and is flushed, before the first `b` is written.
 ::testing::AssertionResult flushedBefore(const std::vector<std::string>& t, const std::string& a,
                                          const std::string& b) {
-  size_t first_b = t.size();
-  for (size_t i = 0; i < t.size(); ++i) {
-    if (t[i] == b) {
-      first_b = i;
-      break;
-    }
+  const size_t first_b = std::find(t.begin(), t.end(), b) - t.begin();
+  const size_t last_a = std::find(t.rbegin() + (t.size() - first_b), t.rend(), a).base() - t.begin();
+  if (first_b == t.size() || last_a == 0 ||
+      std::find(t.begin() + last_a, t.begin() + first_b, "flush") == t.begin() + first_b) {
+    return ::testing::AssertionFailure() << "no " << a << ", flush, " << b << " in" << join(t);
   }
-  if (first_b == t.size()) return ::testing::AssertionFailure() << "no " << b << " in " << join(t);
-  bool seen_a = false, flushed = false;
-  for (size_t i = 0; i < first_b; ++i) {
-    if (t[i] == a) {
-      seen_a = true;
-      flushed = false;
-    } else if (t[i] == "flush") {
-      flushed = true;
-    }
-  }
-  if (!seen_a) return ::testing::AssertionFailure() << "no " << a << " before " << b << ": " << join(t);
-  if (!flushed) return ::testing::AssertionFailure() << "no flush between " << a << " and " << b << ": " << join(t);
   return ::testing::AssertionSuccess();
 }
 
