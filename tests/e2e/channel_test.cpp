@@ -1,7 +1,6 @@
 // The direct channel and the ioctl commands of a mounted daemon, where only a real mount shows
 // them: a client process killed mid-stream, the veltctl tool, and the control commands through
-// the kernel. Framing, hostile clients, bounds and queueing are the unit pipe tests' part; the
-// reserved model test drives recordings through the channel. fsck.fat and mtools judge the card.
+// the kernel. fsck.fat and mtools judge the card.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -27,8 +26,6 @@ namespace {
 
 using velt::client::DirectClient;
 
-constexpr int64_t kReservedFileBytes = 4ll << 20;  // MountedCard's REC holds 4 MiB files
-
 uint8_t pattern(int64_t i) {
   return static_cast<uint8_t>((static_cast<uint64_t>(i) * 2654435761u) >> 13);
 }
@@ -50,22 +47,17 @@ class Channel : public ::testing::Test {
     ASSERT_TRUE(card_.start(CardKind::kVelt)) << card_.error();
     root_ = std::make_unique<CardImage::RootScope>(card_.card());  // clients find its pipes
   }
-
-  // Waits until the daemon has written `what`.
-  bool waitForOutput(const std::string& what) {
-    for (int i = 0; i < 500; ++i) {
-      if (card_.daemon().out().find(what) != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+  ShellResult veltctl(const std::string& args) {
+    return runShell(shellQuote(std::string(VELT_BINARY_DIR) + "/veltctl") + " -t 20000 " + args);
   }
+  std::string quoted(const char* rel) { return shellQuote(card_.path(rel)); }
 
   MountedCard card_;
   std::unique_ptr<CardImage::RootScope> root_;
 };
 
 TEST_F(Channel, AKilledClientLosesNothingItSentAndTheNextClientIsServed) {
-  constexpr int64_t kBytes = kReservedFileBytes - 12345;
+  constexpr int64_t kBytes = (4 << 20) - 12345;  // within one of REC's 4 MiB files
   const std::string file = card_.path("REC/killed.bin");
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
@@ -75,7 +67,6 @@ TEST_F(Channel, AKilledClientLosesNothingItSentAndTheNextClientIsServed) {
     // The client: create, leave a read waiting for data that never comes, send everything
     // (each write returned: the bytes are in the pipe or taken by the daemon), tell the
     // parent, then wait to be killed with nothing closed.
-    close(ready[0]);
     DirectClient client;
     int fd = client.connect(5000) == 0 ? client.create(file, 0, 5000) : -1;
     bool ok = fd >= 3 && client.sendRead(fd, kBytes, 4096) == 0;
@@ -86,7 +77,7 @@ TEST_F(Channel, AKilledClientLosesNothingItSentAndTheNextClientIsServed) {
       ok = client.write(fd, off, data.data(), static_cast<uint32_t>(n), 0,
                         off == 0 ? velt::kDirectFlagSecure : 0u) == 0;
     }
-    char status = ok ? 'y' : 'n';
+    const char status = ok ? 'y' : 'n';
     if (write(ready[1], &status, 1) != 1) _exit(2);
     for (;;) pause();
   }
@@ -97,8 +88,12 @@ TEST_F(Channel, AKilledClientLosesNothingItSentAndTheNextClientIsServed) {
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   ASSERT_EQ(status, 'y');
-  ASSERT_TRUE(waitForOutput("killed.bin\" \n")) << "the teardown closes the file\n"
-                                                << card_.daemon().out();
+  bool closed = false;  // the teardown closes the file
+  for (int i = 0; i < 500 && !closed; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    closed = card_.daemon().out().find("killed.bin\" \n") != std::string::npos;
+  }
+  ASSERT_TRUE(closed) << card_.daemon().out();
 
   DirectClient next;
   ASSERT_EQ(next.connect(5000), 0);
@@ -118,84 +113,47 @@ TEST_F(Channel, AKilledClientLosesNothingItSentAndTheNextClientIsServed) {
   EXPECT_EQ(offPattern(on_card.substr(0, kBytes)), -1);
 }
 
-TEST_F(Channel, VeltctlDrivesTheChannelAndCloseWithUnlinkRemovesFiles) {
-  const std::string ctl = shellQuote(std::string(VELT_BINARY_DIR) + "/veltctl") + " -t 20000 ";
+TEST_F(Channel, VeltctlAndControlCommandsThroughTheMount) {
   const std::string data = shellQuote(card_.card().dir() + "/data.bin");
-  auto quoted = [this](const char* rel) { return shellQuote(card_.path(rel)); };
   ASSERT_EQ(runShell("head -c 3000000 /dev/urandom > " + data).status, 0);
+  // Written, sized and read back through the channel (whole and in part) and through the mount;
+  // a reserved file's size is its preallocated one, its real size what was written.
   for (const char* rel : {"plain.bin", "REC/rec.bin"}) {
     SCOPED_TRACE(rel);
-    const bool reserved = rel[0] == 'R';
     const std::string p = quoted(rel);
-    ShellResult r = runShell(ctl + "write -b 100000 " + p + " < " + data);
+    ShellResult r = veltctl("write -b 100000 " + p + " < " + data);
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_NE(r.err.find("3000000 bytes written"), std::string::npos) << r.err;
-    r = runShell(ctl + "size " + p);
-    EXPECT_EQ(r.out, "size " + std::to_string(reserved ? kReservedFileBytes : 3000000) +
-                         "\nreal size 3000000\n")
-        << r.err;
-    // Read whole and in part through the channel, and through the mount.
-    for (const std::string& check :
-         {ctl + "read " + p + " | cmp - " + data,
-          ctl + "read -o 2999000 -s 1000 " + p + " | cmp - " + data + " 0 2999000",
-          "cmp -n 3000000 " + p + " " + data}) {
-      r = runShell(check);
-      EXPECT_EQ(r.status, 0) << check << "\n" << r.out << r.err;
+    r = veltctl("size " + p);
+    EXPECT_EQ(r.out, std::string("size ") + (rel[0] == 'R' ? "4194304" : "3000000") +
+                         "\nreal size 3000000\n") << r.err;
+    for (const std::string& check : {"read " + p + " | cmp - " + data,
+                                     "read -o 2999000 -s 1000 " + p + " | cmp - " + data +
+                                         " 0 2999000"}) {
+      EXPECT_EQ(veltctl(check).status, 0) << check;
     }
+    EXPECT_EQ(runShell("cmp -n 3000000 " + p + " " + data).status, 0);
   }
-  ShellResult r = runShell(ctl + "splice -o 1000 -n 5000 " + quoted("plain.bin") + " " +
-                           quoted("part.bin"));
+  ShellResult r = veltctl("splice -o 1000 -n 5000 " + quoted("plain.bin") + " " + quoted("part.bin"));
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   r = runShell("bash -c " + shellQuote("cmp " + quoted("part.bin") + " <(tail -c +1001 " + data +
                                        " | head -c 5000)"));
   EXPECT_EQ(r.status, 0) << r.out << r.err;
-
   // Close with unlink: gone from the mount at once, and from the card.
-  for (const char* rel : {"plain.bin", "REC/rec.bin", "part.bin"}) {
-    r = runShell(ctl + "rm " + quoted(rel));
-    EXPECT_EQ(r.status, 0) << rel << ": " << r.out << r.err;
+  for (const char* rel : {"plain.bin", "REC/rec.bin"}) {
+    EXPECT_EQ(veltctl("rm " + quoted(rel)).status, 0) << rel;
     struct stat st;
     EXPECT_NE(stat(card_.path(rel).c_str(), &st), 0) << rel;
   }
-  // Refusals, each with its reason.
-  DirectClient holder;
-  const struct {
-    std::string command;
-    const char* reason;
-  } refusals[] = {
-      {ctl + "rm " + quoted("plain.bin"), "No such file"},
-      {ctl + "size /elsewhere/x", "Invalid argument"},
-      {ctl + "size " + quoted("REC"), "another client is using the channel"},
+
+  // ioctl on an open file of the mount: records cross the kernel both ways; data stays right
+  // whatever the cache.
+  auto control = [](int fd, unsigned int command, void* record) {
+    return ioctl(fd, command, record) < 0 ? -errno : 0;
   };
-  for (const auto& refusal : refusals) {
-    // One client at a time: the last refusal runs while another client holds the channel.
-    if (refusal.reason[0] == 'a') {
-      ASSERT_EQ(holder.connect(5000), 0);
-    }
-    r = runShell(refusal.command);
-    EXPECT_NE(r.status, 0) << refusal.command;
-    EXPECT_NE(r.err.find(refusal.reason), std::string::npos) << refusal.command << ": " << r.err;
-  }
-  holder.disconnect();
-
-  card_.unmountAndCheck();
-  r = card_.mtools("mdir -/ -b ::/");
-  for (const char* name : {"PLAIN.BIN", "PART.BIN", "REC.BIN"}) {
-    EXPECT_EQ(r.out.find(name), std::string::npos) << r.out;
-  }
-}
-
-// ioctl on an open file of the mount: 0 or -errno.
-int control(int fd, unsigned int command, void* record) {
-  return ioctl(fd, command, record) < 0 ? -errno : 0;
-}
-
-TEST_F(Channel, ControlCommandsThroughTheMount) {
-  const std::string a = card_.path("a.bin");
-  ASSERT_EQ(runShell("head -c 12345 /dev/zero > " + shellQuote(a)).status, 0);
+  const std::string a = card_.path("part.bin");
   int fd = open(a.c_str(), O_RDWR);
   ASSERT_GE(fd, 0);
-  // Commands and their records cross the kernel both ways; data stays right whatever the cache.
   for (int32_t size : {512, 4096, 0}) {
     int32_t asked = size;
     EXPECT_EQ(control(fd, velt::VELT_IOC_SET_CACHE_SIZE, &asked), size == 512 ? -EINVAL : 0);
@@ -215,7 +173,7 @@ TEST_F(Channel, ControlCommandsThroughTheMount) {
   uint32_t handle = 0;
   for (uint32_t h = 3; h < 200 && handle == 0; ++h) {
     record.handle = h;
-    if (control(fd, velt::VELT_IOC_GET_FILE_SIZE, &record) == 0 && record.size == 12345) handle = h;
+    if (control(fd, velt::VELT_IOC_GET_FILE_SIZE, &record) == 0 && record.size == 5000) handle = h;
   }
   ASSERT_NE(handle, 0u);
   int other = open(a.c_str(), O_RDONLY);
@@ -230,25 +188,38 @@ TEST_F(Channel, ControlCommandsThroughTheMount) {
   EXPECT_EQ(result, -ENOENT);
   close(other);
 
-  // The same commands through veltctl.
-  const std::string ctl = shellQuote(std::string(VELT_BINARY_DIR) + "/veltctl") + " ";
+  // veltctl's commands and refusals, each with its reason; the last while another client holds
+  // the channel.
+  DirectClient holder;
   const struct {
     std::string args;
     bool ok;
     const char* shown;  // in the output (stdout and stderr)
   } rows[] = {
-      {"queues " + shellQuote(a), true, "normal 0\nevent 0\n"},
-      {"cache-size " + shellQuote(a) + " 512", false, ""},
-      {"cache-size " + shellQuote(a) + " 2K", true, ""},
-      {"cache-mode " + shellQuote(a) + " 1", true, ""},
-      {"file-size " + shellQuote(a) + " 100000", false, "No such file"},
+      {"queues " + quoted("part.bin"), true, "normal 0\nevent 0\n"},
+      {"cache-size " + quoted("part.bin") + " 512", false, ""},
+      {"cache-size " + quoted("part.bin") + " 2K", true, ""},
+      {"cache-mode " + quoted("part.bin") + " 1", true, ""},
+      {"file-size " + quoted("part.bin") + " 100000", false, "No such file"},
+      {"rm " + quoted("plain.bin"), false, "No such file"},
+      {"size /elsewhere/x", false, "Invalid argument"},
+      {"rm " + quoted("part.bin"), true, ""},
+      {"size " + quoted("REC"), false, "another client is using the channel"},
   };
   for (const auto& row : rows) {
-    ShellResult r = runShell(ctl + row.args);
+    if (row.shown[0] == 'a') {
+      ASSERT_EQ(holder.connect(5000), 0);
+    }
+    r = veltctl(row.args);
     EXPECT_EQ(r.status == 0, row.ok) << row.args << ": " << r.err;
     EXPECT_NE((r.out + r.err).find(row.shown), std::string::npos) << row.args << ": " << r.err;
   }
+  holder.disconnect();
   card_.unmountAndCheck();
+  r = card_.mtools("mdir -/ -b ::/");
+  for (const char* name : {"PLAIN.BIN", "PART.BIN", "REC.BIN"}) {
+    EXPECT_EQ(r.out.find(name), std::string::npos) << r.out;
+  }
 }
 
 }  // namespace

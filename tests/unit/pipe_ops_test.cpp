@@ -1,36 +1,432 @@
-// The direct channel's operations on a fake card, as the worker carries them out: open and
-// create, writes (merged and not), reads that are served, parked, refused and completed, the
-// size queries, splices, closes with and without unlink, and the teardown flush.
+// The direct channel without its threads: the wire format and the marker search, the queues
+// (where each request goes, merging, the order the worker takes them, on an injected clock), the
+// worker's operations on a fake card, and the ioctl callback called directly.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <random>
 #include <string>
 #include <vector>
 
 #include "fake_driver.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
+#include "fs/velt_fuse.h"
+#include "fs/velt_fuse_ioctl.h"
 #include "fs/velt_pipe.h"
 #include "log_capture.h"
-#include "utils/Log.h"
 
+using velt::DirectHeader;
+using velt::DirectMarkerSearch;
 using velt::VELT;
 using velt::VELTWorkItem;
+using velt::test::LogCapture;
 
 namespace {
 
-using velt::test::LogCapture;
+uint8_t pattern(int64_t i) { return static_cast<uint8_t>((i * 7 + (i >> 8)) & 0xFF); }
 
-uint8_t pattern(int64_t i) {
-  return static_cast<uint8_t>((i * 7 + (i >> 8)) & 0xFF);
+bool sameHeader(const DirectHeader& a, const DirectHeader& b) {
+  return a.length == b.length && a.fd == b.fd && a.op == b.op && a.offset == b.offset &&
+         a.param == b.param;
 }
 
-// 64 MiB card formatted in memory with an empty root; requests are carried out one by one as
-// the worker would.
+}  // namespace
+
+TEST(PipeWire, HeaderWriteParameterAndSpliceBytes) {
+  const DirectHeader h{0x01020304, -2, velt::kDirectOpSplice, 0x1122334455667788ll, 0xA0B0C0D0};
+  uint8_t bytes[28];
+  velt::encodeDirectHeader(h, bytes);
+  const uint8_t expect[28] = {0xFD, 0xEC, 0xB9, 0xA8, 0x04, 0x03, 0x02, 0x01, 0xFE, 0xFF,
+                              0xFF, 0xFF, 0x0B, 0x00, 0x00, 0x00, 0x88, 0x77, 0x66, 0x55,
+                              0x44, 0x33, 0x22, 0x11, 0xD0, 0xC0, 0xB0, 0xA0};
+  EXPECT_EQ(0, memcmp(bytes, expect, sizeof(expect)));
+  EXPECT_TRUE(velt::hasDirectMarker(bytes));
+  for (const DirectHeader& r : {h, DirectHeader{0xFFFFFFFF, INT32_MIN, 0xFFFFFFFF, INT64_MIN, 1}}) {
+    velt::encodeDirectHeader(r, bytes);
+    EXPECT_TRUE(sameHeader(velt::decodeDirectHeader(bytes), r));
+  }
+  bytes[3] = 0xA9;
+  EXPECT_FALSE(velt::hasDirectMarker(bytes));
+
+  constexpr uint32_t param = velt::directWriteParam(16, velt::kDirectFlagSecure);
+  static_assert(param == 0x00080010);
+  EXPECT_EQ(velt::directWriteNewSizeOffset(param), 16u);
+  EXPECT_EQ(velt::directWriteFlags(param), velt::kDirectFlagSecure);
+  EXPECT_EQ(velt::directWriteFlags(velt::directWriteParam(0xFFFF, 0xFFFF)), 0xFFFFu);
+
+  velt::DirectSplice s{9, -5, 0x80000001}, back;
+  uint8_t sp[28] = {};
+  velt::encodeDirectSplice(s, sp);
+  const uint8_t sp_expect[16] = {9, 0, 0, 0, 0xFB, 0xFF, 0xFF, 0xFF,
+                                 0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0x00, 0x00, 0x80};
+  EXPECT_EQ(0, memcmp(sp, sp_expect, 16));
+  ASSERT_TRUE(velt::decodeDirectSplice(sp, 16, &back));
+  EXPECT_TRUE(back.out_fd == 9u && back.out_offset == -5 && back.size == 0x80000001u);
+  for (size_t wrong : {0, 15, 17, 28}) EXPECT_FALSE(velt::decodeDirectSplice(sp, wrong, &back));
+  EXPECT_FALSE(velt::decodeDirectSplice(nullptr, 16, &back));
+}
+
+TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
+  struct Row {
+    std::vector<uint8_t> bytes;
+    int completes_at;  // index of the byte that completes the marker; -1 none
+  } rows[] = {
+      {{0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 4},
+      {{0xFD, 0xEC, 0xB9, 0xA8}, 3},
+      // The byte that breaks a partial match is not tried as the first marker byte.
+      {{0xFD, 0xFD, 0xEC, 0xB9, 0xA8}, -1},
+      {{0xFD, 0xEC, 0xFD, 0xEC, 0xB9, 0xA8}, -1},
+      {{0xFD, 0xEC, 0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 6},
+      {{0xA8, 0xB9, 0xEC, 0xFD}, -1},
+      {{0xFD, 0xEC, 0xB9, 0x00, 0xA8}, -1},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.bytes.size());
+    DirectMarkerSearch search;
+    int at = -1;
+    for (size_t i = 0; at < 0 && i < r.bytes.size(); ++i) {
+      if (search.push(r.bytes[i])) at = static_cast<int>(i);
+    }
+    EXPECT_EQ(at, r.completes_at);
+    // The bulk scan agrees, wherever the bytes are split between two reads.
+    for (size_t split = 0; split <= r.bytes.size(); ++split) {
+      DirectMarkerSearch bulk;
+      size_t used = 0;
+      int found = -1;
+      if (velt::findDirectMarker(bulk, r.bytes.data(), split, &used)) {
+        found = static_cast<int>(used) - 1;
+      } else if (velt::findDirectMarker(bulk, r.bytes.data() + split, r.bytes.size() - split,
+                                        &used)) {
+        found = static_cast<int>(split + used) - 1;
+      }
+      EXPECT_EQ(found, r.completes_at) << "split at " << split;
+    }
+  }
+  // After a completed marker the search starts over.
+  DirectMarkerSearch search;
+  for (uint8_t b : {0xFD, 0xEC, 0xB9}) EXPECT_FALSE(search.push(b));
+  EXPECT_EQ(search.matched(), 3);
+  EXPECT_TRUE(search.push(0xA8));
+  EXPECT_EQ(search.matched(), 0);
+  EXPECT_FALSE(search.push(0xEC));
+}
+
+TEST(PipeWire, RandomStreamsGiveBackEveryRecordBetweenTheJunk) {
+  // Valid records, junk (no marker byte) and headers with a short length: the framing returns
+  // exactly the valid records, in order, and counts every header that sent it back to the search.
+  std::mt19937 rng(2024);
+  for (int round = 0; round < 200; ++round) {
+    SCOPED_TRACE(round);
+    std::vector<uint8_t> stream;
+    std::vector<std::pair<DirectHeader, std::vector<uint8_t>>> expected, got;
+    size_t broken = 0;
+    bool synced = false;
+    for (int k = 0, segments = 1 + static_cast<int>(rng() % 12); k < segments; ++k) {
+      const int kind = static_cast<int>(rng() % 4);
+      if (kind <= 1) {
+        std::vector<uint8_t> payload(rng() % 300);
+        for (auto& b : payload) b = static_cast<uint8_t>(rng());
+        const DirectHeader h{static_cast<uint32_t>(velt::kDirectHeaderSize + payload.size()),
+                             static_cast<int32_t>(rng()), static_cast<uint32_t>(rng() % 14),
+                             static_cast<int64_t>(rng()) << 8, static_cast<uint32_t>(rng())};
+        stream.resize(stream.size() + velt::kDirectHeaderSize);
+        velt::encodeDirectHeader(h, stream.data() + stream.size() - velt::kDirectHeaderSize);
+        stream.insert(stream.end(), payload.begin(), payload.end());
+        expected.emplace_back(h, payload);
+        synced = true;
+      } else {
+        // Junk: when synchronised its first 28 bytes are taken for a header with a broken
+        // marker. Or a marked header with a short length, refused whether looked for or not.
+        std::vector<uint8_t> junk(28 + rng() % 100);
+        for (auto& b : junk) b = static_cast<uint8_t>(rng() % 0xF0);
+        if (kind == 3) velt::encodeDirectHeader({static_cast<uint32_t>(rng() % 28)}, junk.data());
+        if (synced || kind == 3) ++broken;
+        synced = false;
+        stream.insert(stream.end(), junk.begin(), junk.end());
+      }
+    }
+    const velt::DirectStreamCounts counts = velt::parseDirectStream(
+        stream.data(), stream.size(), [&](const DirectHeader& h, const uint8_t* p, size_t n) {
+          got.emplace_back(h, std::vector<uint8_t>(p, p + n));
+        });
+    ASSERT_EQ(got.size(), expected.size());
+    for (size_t i = 0; i < got.size(); ++i) {
+      EXPECT_TRUE(sameHeader(got[i].first, expected[i].first));
+      EXPECT_EQ(got[i].second, expected[i].second);
+    }
+    EXPECT_EQ(counts.broken, broken);
+    EXPECT_EQ(counts.too_large, 0u);
+  }
+  // A record above the largest payload is counted, and its payload (as far as it goes) skipped.
+  std::vector<uint8_t> stream(velt::kDirectHeaderSize + 10, 0x11);
+  velt::encodeDirectHeader({velt::kDirectHeaderSize + velt::kDirectPayloadMax + 1}, stream.data());
+  const auto counts = velt::parseDirectStream(stream.data(), stream.size(), [](auto&&...) {});
+  EXPECT_EQ(counts.too_large, 1u);
+  EXPECT_EQ(counts.records, 1u);
+}
+
+namespace {
+
+// A volume object that is never loaded: only its channel queues are used, on its own clock.
+struct Queues {
+  Queues() : v("/dev/mmcblk0p1", 1, velt::kVELTOpMount, 0) {
+    v.direct_clock_ = [this] { return now; };
+    v.last_normal_fetch_ = 0;
+  }
+  ~Queues() {  // dropping what is queued gives no reply
+    v.flushAllRequests(nullptr, false, false);
+    EXPECT_TRUE(v.control_requests_.empty() && v.normal_requests_.empty() &&
+                v.event_requests_.empty() && v.responses_.empty());
+  }
+  // A request as the receiver makes it, stamped with the channel clock, queued.
+  VELTWorkItem* queue(int32_t fd, uint32_t op, int64_t offset, int32_t param, uint32_t size,
+                      uint8_t fill = 0, uint32_t new_size_offset = 0) {
+    auto* r = new VELTWorkItem(fd, op, offset, param, size);
+    if (size > 0) memset(r->data_, fill, size);
+    r->new_size_offset_ = new_size_offset;
+    r->created_ = r->updated_ = now;
+    std::lock_guard<std::mutex> lock(v.request_mutex_);
+    v.__queueRequest(r);
+    return r;
+  }
+  // Takes the next request; null when none may be taken.
+  std::unique_ptr<VELTWorkItem> fetch() {
+    std::lock_guard<std::mutex> lock(v.request_mutex_);
+    return std::unique_ptr<VELTWorkItem>(v.__fetchRequest());
+  }
+  std::vector<int32_t> fetchAll() {
+    std::vector<int32_t> fds;
+    while (auto next = fetch()) fds.push_back(next->fd_);
+    return fds;
+  }
+  uint64_t now = 1000000;
+  VELT v;
+};
+
+}  // namespace
+
+TEST(PipeQueue, EachRequestGoesToItsQueue) {
+  Queues q;
+  const auto C = &q.v.control_requests_, N = &q.v.normal_requests_, E = &q.v.event_requests_;
+  const struct {
+    uint32_t op;
+    int32_t param;
+    std::list<VELTWorkItem*>* queue;
+  } rows[] = {
+      {velt::kDirectOpOpen, 3, C},        {velt::kDirectOpCreate, 0, C},
+      {velt::kDirectOpClose, 0, N},       {velt::kDirectOpClose, velt::kDirectFlagEvent, E},
+      {velt::kDirectOpWriteEvent, 0, E},  {velt::kDirectOpReadEvent, 0, E},
+      {velt::kDirectOpSpliceEvent, 0, E}, {velt::kDirectOpWrite, 0, N},
+      {velt::kDirectOpError, 0, N},       {velt::kDirectOpRead, 0, N},
+      {velt::kDirectOpGetRealSize, 0, N}, {velt::kDirectOpGetSize, 0, N},
+      {velt::kDirectOpSplice, 0, N},      {77, 0, N},
+  };
+  int fd = 10;
+  for (const auto& r : rows) {
+    q.queue(++fd, r.op, 0, r.param, 0);
+    ASSERT_FALSE(r.queue->empty());
+    EXPECT_EQ(r.queue->back()->fd_, fd) << "op " << r.op;
+  }
+  uint32_t normal = 0, event = 0;
+  q.v.getDirectQueueLengths(&normal, &event);
+  EXPECT_EQ(normal, 8u);
+  EXPECT_EQ(event, 4u);
+}
+
+TEST(PipeQueue, ContiguousWritesMergeIntoOneCardWrite) {
+  Queues q;
+  // 4,096 bytes at 0 whose last 16 are provisional, then 4,096 at 4,080 20 ms later.
+  q.queue(5, velt::kDirectOpWrite, 0, 0, 4096, 0xAA, 16);
+  q.now += 20000;
+  q.queue(5, velt::kDirectOpWrite, 4080, velt::kDirectFlagSecure, 4096, 0xBB);
+  ASSERT_EQ(q.v.normal_requests_.size(), 1u);
+  EXPECT_EQ(q.fetch(), nullptr) << "still growing 20 ms after the append";
+  q.now += velt::kDirectGrowUs;
+  auto merged = q.fetch();
+  ASSERT_NE(merged, nullptr);
+  EXPECT_EQ(merged->offset_, 0);
+  EXPECT_EQ(merged->size_, 8176u);
+  EXPECT_EQ(merged->new_size_offset_, 0u);
+  EXPECT_NE(merged->param_ & velt::kDirectFlagSecure, 0) << "flags of the appended write kept";
+  for (uint32_t i = 0; i < merged->size_; ++i) {
+    ASSERT_EQ(merged->data_[i], i < 4080 ? 0xAA : 0xBB) << "byte " << i;
+  }
+  EXPECT_EQ(q.fetch(), nullptr);
+
+  const struct {
+    const char* what;
+    int32_t fd;
+    uint32_t op;
+    int64_t offset;
+    uint32_t first_size;
+    size_t queued;     // items in the first write's queue afterwards
+    bool first_ready;  // ready bit set on the first write
+  } rows[] = {
+      {"contiguous", 5, velt::kDirectOpWrite, 1000, 1000, 1, false},
+      {"gap", 5, velt::kDirectOpWrite, 1001, 1000, 2, true},
+      {"overlap", 5, velt::kDirectOpWrite, 999, 1000, 2, true},
+      {"other file", 6, velt::kDirectOpWrite, 1000, 1000, 2, false},
+      {"event twin", 5, velt::kDirectOpWriteEvent, 1000, 1000, 1, false},
+      {"merged length 0xFFFFF", 5, velt::kDirectOpWrite, 0xFFFFF - 1000, 0xFFFFF - 1000, 1, false},
+      {"merged length 0x100000", 5, velt::kDirectOpWrite, 0xFFFFF - 999, 0xFFFFF - 999, 2, true},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.what);
+    Queues q;
+    VELTWorkItem* first = q.queue(5, velt::kDirectOpWrite, 0, 0, r.first_size, 1);
+    q.queue(r.fd, r.op, r.offset, 0, 1000, 2);
+    EXPECT_EQ(q.v.normal_requests_.size(), r.queued);
+    EXPECT_EQ((first->param_ & velt::kDirectFlagReady) != 0, r.first_ready);
+    const bool merged = r.queued == 1 && r.op == velt::kDirectOpWrite;
+    EXPECT_EQ(first->size_, r.first_size + (merged ? 1000 : 0));
+  }
+}
+
+TEST(PipeQueue, GrowingWritesWaitTheirWindow) {
+  const struct {
+    const char* what;
+    uint64_t age;  // microseconds since the last append
+    int32_t flags;
+    bool stop;
+    bool taken;
+    bool trickle = false;  // appended every 10 ms until then
+  } rows[] = {
+      {"10 ms old", 10000, 0, false, false},
+      {"just inside the window", velt::kDirectGrowUs - 1, 0, false, false},
+      {"window over", velt::kDirectGrowUs, 0, false, true},
+      {"ready", 0, velt::kDirectFlagReady, false, true},
+      {"stopping", 0, 0, true, true},
+      // Appended to all the time (a trickle), it is still taken at its maximum age.
+      {"trickle at its maximum age", 1000000, 0, false, true, true},
+      {"trickle just below it", 999999, 0, false, false, true},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.what);
+    for (uint32_t op : {velt::kDirectOpWrite, velt::kDirectOpWriteEvent}) {
+      Queues q;
+      q.queue(5, op, 0, r.flags, 100);
+      for (uint64_t t = 10000; r.trickle && t + 10000 <= r.age; t += 10000) {
+        q.now += 10000;
+        q.queue(5, op, static_cast<int64_t>(100 * t / 10000), 0, 100);
+      }
+      q.now = 1000000 + r.age;
+      q.v.direct_stop_ = r.stop;
+      EXPECT_EQ(q.fetch() != nullptr, r.taken) << "op " << op;
+    }
+  }
+}
+
+TEST(PipeQueue, AGrowingWriteHoldsBackOnlyTheRequestsOfItsOwnFile) {
+  // A growing write of file 5, then the requests listed: the files taken while the write still
+  // grows, then those taken once it is due, in order.
+  const struct {
+    const char* what;
+    std::vector<std::pair<int32_t, uint32_t>> behind;  // fd, op
+    std::vector<int32_t> now, later;
+  } rows[] = {
+      {"other files go past", {{6, velt::kDirectOpGetSize}, {7, velt::kDirectOpRead}}, {6, 7}, {5}},
+      {"a request about the file ends its growth",
+       {{5, velt::kDirectOpGetSize}, {6, velt::kDirectOpGetSize}},
+       {5, 5, 6},
+       {}},
+      {"a growing write of another file holds back that file only",
+       {{6, velt::kDirectOpWrite}, {7, velt::kDirectOpClose}},
+       {7},
+       {5, 6}},
+      {"nothing goes past to a splice",
+       {{6, velt::kDirectOpSplice}, {7, velt::kDirectOpGetSize}},
+       {},
+       {5, 6, 7}},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.what);
+    Queues q;
+    q.queue(5, velt::kDirectOpWrite, 0, 0, 10);
+    int64_t offset = 1000;
+    for (auto [fd, op] : r.behind) q.queue(fd, op, offset += 1000, 0, 16);
+    EXPECT_EQ(q.fetchAll(), r.now);
+    q.now += velt::kDirectGrowUs;
+    EXPECT_EQ(q.fetchAll(), r.later);
+  }
+  // A continuation sent after a read about its file is not merged in front of the read; a close
+  // ends the growth of the continuation, not that of another file's write.
+  Queues q;
+  q.queue(7, velt::kDirectOpWrite, 0, 0, 100, 1);
+  q.queue(8, velt::kDirectOpWrite, 0, 0, 100, 3);
+  q.queue(7, velt::kDirectOpRead, 0, 100, 0);
+  q.queue(7, velt::kDirectOpWrite, 100, 0, 100, 2);
+  ASSERT_EQ(q.v.normal_requests_.size(), 4u);
+  auto w = q.fetch();
+  ASSERT_NE(w, nullptr);
+  EXPECT_TRUE(w->fd_ == 7 && w->size_ == 100u);
+  auto r = q.fetch();
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->op_, velt::kDirectOpRead);
+  EXPECT_EQ(q.fetch(), nullptr) << "the continuation and file 8's write still grow";
+  q.queue(7, velt::kDirectOpClose, 0, 0, 0);
+  auto w2 = q.fetch();
+  ASSERT_NE(w2, nullptr);
+  EXPECT_EQ(w2->offset_, 100);
+  auto c = q.fetch();
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(c->op_, velt::kDirectOpClose);
+  EXPECT_EQ(q.fetch(), nullptr);
+  q.now += velt::kDirectGrowUs;
+  EXPECT_EQ(q.fetchAll(), std::vector<int32_t>{8});
+}
+
+TEST(PipeQueue, ControlFirstThenEventsWithAFairShareForNormalRequests) {
+  Queues q;
+  q.now = 10000000;
+  q.v.last_normal_fetch_ = q.now;
+  q.queue(3, velt::kDirectOpRead, 0, 1, 0);  // normal, waits from now on
+  q.queue(4, velt::kDirectOpReadEvent, 0, 1, 0);
+  q.queue(1, velt::kDirectOpOpen, 0, 0, 0);
+  auto first = q.fetch();
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->op_, velt::kDirectOpOpen) << "control requests go first";
+  // A steady stream of event requests (one every 10 ms) goes ahead of the normal request until
+  // it has waited more than 333 ms; after each take the next one waits another 333 ms.
+  const uint64_t start = q.now;
+  std::vector<uint64_t> normal_takes;
+  for (int tick = 0; tick < 100; ++tick) {
+    q.queue(4, velt::kDirectOpReadEvent, tick, 1, 0);
+    auto r = q.fetch();
+    ASSERT_NE(r, nullptr);
+    if (r->op_ == velt::kDirectOpRead) {
+      normal_takes.push_back(q.now - start);
+      q.queue(3, velt::kDirectOpRead, tick, 1, 0);
+    }
+    q.now += 10000;
+  }
+  ASSERT_GE(normal_takes.size(), 2u);
+  for (size_t i = 0; i < normal_takes.size(); ++i) {
+    const uint64_t waited = normal_takes[i] - (i == 0 ? 0 : normal_takes[i - 1]);
+    EXPECT_GT(waited, velt::kDirectFairnessUs) << i;
+    EXPECT_LE(waited, velt::kDirectFairnessUs + 10000) << i;
+  }
+  EXPECT_EQ(q.v.last_normal_fetch_, start + normal_takes.back());
+
+  // A growing event write lets normal requests through.
+  Queues g;
+  g.queue(9, velt::kDirectOpWriteEvent, 0, 0, 10);
+  g.queue(3, velt::kDirectOpGetSize, 0, 0, 0);
+  auto n = g.fetch();
+  ASSERT_NE(n, nullptr);
+  EXPECT_EQ(n->op_, velt::kDirectOpGetSize);
+  EXPECT_EQ(g.v.last_normal_fetch_, g.now);
+  EXPECT_EQ(g.fetch(), nullptr);
+}
+
+namespace {
+
+// A formatted fake card with an empty root; requests are carried out one by one as the worker
+// would.
 struct Card : velt_test::FakeCard {
-  // Carries out one request; the reply (owned by the caller) or null.
+  // Carries out one request; the reply or null.
   std::unique_ptr<VELTWorkItem> run(int32_t fd, uint32_t op, int64_t offset, int32_t param,
                                     const void* payload = nullptr, uint32_t size = 0) {
     auto* r = new VELTWorkItem(fd, op, offset, param, size);
@@ -38,14 +434,11 @@ struct Card : velt_test::FakeCard {
     return std::unique_ptr<VELTWorkItem>(v->executeDirectRequest(r));
   }
   int open(const std::string& path, bool create) {
-    auto reply = run(100, create ? velt::kDirectOpCreate : velt::kDirectOpOpen, 0, 2, path.c_str(),
-                     static_cast<uint32_t>(path.size() + 1));
-    EXPECT_NE(reply, nullptr);
+    const uint32_t op = create ? velt::kDirectOpCreate : velt::kDirectOpOpen;
+    auto reply = run(100, op, 0, 2, path.c_str(), static_cast<uint32_t>(path.size() + 1));
     if (reply == nullptr) return -1000;
-    EXPECT_EQ(reply->op_, create ? velt::kDirectOpCreate : velt::kDirectOpOpen);
-    EXPECT_EQ(reply->fd_, 100) << "the request's fd comes back";
-    EXPECT_EQ(reply->size_, 0u);
-    EXPECT_EQ(reply->data_, nullptr);
+    EXPECT_TRUE(reply->op_ == op && reply->fd_ == 100 && reply->size_ == 0 &&
+                reply->data_ == nullptr);
     return reply->param_;
   }
   // Writes `size` pattern bytes at `offset`; a reply only on failure.
@@ -54,15 +447,20 @@ struct Card : velt_test::FakeCard {
     for (uint32_t i = 0; i < size; ++i) data[i] = pattern(offset + i);
     return run(fd, velt::kDirectOpWrite, offset, flags, data.data(), size);
   }
-  std::vector<VELTWorkItem*> takeReplies() {
+  std::vector<std::unique_ptr<VELTWorkItem>> takeReplies() {
     std::lock_guard<std::mutex> lock(v->response_mutex_);
-    std::vector<VELTWorkItem*> out(v->responses_.begin(), v->responses_.end());
+    std::vector<std::unique_ptr<VELTWorkItem>> out;
+    for (auto* r : v->responses_) out.emplace_back(r);
     v->responses_.clear();
     return out;
   }
   int64_t realSize(int fd) {
     auto r = run(fd, velt::kDirectOpGetRealSize, 0, 0);
     return r != nullptr && r->op_ == velt::kDirectOpGetRealSize ? r->offset_ : -1;
+  }
+  void queueItem(std::list<VELTWorkItem*>& q, VELTWorkItem* w) {
+    std::lock_guard<std::mutex> lock(v->request_mutex_);
+    q.push_back(w);
   }
 };
 
@@ -73,31 +471,37 @@ TEST(PipeOps, OpenAndCreateAnswerFileNumbersOrErrors) {
   LogCapture log;
   const int a = c.open("/a.bin", true);
   EXPECT_GE(a, 3);
-  ASSERT_NE(c.v->findEntry("/a.bin"), nullptr);
   auto file = c.v->getFile(a);
   ASSERT_NE(file, nullptr);
-  EXPECT_TRUE(file->direct_);
-  EXPECT_TRUE(file->for_write_);
+  EXPECT_TRUE(file->direct_ && file->for_write_);
   EXPECT_EQ(file->write_cache_, 1) << "cache mode 2 of the request";
   EXPECT_EQ(file->read_cache_, 0);
   EXPECT_EQ(file->fat_locked_, 0) << "direct writers take no FAT lock";
   ASSERT_NE(c.root->createChild("dir", false, true, nullptr), nullptr);
-
-  struct Row {
+  const struct {
+    const char* mount;  // the mount point set from this row on
     const char* path;
     bool create;
     int result;  // 0: a new file number
   } rows[] = {
-      {"/dir/b.bin", true, 0},    {"/a.bin", false, 0},        {"/A.BIN", false, 0},
-      {"/a.bin", true, -EEXIST},  {"/nodir/x", true, -ENOENT}, {"/a.bin/x", true, -ENOTDIR},
-      {"noslash", true, -EINVAL}, {"/dir/", true, -EINVAL},    {"/missing", false, -ENOENT},
-      {"/dir", false, -EISDIR},   {"/", false, -EISDIR},       {"", false, -EINVAL},
-      {"", true, -EINVAL},
+      {"", "/dir/b.bin", true, 0},    {"", "/a.bin", false, 0},        {"", "/A.BIN", false, 0},
+      {"", "/a.bin", true, -EEXIST},  {"", "/nodir/x", true, -ENOENT}, {"", "/a.bin/x", true, -ENOTDIR},
+      {"", "noslash", true, -EINVAL}, {"", "/dir/", true, -EINVAL},    {"", "/missing", false, -ENOENT},
+      {"", "/dir", false, -EISDIR},   {"", "/", false, -EISDIR},       {"", "", false, -EINVAL},
+      {"", "", true, -EINVAL},
+      // With a mount point, paths must lie under it.
+      {"/mnt/card", "/mnt/card/a.bin", false, 0},
+      {"/mnt/card", "/mnt/card/dir/c.bin", true, 0},
+      {"/mnt/card", "/a.bin", false, -EINVAL},
+      {"/mnt/card", "/mnt/cardx/a.bin", false, -EINVAL},
+      {"/mnt/card", "/elsewhere/mnt/card/a.bin", false, -EINVAL},
+      {"/mnt/card", "/mnt/card", false, -EISDIR},
   };
   int last = a;
   for (const auto& r : rows) {
     SCOPED_TRACE(std::string(r.create ? "create " : "open ") + r.path);
-    int got = c.open(r.path, r.create);
+    if (r.mount[0] != '\0') c.v->setMountPoint(r.mount);
+    const int got = c.open(r.path, r.create);
     if (r.result == 0) {
       EXPECT_GT(got, last) << "numbers are never reused";
       last = std::max(last, got);
@@ -106,23 +510,13 @@ TEST(PipeOps, OpenAndCreateAnswerFileNumbersOrErrors) {
     }
   }
   EXPECT_NE(log.text().find("\"\" creation failed."), std::string::npos);
-
   // A payload without its terminating NUL is taken as it is; an empty payload is refused.
-  auto reply = c.run(100, velt::kDirectOpOpen, 0, 0, "/a.bin", 6);
+  auto reply = c.run(100, velt::kDirectOpOpen, 0, 0, "/mnt/card/a.bin", 15);
   ASSERT_NE(reply, nullptr);
   EXPECT_GT(reply->param_, last);
   reply = c.run(100, velt::kDirectOpOpen, 0, 0);
   ASSERT_NE(reply, nullptr);
   EXPECT_EQ(reply->param_, -EINVAL);
-
-  // With a mount point, paths must lie under it.
-  c.v->setMountPoint("/mnt/card");
-  EXPECT_GT(c.open("/mnt/card/a.bin", false), 0);
-  EXPECT_GT(c.open("/mnt/card/dir/c.bin", true), 0);
-  EXPECT_EQ(c.open("/a.bin", false), -EINVAL);
-  EXPECT_EQ(c.open("/mnt/cardx/a.bin", false), -EINVAL);
-  EXPECT_EQ(c.open("/elsewhere/mnt/card/a.bin", false), -EINVAL);
-  EXPECT_EQ(c.open("/mnt/card", false), -EISDIR);
 }
 
 TEST(PipeOps, ReadsAreServedParkedRefusedAndCompleted) {
@@ -134,8 +528,7 @@ TEST(PipeOps, ReadsAreServedParkedRefusedAndCompleted) {
   EXPECT_EQ(c.realSize(fd), 1200);
   const int reader = c.open("/rec.bin", false);
   ASSERT_GE(reader, 3);
-
-  struct Row {
+  const struct {
     int64_t offset;
     int32_t wanted;
     uint32_t bytes;
@@ -144,14 +537,11 @@ TEST(PipeOps, ReadsAreServedParkedRefusedAndCompleted) {
     SCOPED_TRACE("read " + std::to_string(r.wanted) + " @ " + std::to_string(r.offset));
     auto reply = c.run(reader, velt::kDirectOpRead, r.offset, r.wanted);
     ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->op_, velt::kDirectOpRead);
-    EXPECT_EQ(reply->fd_, reader);
-    EXPECT_EQ(reply->offset_, r.offset);
-    EXPECT_EQ(reply->param_, 0);
+    EXPECT_TRUE(reply->op_ == velt::kDirectOpRead && reply->fd_ == reader &&
+                reply->offset_ == r.offset && reply->param_ == 0);
     ASSERT_EQ(reply->size_, r.bytes);
     for (uint32_t i = 0; i < r.bytes; ++i) ASSERT_EQ(reply->data_[i], pattern(r.offset + i));
   }
-
   // At the end of the data the read waits in the file; a second read is refused at once.
   EXPECT_EQ(c.run(reader, velt::kDirectOpReadEvent, 1200, 500), nullptr);
   EXPECT_NE(log.text().find("read (" + std::to_string(reader) +
@@ -162,7 +552,6 @@ TEST(PipeOps, ReadsAreServedParkedRefusedAndCompleted) {
   EXPECT_EQ(busy->param_, -EBUSY);
   EXPECT_EQ(busy->size_, 0u);
   EXPECT_TRUE(c.takeReplies().empty());
-
   // Rewriting old data completes nothing; a write beyond 1,200 completes the parked read with
   // what is there.
   EXPECT_EQ(c.write(fd, 100, 50), nullptr);
@@ -170,12 +559,10 @@ TEST(PipeOps, ReadsAreServedParkedRefusedAndCompleted) {
   EXPECT_EQ(c.write(fd, 1200, 300), nullptr);
   auto replies = c.takeReplies();
   ASSERT_EQ(replies.size(), 1u);
-  std::unique_ptr<VELTWorkItem> done(replies[0]);
-  EXPECT_EQ(done->op_, velt::kDirectOpReadEvent);
-  EXPECT_EQ(done->fd_, reader);
-  EXPECT_EQ(done->param_, 0);
-  ASSERT_EQ(done->size_, 300u);
-  for (uint32_t i = 0; i < 300; ++i) ASSERT_EQ(done->data_[i], pattern(1200 + i));
+  const VELTWorkItem& done = *replies[0];
+  EXPECT_TRUE(done.op_ == velt::kDirectOpReadEvent && done.fd_ == reader && done.param_ == 0);
+  ASSERT_EQ(done.size_, 300u);
+  for (uint32_t i = 0; i < 300; ++i) ASSERT_EQ(done.data_[i], pattern(1200 + i));
   auto again = c.run(reader, velt::kDirectOpRead, 0, 10);
   ASSERT_NE(again, nullptr);
   EXPECT_EQ(again->param_, 0) << "the file has no parked read any more";
@@ -191,29 +578,22 @@ TEST(PipeOps, SizeQueriesAndUnknownFileNumbers) {
   entry->size_ = 8192;  // as for a reserved file being filled
   auto size = c.run(fd, velt::kDirectOpGetSize, 77, 0);
   auto real = c.run(fd, velt::kDirectOpGetRealSize, 77, 0);
-  ASSERT_NE(size, nullptr);
-  ASSERT_NE(real, nullptr);
-  EXPECT_EQ(size->op_, velt::kDirectOpGetSize);
-  EXPECT_EQ(size->offset_, 8192);
-  EXPECT_EQ(real->op_, velt::kDirectOpGetRealSize);
-  EXPECT_EQ(real->offset_, 3000);
-
-  // A FUSE handle is not a channel file.
+  ASSERT_TRUE(size != nullptr && real != nullptr);
+  EXPECT_TRUE(size->op_ == velt::kDirectOpGetSize && size->offset_ == 8192);
+  EXPECT_TRUE(real->op_ == velt::kDirectOpGetRealSize && real->offset_ == 3000);
+  // Unknown numbers, and a FUSE handle (not a channel file), get -EBADF whatever the operation.
   auto fuse_file = c.v->newFile(false, false, false, entry);
   ASSERT_NE(fuse_file, nullptr);
   LogCapture log;
-  for (uint32_t op : std::initializer_list<uint32_t>{
-           velt::kDirectOpGetSize, velt::kDirectOpWrite, velt::kDirectOpRead, velt::kDirectOpClose,
-           velt::kDirectOpSplice, velt::kDirectOpError, 55u}) {
+  for (uint32_t op : std::initializer_list<uint32_t>{velt::kDirectOpGetSize, velt::kDirectOpWrite, velt::kDirectOpRead,
+                      velt::kDirectOpClose, velt::kDirectOpSplice, velt::kDirectOpError, 55u}) {
     for (int32_t unknown : {999, -1, static_cast<int32_t>(fuse_file->file_no_)}) {
       auto reply = c.run(unknown, op, 1234, 0, "xyz", 3);
       ASSERT_NE(reply, nullptr) << op;
-      EXPECT_EQ(reply->op_, velt::kDirectOpError);
-      EXPECT_EQ(reply->fd_, unknown);
-      EXPECT_EQ(reply->offset_, 1234);
-      EXPECT_EQ(reply->param_, -EBADF);
-      EXPECT_EQ(reply->size_, 0u);
-      EXPECT_EQ(reply->data_, nullptr);
+      EXPECT_TRUE(reply->op_ == velt::kDirectOpError && reply->fd_ == unknown &&
+                  reply->offset_ == 1234 && reply->param_ == -EBADF && reply->size_ == 0 &&
+                  reply->data_ == nullptr)
+          << op << " " << unknown;
     }
   }
   EXPECT_NE(log.text().find("file != nullptr : file no 999 not found"), std::string::npos);
@@ -226,60 +606,50 @@ TEST(PipeOps, SplicesCopyInsideTheVolume) {
   Card c;
   const int in = c.open("/in.bin", true);
   const int out = c.open("/out.bin", true);
-  ASSERT_GE(in, 3);
-  ASSERT_GE(out, 3);
-  EXPECT_EQ(c.write(in, 0, 700000), nullptr);  // larger than the first splice buffer
-  c.v->splice_buffer_ = static_cast<uint8_t*>(malloc(4096));
+  ASSERT_TRUE(in >= 3 && out >= 3);
+  EXPECT_EQ(c.write(in, 0, 700000), nullptr);
+  c.v->splice_buffer_ = static_cast<uint8_t*>(malloc(4096));  // smaller than the first splice
   c.v->splice_buffer_size_ = 4096;
-
-  auto splice = [&](int32_t in_fd, int64_t in_offset, uint32_t out_fd, int64_t out_offset,
-                    uint32_t size, uint32_t payload_size = velt::kDirectSpliceSize) {
-    velt::DirectSplice s;
-    s.out_fd = out_fd;
-    s.out_offset = out_offset;
-    s.size = size;
+  auto splice = [&](int64_t in_offset, uint32_t out_fd, int64_t out_offset, uint32_t size,
+                    uint32_t payload_size = velt::kDirectSpliceSize) {
     uint8_t payload[32] = {};
-    velt::encodeDirectSplice(s, payload);
-    return c.run(in_fd, velt::kDirectOpSplice, in_offset, 0, payload, payload_size);
+    velt::encodeDirectSplice({out_fd, out_offset, size}, payload);
+    return c.run(in, velt::kDirectOpSplice, in_offset, 0, payload, payload_size);
   };
-  EXPECT_EQ(splice(in, 1000, out, 0, 690000), nullptr);
-  EXPECT_EQ(splice(in, 0, out, 690000, 50000), nullptr);
-  EXPECT_EQ(splice(in, 699990, out, 740000, 100), nullptr) << "clipped to the input's data";
+  const uint32_t o = static_cast<uint32_t>(out);
+  EXPECT_EQ(splice(1000, o, 0, 690000), nullptr);
+  EXPECT_EQ(splice(0, o, 690000, 50000), nullptr);
+  EXPECT_EQ(splice(699990, o, 740000, 100), nullptr) << "clipped to the input's data";
   EXPECT_GE(c.v->splice_buffer_size_, 690000u);
   EXPECT_EQ(c.realSize(out), 740010);
-  auto outf = c.v->getFile(out);
   std::vector<uint8_t> got(740010);
-  ASSERT_EQ(outf->read(got.data(), got.size(), 0), 740010);
-  for (int64_t i = 0; i < 690000; ++i) ASSERT_EQ(got[i], pattern(1000 + i)) << i;
-  for (int64_t i = 0; i < 50000; ++i) ASSERT_EQ(got[690000 + i], pattern(i)) << i;
-  for (int64_t i = 0; i < 10; ++i) ASSERT_EQ(got[740000 + i], pattern(699990 + i)) << i;
-
-  struct Row {
+  ASSERT_EQ(c.v->getFile(out)->read(got.data(), got.size(), 0), 740010);
+  for (int64_t i = 0; i < 740010; ++i) {
+    const int64_t from = i < 690000 ? 1000 + i : i < 740000 ? i - 690000 : 699990 + i - 740000;
+    ASSERT_EQ(got[i], pattern(from)) << i;
+  }
+  const struct {
     const char* what;
     int64_t in_offset;
-    uint32_t out_fd;
-    uint32_t size;
-    uint32_t payload_size;
+    uint32_t out_fd, size, payload_size;
     int result;  // 0: no reply
   } rows[] = {
-      {"nothing to copy", 0, static_cast<uint32_t>(out), 0, 16, 0},
-      {"at the end of the input", 700000, static_cast<uint32_t>(out), 10, 16, -EINVAL},
-      {"beyond the input", 800000, static_cast<uint32_t>(out), 10, 16, -EINVAL},
+      {"nothing to copy", 0, o, 0, 16, 0},
+      {"at the end of the input", 700000, o, 10, 16, -EINVAL},
+      {"beyond the input", 800000, o, 10, 16, -EINVAL},
       {"unknown output", 0, 999, 10, 16, -EBADF},
-      {"short payload", 0, static_cast<uint32_t>(out), 10, 15, -EINVAL},
-      {"long payload", 0, static_cast<uint32_t>(out), 10, 17, -EINVAL},
+      {"short payload", 0, o, 10, 15, -EINVAL},
+      {"long payload", 0, o, 10, 17, -EINVAL},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.what);
-    auto reply = splice(in, r.in_offset, r.out_fd, 0, r.size, r.payload_size);
+    auto reply = splice(r.in_offset, r.out_fd, 0, r.size, r.payload_size);
     if (r.result == 0) {
       EXPECT_EQ(reply, nullptr);
       continue;
     }
     ASSERT_NE(reply, nullptr);
-    EXPECT_EQ(reply->op_, velt::kDirectOpError);
-    EXPECT_EQ(reply->fd_, in);
-    EXPECT_EQ(reply->param_, r.result);
+    EXPECT_TRUE(reply->op_ == velt::kDirectOpError && reply->fd_ == in && reply->param_ == r.result);
   }
   EXPECT_EQ(c.realSize(out), 740010) << "failed splices change nothing";
 }
@@ -289,81 +659,88 @@ TEST(PipeOps, CloseWritesQueuedDataAndUnlinksOnRequest) {
   LogCapture log;
   const int keep = c.open("/keep.bin", true);
   const int gone = c.open("/gone.bin", true);
-  ASSERT_GE(keep, 3);
-  ASSERT_GE(gone, 3);
-  // Queued writes of the closed file are written first; its later requests in the same queue
-  // are dropped with it.
+  ASSERT_TRUE(keep >= 3 && gone >= 3);
+  // Queued writes of the closed file are written first; other files' requests stay.
   for (int64_t off = 0; off < 3000; off += 1000) {
     auto* w = new VELTWorkItem(keep, velt::kDirectOpWrite, off, 0, 1000);
     for (int i = 0; i < 1000; ++i) w->data_[i] = pattern(off + i);
-    std::lock_guard<std::mutex> lock(c.v->request_mutex_);
-    c.v->normal_requests_.push_back(w);  // as if still growing, each on its own
+    c.queueItem(c.v->normal_requests_, w);  // as if still growing, each on its own
   }
-  {
-    std::lock_guard<std::mutex> lock(c.v->request_mutex_);
-    c.v->normal_requests_.push_back(new VELTWorkItem(gone, velt::kDirectOpGetSize, 0, 0, 0));
-  }
+  c.queueItem(c.v->normal_requests_, new VELTWorkItem(gone, velt::kDirectOpGetSize, 0, 0, 0));
   EXPECT_EQ(c.run(keep, velt::kDirectOpClose, 0, 0), nullptr);
   EXPECT_EQ(c.v->getFile(keep), nullptr);
   ASSERT_EQ(c.v->normal_requests_.size(), 1u) << "other files' requests stay";
-  auto entry = c.v->findEntry("/keep.bin");
-  ASSERT_NE(entry, nullptr);
-  EXPECT_EQ(entry->size_, 3000);
-
+  EXPECT_EQ(c.v->findEntry("/keep.bin")->size_, 3000);
   // A parked read of a closed file is answered with -EBADF.
   const int reader = c.open("/gone.bin", false);
   EXPECT_EQ(c.run(reader, velt::kDirectOpRead, 0, 10), nullptr);
   EXPECT_EQ(c.run(reader, velt::kDirectOpClose, 0, 0), nullptr);
   auto replies = c.takeReplies();
   ASSERT_EQ(replies.size(), 1u);
-  std::unique_ptr<VELTWorkItem> answered(replies[0]);
-  EXPECT_EQ(answered->op_, velt::kDirectOpRead);
-  EXPECT_EQ(answered->param_, -EBADF);
+  EXPECT_TRUE(replies[0]->op_ == velt::kDirectOpRead && replies[0]->param_ == -EBADF);
 
   EXPECT_EQ(c.run(gone, velt::kDirectOpClose, 0, velt::kDirectFlagUnlink), nullptr);
   EXPECT_EQ(c.v->findEntry("/gone.bin"), nullptr);
   EXPECT_NE(log.text().find("gone.bin\" unlink on close"), std::string::npos);
   EXPECT_NE(c.v->findEntry("/keep.bin"), nullptr);
-
   // A second close of the same number: the file is unknown by then.
   auto again = c.run(keep, velt::kDirectOpClose, 0, 0);
   ASSERT_NE(again, nullptr);
-  EXPECT_EQ(again->op_, velt::kDirectOpError);
-  EXPECT_EQ(again->param_, -EBADF);
-  {
-    std::lock_guard<std::mutex> lock(c.v->request_mutex_);
-    for (auto* r : c.v->normal_requests_) delete r;
-    c.v->normal_requests_.clear();
-  }
+  EXPECT_TRUE(again->op_ == velt::kDirectOpError && again->param_ == -EBADF);
+  c.v->flushAllRequests(nullptr, false, false);
 }
 
-TEST(PipeOps, TeardownWritesEverythingAndClosesEveryDirectFile) {
-  Card c;
-  const int a = c.open("/a.bin", true);
-  const int b = c.open("/b.bin", true);
-  const int r = c.open("/a.bin", false);
-  // Parked beyond what the queued writes bring.
-  EXPECT_EQ(c.run(r, velt::kDirectOpRead, 6000, 100), nullptr);
-  auto fuse_file = c.v->newFile(false, false, false, c.v->findEntry("/a.bin"));
-  for (int fd : {a, b}) {
-    auto* w = new VELTWorkItem(fd, fd == a ? velt::kDirectOpWrite : velt::kDirectOpWriteEvent, 0, 0,
-                               5000);
-    memset(w->data_, fd, 5000);
-    std::lock_guard<std::mutex> lock(c.v->request_mutex_);
-    c.v->__queueRequest(w);
+TEST(PipeIoctl, RefusalsCommandsAndCacheSizeRules) {
+  velt_test::FakeVolume f(16384);
+  ASSERT_TRUE(f.formatInMemory());
+  VELT& v = *f.volume;
+  auto entry = std::make_shared<VELT::DirEntry>(&v);
+  entry->size_ = 4321;
+  auto file = v.newFile(false, false, false, entry);
+  auto other = v.newFile(false, false, true, entry);
+  velt::VELTFuse::setVolume(f.volume);
+  struct fuse_file_info fi = {};
+  auto call = [&](unsigned int cmd, void* data, unsigned int flags = 0, bool with_fi = true) {
+    return velt::VELTFuse::__ioctl("/x", cmd, nullptr, with_fi ? &fi : nullptr, flags, data);
+  };
+  // Refusals come before any lookup; the compatibility one even for an unknown handle.
+  uint32_t mode = 0;
+  fi.fh = 999;
+  EXPECT_EQ(call(velt::VELT_IOC_SET_CACHE_MODE, &mode, 0, false), -EINVAL);
+  EXPECT_EQ(call(velt::VELT_IOC_SET_CACHE_MODE, &mode, FUSE_IOCTL_COMPAT), -ENOSYS);
+  EXPECT_EQ(call(velt::VELT_IOC_SET_CACHE_MODE, &mode), -EBADF);
+  fi.fh = file->file_no_;
+  EXPECT_EQ(call(0x40044509, &mode), -EINVAL) << "unknown command";
+  EXPECT_EQ(call(velt::VELT_IOC_SET_CACHE_MODE, &mode, FUSE_IOCTL_UNRESTRICTED), 0);
+  // Cache mode of this call's file only.
+  for (uint32_t m : {0u, 1u, 2u, 3u}) {
+    EXPECT_EQ(call(velt::VELT_IOC_SET_CACHE_MODE, &m), 0);
+    EXPECT_TRUE(file->write_cache_ == ((m >> 1) & 1) && file->read_cache_ == (m & 1)) << m;
   }
-  LogCapture log;
-  c.v->flushAllRequests(nullptr, false, true);
-  EXPECT_TRUE(c.v->normal_requests_.empty());
-  EXPECT_TRUE(c.v->event_requests_.empty());
-  EXPECT_EQ(c.v->findEntry("/a.bin")->size_, 5000);
-  EXPECT_EQ(c.v->findEntry("/b.bin")->size_, 5000);
-  for (int fd : {a, b, r}) EXPECT_EQ(c.v->getFile(fd), nullptr) << fd;
-  EXPECT_NE(c.v->getFile(fuse_file->file_no_), nullptr) << "FUSE files stay open";
-  EXPECT_TRUE(c.takeReplies().empty()) << "the parked read is dropped";
-  const std::string text = log.text();
-  EXPECT_NE(text.find("pending requests#2, still open files#3"), std::string::npos) << text;
-  for (int fd : {a, b, r}) {
-    EXPECT_NE(text.find("close pending file(no " + std::to_string(fd) + ")"), std::string::npos);
+  // File sizes by handle, of any open file; a released one is gone.
+  const uint32_t released = 12345;
+  for (uint32_t handle : {file->file_no_, other->file_no_, 2u, released}) {
+    velt::VELTFileSizeRecord record = {handle, 0xAAAAAAAA, 77};
+    const bool known = handle != 2 && handle != released;
+    EXPECT_EQ(call(velt::VELT_IOC_GET_FILE_SIZE, &record), known ? 0 : -ENOENT) << handle;
+    EXPECT_TRUE(record.size == (known ? 4321 : 0) && record.handle == handle) << handle;
   }
+  // Cache sizes: at least 1 KiB, or 0 for none; a refusal keeps the cache as it was.
+  ASSERT_EQ(v.createCache(64 * 1024), 0);
+  const struct {
+    int32_t size;
+    int result;
+    int32_t entries;  // cache entries afterwards; 0: no cache
+  } rows[] = {{512, -EINVAL, 128}, {-1, -EINVAL, 128}, {1023, -EINVAL, 128}, {1024, 0, 2},
+              {0, 0, 0},           {512, -EINVAL, 0},  {1 << 20, 0, 2048}};
+  for (const auto& r : rows) {
+    int32_t size = r.size;
+    EXPECT_EQ(call(velt::VELT_IOC_SET_CACHE_SIZE, &size), r.result) << r.size;
+    EXPECT_EQ(v.cache_pool_ != nullptr, r.entries != 0) << r.size;
+    EXPECT_EQ(r.entries == 0 || v.cache_size_ == r.entries, true) << r.size;
+  }
+  fi.fh = file->file_no_;
+  velt::VELTFuse::setVolume(nullptr);
+  EXPECT_EQ(call(velt::VELT_IOC_SET_CACHE_MODE, &mode), -ENODEV);
+  v.freeFile(file->file_no_);
 }
