@@ -181,7 +181,6 @@ TEST(Format, GeometryByPartitionSize) {
     EXPECT_EQ(velt::le32(pbr.boot_sector_ + 24), 63u | (255u << 16));
     EXPECT_EQ(velt::le32(pbr.boot_sector_ + 28), 2048u);
   }
-
   // A 16 GiB card: the partition starts at 2048 and covers the rest.
   setPartition(33554432 - 2048);
   v.mbr_->getFAT32Partition(1, &pbr.partition_);
@@ -192,7 +191,6 @@ TEST(Format, GeometryByPartitionSize) {
   EXPECT_EQ(pbr.free_cluster_count_, 524126u);
   EXPECT_EQ(pbr.fat1_[2], 0x0FFFFFF8u);
   EXPECT_EQ(pbr.write(), -1) << "refused outside a format operation";
-
   // A 1 GiB card gets a partition of 2,095,104 sectors at 2048.
   f.driver->reported_sectors = 2097152;
   velt::MBR mbr(&v);

@@ -28,7 +28,6 @@ struct Card {
   velt::VELT& v = *f.volume;
   std::shared_ptr<Entry> root;
   uint32_t len = 0;
-
   Card() {
     EXPECT_TRUE(f.formatInMemory());
     root = std::make_shared<Entry>(&v);
@@ -39,7 +38,6 @@ struct Card {
     v.pbr_->updateFSInfo();
     len = v.pbr_->cluster_length_;
   }
-
   // A file of the root whose record sits in slot `slot` of the root's first cluster.
   std::shared_ptr<Entry> addFile(const char* name, int slot) {
     auto e = std::make_shared<Entry>(&v);
@@ -51,7 +49,6 @@ struct Card {
     root->children_.push_back(e);
     return e;
   }
-
   // Links `chain` in the FAT, gives it to `e` with `size` bytes and puts the pattern on the
   // card at the file offsets the clusters hold.
   void layChain(const std::shared_ptr<Entry>& e, const std::vector<uint32_t>& chain, int64_t size) {
@@ -121,7 +118,6 @@ TEST(OpenFile, ReadClipsAtTheEndAndRefusesBadPositions) {
     for (int i = 0; i < r.result; ++i) EXPECT_EQ(buf[i], patternByte(r.off + i));
     EXPECT_TRUE(r.result < 0 || buf[r.result] == 0xEE) << "nothing beyond the answer";
   }
-
   // A chain that claims the root directory's cluster holds no file data.
   auto bad = c.addFile("B", 2);
   bad->start_cluster_ = c.v.pbr_->root_cluster_;
@@ -130,7 +126,6 @@ TEST(OpenFile, ReadClipsAtTheEndAndRefusesBadPositions) {
   ASSERT_NE(bad_file, nullptr);
   uint8_t b[10];
   EXPECT_EQ(bad_file->read(b, 10, 0), -EINVAL);
-
   ASSERT_EQ(file->close(), 0);
   EXPECT_EQ(file->read(b, 10, 0), -EBADF);
 }
@@ -142,7 +137,6 @@ TEST(OpenFile, FailedWriteSticksButAFullCardDoesNot) {
   ASSERT_NE(file, nullptr);
   std::vector<uint8_t> data(3000, 0x11);
   ASSERT_EQ(file->write(data.data(), 1000, 0), 1000);
-
   // A write that starts inside a sector must read the sector first; make that read fail.
   c.f.driver->queueReadAnswer(0);
   int first = file->write(data.data(), 100, 1000);
@@ -153,7 +147,6 @@ TEST(OpenFile, FailedWriteSticksButAFullCardDoesNot) {
   EXPECT_EQ(file->write(data.data(), 100, 50 * c.len), first);
   EXPECT_EQ(c.f.driver->requests.size(), before) << "a failed file touches the card no more";
   EXPECT_EQ(e->size_, 1000);
-
   // A card with no free cluster: -ENOSPC, and no sticky error.
   auto e2 = c.addFile("G", 2);
   auto file2 = c.v.newFile(false, true, false, e2);
@@ -172,28 +165,4 @@ TEST(OpenFile, FailedWriteSticksButAFullCardDoesNot) {
   c.v.pbr_->fat1_flags_[last / 8] &= static_cast<uint8_t>(~(1u << (last % 8)));
   EXPECT_EQ(file2->write(data.data(), 10, c.len + 5), 10);
   EXPECT_EQ(e2->size_, c.len + 15);
-}
-
-TEST(OpenFile, CacheModeDecidesWhetherWrittenSectorsAreCached) {
-  struct Row {
-    int mode;
-    bool cached;
-  } rows[] = {{0, false}, {1, false}, {2, true}, {3, true}};
-  for (const auto& r : rows) {
-    SCOPED_TRACE("mode " + std::to_string(r.mode));
-    Card c;
-    ASSERT_EQ(c.v.createCache(1 << 20), 0);
-    auto e = c.addFile("F", 1);
-    c.layChain(e, {70}, 0);
-    auto file = c.v.newFile(false, true, false, e);
-    ASSERT_NE(file, nullptr);
-    file->setCacheMode(r.mode);
-    EXPECT_EQ(file->read_cache_, r.mode & 1);
-    std::vector<uint8_t> data(1024, 0x3C);
-    ASSERT_EQ(file->write(data.data(), data.size(), 0), 1024);
-    uint8_t sector[512];
-    uint32_t s = static_cast<uint32_t>(c.v.clusterOffset(70) / 512);
-    EXPECT_EQ(c.v.lookupCache(s, sector) == 0, r.cached);
-    EXPECT_EQ(file->close(), 0);
-  }
 }

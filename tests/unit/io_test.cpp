@@ -53,15 +53,12 @@ TEST(BufferedRead, RequestPatternsShortAnswersAndFailures) {
   auto& v = *f.volume;
   auto& reqs = f.driver->requests;
   std::vector<uint8_t> out(10 * 512);
-
   EXPECT_EQ(v.read(out.data(), 0, 100), 0);
   EXPECT_TRUE(reqs.empty());
-
   // One run of uncached sectors is one request; the caller gets exactly its bytes.
   ASSERT_EQ(v.read(out.data(), 1000, 100), 1000);
   EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 0, 3}}));
   EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 100, 1000));
-
   // A cached sector splits the run and is copied from the cache.
   reqs.clear();
   ASSERT_EQ(v.createCache(1 << 20), 0);
@@ -72,7 +69,6 @@ TEST(BufferedRead, RequestPatternsShortAnswersAndFailures) {
   EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 10 * 512, 512));
   EXPECT_EQ(0, memcmp(out.data() + 512, cached_sector.data(), 512));
   EXPECT_EQ(0, memcmp(out.data() + 1024, f.driver->data_.data() + 12 * 512, 512));
-
   // A short answer is continued; a failure after it fails the whole read.
   reqs.clear();
   v.destroyCache();
@@ -80,14 +76,12 @@ TEST(BufferedRead, RequestPatternsShortAnswersAndFailures) {
   ASSERT_EQ(v.read(out.data(), 10 * 512, 20 * 512), 10 * 512);
   EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 20, 10}, {'r', 24, 6}}));
   EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 20 * 512, 10 * 512));
-
   // A failure after a successful short answer still fails the whole read.
   reqs.clear();
   f.driver->queueReadAnswer(4);
   f.driver->queueReadAnswer(0);
   EXPECT_EQ(v.read(out.data(), 10 * 512, 20 * 512), -1);
   EXPECT_EQ(reqs.size(), 2u);
-
   // Runs longer than the transfer buffer go in buffer-sized requests.
   reqs.clear();
   std::vector<uint8_t> big(3000 * 512);
@@ -103,41 +97,30 @@ TEST(BufferedWrite, SmallWritesStayPendingAndCostTheirSectors) {
     SCOPED_TRACE(with_cache ? "with cache" : "without cache");
     FakeVolume f(16384);
     fillCard(f);
-    auto before = f.driver->data_;
+    auto expect = f.driver->data_;
     auto& v = *f.volume;
     auto& reqs = f.driver->requests;
-    if (with_cache) {
-      ASSERT_EQ(v.createCache(1 << 20), 0);
-    }
-
+    ASSERT_EQ(with_cache ? v.createCache(1 << 20) : 0, 0);
+    auto write = [&](const std::vector<uint8_t>& data, int64_t at, size_t size) {
+      ASSERT_EQ(v.write(data.data(), static_cast<uint32_t>(size), at, true), static_cast<int>(size));
+      memcpy(expect.data() + at, data.data(), size);
+    };
     // 4 bytes at 64 KiB + 4: the sector is read once, nothing before it, one sector written.
-    uint8_t four[4] = {1, 2, 3, 4};
-    ASSERT_EQ(v.write(four, 4, 0x10000 + 4, true), 4);
+    write(bytes(4, 1), 0x10000 + 4, 4);
     EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 128, 1}}));
     EXPECT_EQ(v.flush(), 0);
     EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 128, 1}, {'w', 128, 1}}));
-    auto expect = before;
-    memcpy(expect.data() + 0x10000 + 4, four, 4);
     EXPECT_EQ(f.driver->data_, expect);
-    EXPECT_EQ(v.flush(), 0) << "nothing pending";
-
     // Directory-record sized writes far from a 64 KiB boundary: each sector is read once (the
-    // first as the buffer starts, the next to complete it) and written once, at the flush.
+    // first as the buffer starts, the next to complete it) and written once; a write elsewhere
+    // sends the pending sectors first.
     reqs.clear();
-    const int64_t at = 0x20000 + 7 * 512 + 448;
-    auto rec = bytes(32, 7);
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(v.write(rec.data(), 32, at + 32 * i, true), 32);
+    for (int i = 0; i < 4; ++i) write(bytes(32, 7), 0x20000 + 7 * 512 + 448 + 32 * i, 32);
     EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 263, 1}, {'r', 264, 1}}));
-    // A write elsewhere sends the pending sectors first.
-    auto sector = bytes(512, 3);
-    ASSERT_EQ(v.write(sector.data(), 512, 0x30000, true), 512);
+    write(bytes(512, 3), 0x30000, 512);
     EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 263, 1}, {'r', 264, 1}, {'w', 263, 2}}));
-    for (int i = 0; i < 4; ++i) {
-      EXPECT_EQ(0, memcmp(f.driver->data_.data() + at + 32 * i, rec.data(), 32));
-    }
-    EXPECT_EQ(0, memcmp(f.driver->data_.data() + at + 128, before.data() + at + 128, 384));
     EXPECT_EQ(v.flush(), 0);
-
+    EXPECT_EQ(f.driver->data_, expect);
     // A contiguous stream of 3 MiB in 4 KiB pieces goes out as full-buffer requests.
     reqs.clear();
     auto stream = bytes(3 << 20, 9);
@@ -203,30 +186,6 @@ TEST(BufferedWrite, FailuresStaleCopiesAndTheUnload) {
   FakeVolume g(8192);
   g.driver->queueReadAnswer(0);
   EXPECT_EQ(g.volume->write(data.data(), 10, 0x10000, true), -1);
-}
-
-TEST(SectorCache, ReplacesInOrderOfFirstStore) {
-  VELT v("/dev/mmcblk0p1", 1, 0, 0);
-  uint8_t buf[512] = {};
-  EXPECT_EQ(v.lookupCache(1, buf), -1) << "no cache yet";
-  EXPECT_EQ(v.updateCache(1, buf), -1);
-  ASSERT_EQ(v.createCache(2048), 0);  // 4 entries
-  EXPECT_EQ(v.createCache(1 << 20), -1) << "a second creation keeps the first";
-  for (uint32_t s = 10; s <= 13; ++s) ASSERT_EQ(v.updateCache(s, pattern(s).data()), 0);
-  EXPECT_TRUE(cached(v, 10));  // a hit does not make 10 younger
-  ASSERT_EQ(v.updateCache(14, pattern(14).data()), 0);
-  EXPECT_FALSE(cached(v, 10));
-  for (uint32_t s = 11; s <= 14; ++s) EXPECT_TRUE(cached(v, s)) << s;
-  // Overwriting 11 keeps its place: it is still the next victim, with the new content meanwhile.
-  auto fresh = pattern(99);
-  ASSERT_EQ(v.updateCache(11, fresh.data()), 0);
-  ASSERT_EQ(v.lookupCache(11, buf), 0);
-  EXPECT_EQ(0, memcmp(buf, fresh.data(), 512));
-  ASSERT_EQ(v.updateCache(15, pattern(15).data()), 0);
-  EXPECT_FALSE(cached(v, 11));
-  for (uint32_t s = 12; s <= 15; ++s) EXPECT_TRUE(cached(v, s)) << s;
-  v.destroyCache();
-  EXPECT_FALSE(cached(v, 15));
 }
 
 TEST(SectorCache, VictimAnywhereInItsBucketChain) {

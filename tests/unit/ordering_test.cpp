@@ -26,7 +26,6 @@ using Entry = std::shared_ptr<VELT::DirEntry>;
 struct Card : velt_test::FakeCard {
   Card() { VELTFuse::setVolume(f.volume); }
   ~Card() { VELTFuse::setVolume(nullptr); }
-
   uint64_t create(const char* path) {
     fuse_file_info fi{};
     EXPECT_EQ(VELTFuse::__create(path, 0644, &fi), 0) << path;
@@ -54,7 +53,6 @@ struct Card : velt_test::FakeCard {
     for (uint32_t c = e->start_cluster_; c >= 2 && c < velt::FAT_EOC; c = pbr->fat1_[c])
       labels[c] = label;
   }
-
   // The requests from `from` on, one label each.
   std::vector<std::string> trace(size_t from) {
     std::vector<std::string> out;

@@ -1,5 +1,5 @@
-// The volume object: device paths, path lookup, reserved folders, new entries, the mount table
-// and the unload.
+// The volume object and the daemon's start-up pieces: device paths, path lookup, reserved
+// folders, new entries, cache sizes and the mount table.
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -14,6 +14,7 @@
 #include "fake_driver.h"
 #include "fs/velt.h"
 #include "fs/velt_dirent.h"
+#include "fs/velt_fuse.h"
 
 using Entry = velt::VELT::DirEntry;
 using velt::test::ScopedEnv;
@@ -71,7 +72,6 @@ struct Tree {
   velt_test::FakeVolume f{16384};
   velt::VELT& v = *f.volume;
   std::shared_ptr<Entry> root;
-
   Tree() {
     EXPECT_TRUE(f.formatInMemory());
     v.pbr_->is_velt_partition_ = false;
@@ -122,21 +122,6 @@ TEST(VolumeCore, FindEntryResolvesPathsWithoutRegardToCase) {
     EXPECT_EQ(t.v.findEntry(text.data()), r.want);
     EXPECT_EQ(text, r.path) << "the caller's text is left as it was";
   }
-
-  // New entries: invalid names are refused before the card is touched.
-  t.f.driver->requests.clear();
-  for (const char* name : {"a/b", "what?", "pipe|", "c:d"}) {
-    EXPECT_EQ(t.v.newEntry(t.root, name, false), nullptr) << name;
-  }
-  EXPECT_EQ(t.v.newEntry(nullptr, "x", false), nullptr);
-  EXPECT_EQ(t.root->children_.size(), 2u);
-  EXPECT_TRUE(t.f.driver->requests.empty());
-  auto made = t.v.newEntry(t.root, "Made Here.txt", false);
-  ASSERT_NE(made, nullptr);
-  EXPECT_EQ(t.v.findEntry("/made here.TXT"), made);
-  auto folder = t.v.newEntry(t.root, "Folder", true);
-  ASSERT_NE(folder, nullptr);
-  EXPECT_TRUE(folder->isDir());
   t.v.root_.reset();
   EXPECT_EQ(t.v.findEntry("/"), nullptr) << "no tree, nothing resolves";
 }
@@ -147,7 +132,7 @@ TEST(VolumeCore, EntryToVELTFolderOnlyForAFolderAndItsOwnFiles) {
   auto in_rec = t.add(rec, "a.mp4", "A.MP4");
   auto rec_sub = t.add(rec, "sub", "SUB", velt::kAttrDirectory);
   auto deep = t.add(rec_sub, "b.mp4", "B.MP4");
-  auto events = t.add(t.root, "EVENTS", "EVENTS", velt::kAttrDirectory);
+  auto events = t.add(t.root, "EVENTS", "EVENTS", velt::kAttrDirectory);  // another case
   auto other = t.add(t.root, "other", "OTHER", velt::kAttrDirectory);
   auto top = t.add(t.root, "Rec", "REC");  // a root file named like a folder
   velt::FormatInfo& fi = t.v.format_info_;
@@ -158,20 +143,13 @@ TEST(VolumeCore, EntryToVELTFolderOnlyForAFolderAndItsOwnFiles) {
   strcpy(fi.folders[1].name, "events");
   strcpy(fi.folders[2].name, "OTHER");  // beyond folder_count: not a folder
   t.v.pbr_->is_velt_partition_ = true;
-  struct Row {
-    const char* what;
-    std::shared_ptr<Entry> entry;
-    velt::ReservedFolderDesc* want;
-  } rows[] = {
-      {"folder", rec, &fi.folders[0]},       {"file in folder", in_rec, &fi.folders[0]},
-      {"subfolder", rec_sub, nullptr},       {"file below subfolder", deep, nullptr},
-      {"other case", events, &fi.folders[1]}, {"beyond the count", other, nullptr},
-      {"root file", top, nullptr},           {"root", t.root, nullptr},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.what);
-    EXPECT_EQ(t.v.entryToVELTFolder(r.entry), r.want);
-    EXPECT_EQ(t.v.isInVELTFolder(r.entry), r.want != nullptr);
+  const std::pair<std::shared_ptr<Entry>, velt::ReservedFolderDesc*> rows[] = {
+      {rec, &fi.folders[0]}, {in_rec, &fi.folders[0]}, {rec_sub, nullptr},
+      {deep, nullptr},       {events, &fi.folders[1]}, {other, nullptr},
+      {top, nullptr},        {t.root, nullptr}};
+  for (const auto& [entry, want] : rows) {
+    EXPECT_EQ(t.v.entryToVELTFolder(entry), want) << entry->name_;
+    EXPECT_EQ(t.v.isInVELTFolder(entry), want != nullptr) << entry->name_;
   }
   // Without the mark, or with a broken record, there are no reserved folders at all.
   t.v.pbr_->is_velt_partition_ = false;
@@ -181,9 +159,49 @@ TEST(VolumeCore, EntryToVELTFolderOnlyForAFolderAndItsOwnFiles) {
   EXPECT_EQ(t.v.entryToVELTFolder(rec), nullptr);
 }
 
-TEST(VolumeCore, FindMountedPointReadsTheFirstTwoFieldsOfTheTable) {
+TEST(FuseCacheSize, ParsesOnlyKAndMSuffixesWithinInt32) {
+  struct Case {
+    const char* text;
+    int32_t size;       // -1: refused
+    const char* shown;  // what the error message quotes
+  } cases[] = {
+      {"", 0, ""},
+      {"16M", 16777216, ""},
+      {"K", 0, ""},  // an empty number counts as 0
+      {"2047M", 2047 * 1048576, ""},
+      {"2097151K", 2097151 * 1024, ""},
+      {"16m", -1, "16m"},
+      {"1G", -1, "1G"},
+      {"2097152K", -1, "2097152"},
+      {"99999999999999999999999M", -1, "99999999999999999999999"},
+      {"-1K", -1, "-1"},
+      {"0x10K", -1, "0x10"},
+  };
+  for (const Case& c : cases) {
+    int32_t size = -7;
+    std::string shown;
+    EXPECT_EQ(velt::parseCacheSize(c.text, &size, &shown), c.size >= 0) << c.text;
+    EXPECT_EQ(c.size >= 0 ? std::to_string(size) : shown,
+              c.size >= 0 ? std::to_string(c.size) : c.shown)
+        << c.text;
+  }
+}
+
+// The daemon's check of its mount point and the volume's search for the card's own mount read
+// the second blank-separated field of each line, as the kernel's table writes it.
+TEST(MountTable, FieldsAreSeparatedByBlanksOnly) {
   TempDir dir;
   const std::string table = dir.path() + "/mounts";
+  std::ofstream(table) << "proc /proc proc rw,nosuid 0 0\n"
+                       << "   velt.fuse    /mnt/extsd fuse.velt.fuse rw 0 0\n"
+                       << "tabbed\t/mnt/tab\tvfat rw 0 0\n"
+                       << "short /mnt/last\n";
+  for (auto [point, mounted] : {std::pair<const char*, bool>{"/proc", true}, {"/mnt/extsd", true},
+                                {"/mnt/extsd/", false}, {"/mnt/ext", false}, {"velt.fuse", false},
+                                {"/mnt/tab", false}, {"/mnt/last", false}}) {
+    EXPECT_EQ(velt::is_mounted_point(point, table.c_str()), mounted) << point;
+  }
+  EXPECT_FALSE(velt::is_mounted_point("/proc", "/nonexistent/velt/mounts"));
   struct Row {
     const char* table;
     int found;
@@ -194,7 +212,6 @@ TEST(VolumeCore, FindMountedPointReadsTheFirstTwoFieldsOfTheTable) {
       {"velt.fuse /mnt/v fuse.velt.fuse rw 0 0\n/dev/mmcblk0p1 /late vfat\n", 1, "/mnt/v"},
       {"velt.fuse.x /mnt/x fuse rw 0 0\n/dev/mmcblk1p1 /other vfat\n", 0, "/before"},
       {"/dev/mmcblk0p1 /no-newline", 1, "/no-newline"},
-      {"", 0, "/before"},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.table);
@@ -204,6 +221,4 @@ TEST(VolumeCore, FindMountedPointReadsTheFirstTwoFieldsOfTheTable) {
     EXPECT_EQ(v.findMountedPoint(table.c_str()), r.found);
     EXPECT_EQ(v.mount_point_, r.mount_point);
   }
-  velt::VELT v("/dev/mmcblk0p1", 1, velt::kVELTOpMount, 0);
-  EXPECT_EQ(v.findMountedPoint("/nonexistent/mounts"), 0);
 }
