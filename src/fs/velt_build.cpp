@@ -135,6 +135,16 @@ void commitRepairs(VELT& v, LoadRepairs* repairs) {
       }
     }
   }
+  // Records of rename sources whose target took their file: after the folders, which may
+  // hold them still.
+  for (int64_t off : repairs->dropped) {
+    uint8_t record[DIR_RECORD_SIZE];
+    if (v.read(record, DIR_RECORD_SIZE, off) != DIR_RECORD_SIZE) continue;
+    record[0] = DIR_ENTRY_DELETED;
+    if (v.write(record, DIR_RECORD_SIZE, off, true) != DIR_RECORD_SIZE) {
+      LOGE("record at %lld write error\n", static_cast<long long>(off));
+    }
+  }
   mendReservedEntries(pbr);
   {
     std::lock_guard<std::mutex> lock(pbr.fat_mutex_);

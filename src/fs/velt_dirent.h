@@ -48,6 +48,9 @@ constexpr int kName = 0, kAttr = 11, kCaseFlags = 12, kCreateTenths = 13, kCreat
 constexpr int kLfnSeq = 0, kLfnChars1 = 1, kLfnAttr = 11, kLfnType = 12, kLfnChecksum = 13,
               kLfnChars2 = 14, kLfnCluster = 26, kLfnChars3 = 28;
 constexpr uint8_t kLfnLast = 0x40;  // added to the sequence of the record farthest from the name
+// Creation tenths (valid 0 to 199) of a file record that a replacing rename is moving onto another
+// record: where a cut leaves both pointing at one chain, the load keeps the other one.
+constexpr uint8_t kRenameSource = 0xFF;
 }  // namespace rec
 
 // Name rules, short names and FAT times (velt_dirent_names.cpp).
@@ -206,6 +209,11 @@ class VELT::DirEntry {
   // `to_parent` (this directory or another) without touching its data. 0 or a negative value.
   int moveChild(const std::shared_ptr<DirEntry>& child, const std::shared_ptr<DirEntry>& to_parent,
                 const char* new_name);
+  // Renames the file `child` onto the file `target` of `to_parent`: target's record takes over
+  // child's chain, then child's records are deleted, then target's old chain is freed. -EBUSY
+  // while target is open.
+  int replaceChild(const std::shared_ptr<DirEntry>& child, const std::shared_ptr<DirEntry>& to_parent,
+                   const std::shared_ptr<DirEntry>& target);
 
   // Open files of this entry (velt_dirent_files.cpp).
   int addFile(const std::shared_ptr<File>& file);

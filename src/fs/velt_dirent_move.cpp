@@ -211,4 +211,121 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
   }
 }
 
+// The file keeps its entry object (and its open files); only its records change. Each step is
+// flushed before the next one relies on it, so that a cut anywhere leaves the target's name with
+// its old file or the new one, and the new one under at least one name:
+//  1. the source's record is marked as a rename's source (one byte of its own record);
+//  2. the target's short-name record takes the source's chain, size, times and attributes in
+//     place (one record in one sector: all or nothing; its long name stays valid, the short name
+//     and so the checksum do not change). Two records now share a chain, and the load keeps the
+//     unmarked one;
+//  3. the source's records are marked deleted and the target's old chain is freed (nothing on
+//     the card reaches it any more, whichever of these writes lands).
+int VELT::DirEntry::replaceChild(const std::shared_ptr<DirEntry>& child,
+                                 const std::shared_ptr<DirEntry>& to_parent,
+                                 const std::shared_ptr<DirEntry>& target) {
+  if (to_parent == nullptr || target == nullptr || target == child || child->parent_ != this ||
+      target->parent_ != to_parent.get() || child->isDir() || target->isDir()) {
+    NERIO_ASSERT_TEXT("a file of this folder onto another file");
+    return -EINVAL;
+  }
+  if (child->dir_ent_disk_off_ == 0 || target->dir_ent_disk_off_ == 0) return -EINVAL;
+  if (loadClusterMap() < 0 || to_parent->loadClusterMap() < 0) {
+    LOGE("replacing \"%s\" loadClusterMap failed\n", target->getPath().c_str());
+    return -EINVAL;
+  }
+  if (velt_->isInVELTFolder(child) || velt_->isInVELTFolder(target)) return -EPERM;
+
+  try {
+    // Closes and commits write a record where its entry says it is, under files_mutex_; an
+    // open target is refused as an unlink refuses it, and stays unopened until it is gone.
+    std::scoped_lock files_lock(child->files_mutex_, target->files_mutex_);
+    if (!target->files_.empty()) {
+      LOGE("[%s] is busy, opened files#%d\n", target->getPath().c_str(),
+           static_cast<int>(target->files_.size()));
+      return -EBUSY;
+    }
+    const std::string path = target->getPath();
+    auto failed = [&path](const char* what) {
+      int e = errno ? errno : EIO;
+      LOGE("[%s] replace error while %s %d(%s)\n", path.c_str(), what, e, strerror(e));
+      return -EIO;
+    };
+    const int64_t src_off = child->dir_ent_disk_off_;
+    const int64_t dst_off = target->dir_ent_disk_off_;
+    uint8_t src_record[DIR_RECORD_SIZE], dst_record[DIR_RECORD_SIZE];
+    uint8_t src_name11[11], dst_name11[11];
+    shortNameToName83(child->short_name_.c_str(), src_name11);
+    shortNameToName83(target->short_name_.c_str(), dst_name11);
+    if (velt_->read(src_record, DIR_RECORD_SIZE, src_off) < DIR_RECORD_SIZE ||
+        velt_->read(dst_record, DIR_RECORD_SIZE, dst_off) < DIR_RECORD_SIZE) {
+      return failed("reading the records");
+    }
+    if (memcmp(src_record, src_name11, 11) != 0 || memcmp(dst_record, dst_name11, 11) != 0) {
+      LOGE("[%s] the records on the card are not the entries' ones\n", path.c_str());
+      return -EIO;
+    }
+
+    src_record[rec::kCreateTenths] = rec::kRenameSource;
+    if (velt_->write(src_record, DIR_RECORD_SIZE, src_off, true) != DIR_RECORD_SIZE ||
+        velt_->sync() != 0) {
+      return failed("marking the source");
+    }
+
+    // A rename leaves the write time alone (rsync sets it before it renames).
+    time_t now = time(nullptr);
+    child->access_date_ = timeToFatDate(now);
+    child->accessed_ = now;
+    uint8_t record[DIR_RECORD_SIZE];
+    child->buildRecord(record);
+    memcpy(record + rec::kName, dst_record + rec::kName, 11);
+    record[rec::kCaseFlags] = dst_record[rec::kCaseFlags];
+    if (velt_->write(record, DIR_RECORD_SIZE, dst_off, true) != DIR_RECORD_SIZE ||
+        velt_->sync() != 0) {
+      return failed("writing the target's record");
+    }
+
+    // The target's name holds the file now: the entry takes the target's place in the tree.
+    const uint32_t old_chain = target->start_cluster_;
+    const std::string src_short(child->short_name_.c_str());
+    std::vector<int64_t> src_lfn;
+    for (int k = 0; k < std::min<int>(child->lfn_ent_count_, child->lfn_disk_offsets_.size()); ++k)
+      src_lfn.push_back(child->lfn_disk_offsets_[k]);
+    const std::string dst_name = target->name_;
+    const std::string dst_short(target->short_name_.c_str());
+    const int32_t dst_lfn_count = target->lfn_ent_count_;
+    std::vector<int64_t> dst_lfn;
+    for (int k = 0; k < std::min<int>(dst_lfn_count, target->lfn_disk_offsets_.size()); ++k)
+      dst_lfn.push_back(target->lfn_disk_offsets_[k]);
+
+    removeChild(child, false);
+    to_parent->removeChild(target, true);
+    child->name_ = dst_name.c_str();
+    child->short_name_ = dst_short.c_str();
+    child->lfn_ent_count_ = dst_lfn_count;
+    child->lfn_disk_offsets_.assign(dst_lfn.data(), dst_lfn.size());
+    child->keepRecord(record);
+    child->dir_ent_disk_off_ = dst_off;
+    to_parent->addChild(child);
+
+    int result = 0;
+    if (changeEntryMapValue(child, src_off, src_name11[0], DIR_ENTRY_DELETED) < 0) {
+      LOGE("replacing \"%s\" changeEntryMapValue failed\n", path.c_str());
+    }
+    src_record[rec::kName] = DIR_ENTRY_DELETED;
+    src_record[rec::kCreateTenths] = static_cast<uint8_t>(src_short.empty() ? 0 : src_short[0]);
+    if (velt_->write(src_record, DIR_RECORD_SIZE, src_off, true) != DIR_RECORD_SIZE) {
+      result = failed("deleting the source's record");
+    }
+    deleteRecordsAt(velt_, *this, src_lfn, path);
+    if (old_chain >= 2 && old_chain != child->start_cluster_) {
+      velt_->pbr_->freeClusterChains(old_chain, false);
+    }
+    return result;
+  } catch (const std::bad_alloc&) {
+    LOGE("got exception when replacing [%s]\n", target->getPath().c_str());
+    return -ENOMEM;
+  }
+}
+
 }  // namespace velt

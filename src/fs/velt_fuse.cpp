@@ -785,13 +785,17 @@ int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
       new_name = to_entry->name_;
       std::vector<std::string> replaced = otherNames(velt, *to_entry, to);
       stale.insert(stale.end(), replaced.begin(), replaced.end());
-      int result = to_parent_entry->delChild(to_entry);
+      // A file takes over the other file's record, so that the name is never missing. (An empty
+      // folder goes first: a cut in between loses only it.)
+      int result = to_entry->is_dir_ ? to_parent_entry->delChild(to_entry) : 0;
       if (result != 0) {
         LOGE("\"%s\" failed to delete before moving\n", to_entry->getPath().c_str());
         return result;
       }
     }
-    int moved = from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
+    int moved = to_entry && !to_entry->is_dir_
+                    ? from_parent_entry->replaceChild(source, to_parent_entry, to_entry)
+                    : from_parent_entry->moveChild(source, to_parent_entry, new_name.c_str());
     if (moved == 0) {
       dropNames(velt, stale, true);
       // The kernel now holds the moved entry under the name the caller gave.

@@ -475,6 +475,7 @@ int DirScan::shortNameRecord(int index) {
     entry->lfn_disk_offsets_.assign(offsets, static_cast<size_t>(lfn_ent_count_));
   }
 
+  bool rename_source = false;
   if (claims_ && !reserved() && !is_label &&
       (attr & (kAttrDirectory | kAttrVolumeId)) != (kAttrDirectory | kAttrVolumeId)) {
     int dropped = 0;
@@ -486,6 +487,11 @@ int DirScan::shortNameRecord(int index) {
       modified_ = true;
     }
     if (is_file) {
+      rename_source = wrec(index)[rec::kCreateTenths] == rec::kRenameSource;
+      if (rename_source) {
+        wrec(index)[rec::kCreateTenths] = 0;
+        modified_ = true;
+      }
       dropped = fileRecord(index, wrec(index), name);
     } else if ((attr & kAttrDirectory) != 0) {
       dropped = folderRecord(index, wrec(index), dot, name);
@@ -505,6 +511,21 @@ int DirScan::shortNameRecord(int index) {
     modified_ = true;
     resetLfn();
     return 0;
+  }
+
+  if (rename_source && entry->start_cluster_ != 0) {
+    LoadRepairs::RenameSource& source = velt_->load_repairs_->rename_sources[entry->start_cluster_];
+    source.entry = entry;
+    source.records.clear();
+    source.records.emplace_back(recordOffset(index), index);
+    if (lfn_valid_) {
+      for (int k = std::max(lfn_xord_, 1); k <= std::min(lfn_ent_count_, FAT32_LFN_ENTRY_COUNT_MAX);
+           ++k) {
+        if (slots_[k - 1].p == nullptr) continue;
+        source.records.emplace_back(slots_[k - 1].off,
+                                    static_cast<int>((slots_[k - 1].p - work_.data()) / DIR_RECORD_SIZE));
+      }
+    }
   }
 
   const uint32_t child_cluster = entry->start_cluster_;

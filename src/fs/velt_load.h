@@ -8,7 +8,9 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "fs/velt.h"
@@ -58,6 +60,14 @@ struct LoadRepairs {
   std::vector<uint32_t> fat_cuts;        // clusters whose entry became an end of chain
   ClusterSet starts;                     // first clusters of the entries loaded so far
   uint64_t trimmed = 0;                  // clusters cut off file chains beyond their size
+  // Files whose record a replacing rename marked as its source, by first cluster: a record
+  // found later with the same first cluster is the rename's target and takes the file over.
+  struct RenameSource {
+    std::weak_ptr<VELT::DirEntry> entry;
+    std::vector<std::pair<int64_t, int>> records;  // card offset and slot: name record, long name
+  };
+  std::unordered_map<uint32_t, RenameSource> rename_sources;
+  std::vector<int64_t> dropped;          // records to mark deleted once the folders are written
   int count = 0;                         // repairs made
 };
 
@@ -137,6 +147,7 @@ class DirScan {
   uint64_t folderMaxClusters() const;
   int checkDotRecords();
   int fileRecord(int index, uint8_t* w, const std::string& name);
+  bool takeOverRenameSource(uint32_t start, const std::string& where);
   int folderRecord(int index, uint8_t* w, bool dot, const std::string& name);
   void deleteWithLongName(int index);
   int loadPending();

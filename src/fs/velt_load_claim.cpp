@@ -254,6 +254,7 @@ int DirScan::fileRecord(int index, uint8_t* w, const std::string& name) {
     return 0;
   }
   Claim c = claim(start, need, true, false);
+  if (c.first_shared && takeOverRenameSource(start, where)) c = claim(start, need, true, false);
   if (c.first_bad != nullptr) {
     if (c.first_shared) {
       noteRepair("[%s] is a second record of another entry's clusters: deleted", where.c_str());
@@ -278,6 +279,36 @@ int DirScan::fileRecord(int index, uint8_t* w, const std::string& name) {
     modified_ = true;
   }
   return 0;
+}
+
+// A replacing rename cut short after the target's record took the source's chain: the source
+// (loaded first, its record marked) gives the chain up, its records are deleted, and the chain
+// is free to be claimed again by the target. False when `start` is no such source's.
+bool DirScan::takeOverRenameSource(uint32_t start, const std::string& where) {
+  LoadRepairs* lr = velt_->load_repairs_;
+  auto it = lr->rename_sources.find(start);
+  if (it == lr->rename_sources.end()) return false;
+  LoadRepairs::RenameSource source = std::move(it->second);
+  lr->rename_sources.erase(it);
+  std::shared_ptr<VELT::DirEntry> entry = source.entry.lock();
+  VELT::DirEntry* dir = entry != nullptr ? entry->parent_ : nullptr;
+  if (dir == nullptr || entry->start_cluster_ != start) return false;
+  noteRepair("[%s] is the target of a rename cut short: [%s] deleted", where.c_str(),
+             clean(entry->getPath()).c_str());
+  for (const auto& [off, slot] : source.records) {
+    lr->dropped.push_back(off);
+    if (slot >= 0 && static_cast<size_t>(slot) < dir->entry_map_.size())
+      dir->entry_map_[static_cast<size_t>(slot)] = DIR_ENTRY_DELETED;
+  }
+  dir->removeChild(entry, true);
+  std::lock_guard<std::mutex> lock(pbr_->fat_mutex_);
+  const uint32_t n = pbr_->num_clusters_;
+  for (uint32_t cur = start, steps = 0; cur >= 2 && cur < n && steps < n; ++steps) {
+    if (!pbr_->isClusterUsed(cur)) break;
+    pbr_->__setUsed(cur, false);
+    cur = pbr_->__entry(cur);
+  }
+  return true;
 }
 
 // A folder's record (dot records included) before its entry is made. The chain is only checked

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -63,6 +64,7 @@ struct Promises {
     bool replaces;  // `to` existed: until the rename is done both names stand
   };
   std::vector<InFlight> renames;  // in flight at the cut
+  std::map<std::string, std::vector<std::string>> versions;  // path -> its acceptable contents
 
   // An operation on `path` begins: what was promised about it no longer holds for sure.
   void forget(const std::string& path) {
@@ -305,6 +307,15 @@ std::string judge(const Card& card, const Promises& p,
       problems += path + ": published recording lost or changed\n";
     }
   }
+  for (const auto& [path, wants] : p.versions) {
+    std::string got;
+    if (!readFile(*v, path, &got)) {
+      problems += path + ": replaced file missing\n";
+    } else if (std::find(wants.begin(), wants.end(), got) == wants.end()) {
+      problems += path + ": replaced file holds none of its versions (" +
+                  std::to_string(got.size()) + " bytes)\n";
+    }
+  }
   for (const auto& path : p.present) {
     if (v->findEntry(path.c_str()) == nullptr) problems += path + ": renamed entry missing\n";
   }
@@ -489,6 +500,39 @@ void churn(Session& s) {
   s.rmdir("/empty");
   s.rename("/work/inner folder", "/inner moved");
   s.rename("/inner moved/moved across.txt", "/top.txt");
+}
+
+// Files replaced the way editors, rsync and package managers do it: a temporary written,
+// fsync'd, closed and renamed over the file, in its folder and across folders. The file holds
+// one of its complete versions after any cut.
+void replacements(Session& s) {
+  s.mkdir("/etc");
+  const std::string files[] = {"/etc/settings of the app.json", "/etc/hosts", "/LOG.TXT"};
+  unsigned seed = 100;
+  auto version = [&](const std::string& path, size_t size) {
+    auto f = s.create(path);
+    s.write(f, bytesOf(size, seed++));
+    s.fsync(f);
+    s.close(f);
+    return f.data;
+  };
+  for (const auto& path : files) s.p.versions[path] = {version(path, 1300)};
+  for (int round = 0; round < 2; ++round) {
+    for (size_t i = 0; i < 3; ++i) {
+      // From the root into /etc the temporary is met first at load, from /etc to the root last.
+      const std::string tmp = i == 0 ? files[0] + ".tmp~" : i == 1 ? "/hosts.new" : "/etc/LOG.TMP";
+      std::string next = version(tmp, 700 + 900 * ((round + i) % 3));
+      s.p.versions[files[i]].push_back(next);
+      s.rename(tmp, files[i]);
+      s.p.versions[files[i]] = {next};
+    }
+  }
+}
+
+TEST(PowerCut, FilesReplacedByRename) {
+  Card base = plainCard();
+  Tally t = sweep(base, replacements, budget(80, 100000), 8);
+  EXPECT_EQ(t.failures, 0) << t.first_failure;
 }
 
 // A VELT card with folder REC of 1 MiB reserved files; `capacity` gets their number.
