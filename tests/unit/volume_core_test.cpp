@@ -1,5 +1,5 @@
 // The volume object and the daemon's start-up pieces: device paths, path lookup, reserved
-// folders, new entries, cache sizes and the mount table.
+// folders, cache sizes and the mount table.
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "daemon_runner.h"
@@ -65,125 +66,79 @@ TEST(VolumeCore, DevicePathRules) {
   close(watch);
 }
 
-namespace {
-
-// A formatted fake card with a hand-made tree; no card records behind the entries.
-struct Tree {
-  velt_test::FakeVolume f{16384};
-  velt::VELT& v = *f.volume;
-  std::shared_ptr<Entry> root;
-  Tree() {
-    EXPECT_TRUE(f.formatInMemory());
-    v.pbr_->is_velt_partition_ = false;
-    root = std::make_shared<Entry>(&v);
-    v.initRootEntry(root);
-    v.root_ = root;
-  }
-  std::shared_ptr<Entry> add(const std::shared_ptr<Entry>& parent, const char* name,
-                             const char* short_name, uint8_t attr = velt::kAttrArchive) {
-    auto e = std::make_shared<Entry>(&v);
+// Paths resolve without regard to case; reserved folders are the marked folders of the root and
+// their own files, only on a card with a sound format record.
+TEST(VolumeCore, PathsAndReservedFolders) {
+  velt_test::FakeCard c;
+  auto add = [&](const std::shared_ptr<Entry>& parent, const char* name, const char* short_name,
+                 bool dir = false) {
+    auto e = std::make_shared<Entry>(c.v);
     e->name_ = name;
     e->short_name_ = short_name;
-    e->attr_ = attr;
-    e->is_dir_ = (attr & velt::kAttrDirectory) != 0;
-    e->is_volume_ = (attr & velt::kAttrVolumeId) != 0;
+    e->attr_ = dir ? velt::kAttrDirectory : velt::kAttrArchive;
+    e->is_dir_ = dir;
     e->parent_ = parent.get();
     parent->children_.push_back(e);
     return e;
-  }
-};
-
-}  // namespace
-
-TEST(VolumeCore, FindEntryResolvesPathsWithoutRegardToCase) {
-  Tree t;
-  auto d = t.add(t.root, "Dir", "DIR", velt::kAttrDirectory);
-  auto sub = t.add(d, "Sub Folder", "SUBFOL~1", velt::kAttrDirectory);
-  auto deep = t.add(sub, "file.txt", "FILE.TXT");
-  auto top = t.add(t.root, "Long Name.txt", "LONGNA~1.TXT");
-  struct Row {
-    const char* path;
-    std::shared_ptr<Entry> want;
-  } rows[] = {
-      {"/", t.root},
-      {"", t.root},
-      {"/dir/", d},
-      {"//DIR//sub folder///FILE.TXT", deep},
-      {"/dir/subfol~1/file.txt", deep},
-      {"/LONGNA~1.TXT", top},
-      {"/Long Name.txt/x", nullptr},
-      {"/dir/../Long Name.txt", nullptr},
-      {"/Dir/file.txt", nullptr},
-      {"/Di", nullptr},
   };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(std::string("path \"") + r.path + "\"");
-    std::string text = r.path;
-    EXPECT_EQ(t.v.findEntry(text.data()), r.want);
-    EXPECT_EQ(text, r.path) << "the caller's text is left as it was";
+  auto rec = add(c.root, "rec", "REC", true);
+  auto sub = add(rec, "Sub Folder", "SUBFOL~1", true);
+  auto deep = add(sub, "file.txt", "FILE.TXT");
+  auto in_rec = add(rec, "Long Name.txt", "LONGNA~1.TXT");
+  auto events = add(c.root, "EVENTS", "EVENTS", true);
+  auto other = add(c.root, "other", "OTHER", true);
+  auto top = add(c.root, "Rec", "REC");  // a root file named like a folder
+  const std::pair<const char*, std::shared_ptr<Entry>> paths[] = {
+      {"/", c.root},
+      {"", c.root},
+      {"/REC/", rec},
+      {"//rec//sub folder///FILE.TXT", deep},
+      {"/rec/subfol~1/file.txt", deep},
+      {"/rec/longna~1.TXT", in_rec},
+      {"/rec/Long Name.txt/x", nullptr},
+      {"/rec/../EVENTS", nullptr},
+      {"/rec/file.txt", nullptr},
+      {"/re", nullptr},
+  };
+  for (const auto& [path, want] : paths) {
+    std::string text = path;
+    EXPECT_EQ(c.v->findEntry(text.data()), want) << path;
+    EXPECT_EQ(text, path) << "the caller's text is left as it was";
   }
-  t.v.root_.reset();
-  EXPECT_EQ(t.v.findEntry("/"), nullptr) << "no tree, nothing resolves";
-}
-
-TEST(VolumeCore, EntryToVELTFolderOnlyForAFolderAndItsOwnFiles) {
-  Tree t;
-  auto rec = t.add(t.root, "rec", "REC", velt::kAttrDirectory);
-  auto in_rec = t.add(rec, "a.mp4", "A.MP4");
-  auto rec_sub = t.add(rec, "sub", "SUB", velt::kAttrDirectory);
-  auto deep = t.add(rec_sub, "b.mp4", "B.MP4");
-  auto events = t.add(t.root, "EVENTS", "EVENTS", velt::kAttrDirectory);  // another case
-  auto other = t.add(t.root, "other", "OTHER", velt::kAttrDirectory);
-  auto top = t.add(t.root, "Rec", "REC");  // a root file named like a folder
-  velt::FormatInfo& fi = t.v.format_info_;
+  velt::FormatInfo& fi = c.v->format_info_;
   fi.magic1 = velt::VELT_FSINFO_MAGIC1;
   fi.magic2 = velt::VELT_FSINFO_MAGIC2;
   fi.folder_count = 2;
   strcpy(fi.folders[0].name, "REC");
   strcpy(fi.folders[1].name, "events");
   strcpy(fi.folders[2].name, "OTHER");  // beyond folder_count: not a folder
-  t.v.pbr_->is_velt_partition_ = true;
+  c.pbr->is_velt_partition_ = true;
   const std::pair<std::shared_ptr<Entry>, velt::ReservedFolderDesc*> rows[] = {
-      {rec, &fi.folders[0]}, {in_rec, &fi.folders[0]}, {rec_sub, nullptr},
-      {deep, nullptr},       {events, &fi.folders[1]}, {other, nullptr},
-      {top, nullptr},        {t.root, nullptr}};
+      {rec, &fi.folders[0]}, {in_rec, &fi.folders[0]}, {sub, nullptr},   {deep, nullptr},
+      {events, &fi.folders[1]}, {other, nullptr},      {top, nullptr},   {c.root, nullptr}};
   for (const auto& [entry, want] : rows) {
-    EXPECT_EQ(t.v.entryToVELTFolder(entry), want) << entry->name_;
-    EXPECT_EQ(t.v.isInVELTFolder(entry), want != nullptr) << entry->name_;
+    EXPECT_EQ(c.v->entryToVELTFolder(entry), want) << entry->name_;
+    EXPECT_EQ(c.v->isInVELTFolder(entry), want != nullptr) << entry->name_;
   }
-  // Without the mark, or with a broken record, there are no reserved folders at all.
-  t.v.pbr_->is_velt_partition_ = false;
-  EXPECT_EQ(t.v.entryToVELTFolder(in_rec), nullptr);
-  t.v.pbr_->is_velt_partition_ = true;
-  fi.magic2 = 0;
-  EXPECT_EQ(t.v.entryToVELTFolder(rec), nullptr);
+  fi.magic2 = 0;  // a broken record: no reserved folders at all
+  EXPECT_EQ(c.v->entryToVELTFolder(in_rec), nullptr);
+  c.v->root_.reset();
+  EXPECT_EQ(c.v->findEntry("/"), nullptr) << "no tree, nothing resolves";
 }
 
 TEST(FuseCacheSize, ParsesOnlyKAndMSuffixesWithinInt32) {
-  struct Case {
-    const char* text;
-    int32_t size;       // -1: refused
-    const char* shown;  // what the error message quotes
-  } cases[] = {
-      {"", 0, ""},
-      {"16M", 16777216, ""},
-      {"K", 0, ""},  // an empty number counts as 0
-      {"2047M", 2047 * 1048576, ""},
-      {"2097151K", 2097151 * 1024, ""},
-      {"16m", -1, "16m"},
-      {"1G", -1, "1G"},
-      {"2097152K", -1, "2097152"},
-      {"99999999999999999999999M", -1, "99999999999999999999999"},
-      {"-1K", -1, "-1"},
-      {"0x10K", -1, "0x10"},
-  };
-  for (const Case& c : cases) {
+  // The size, or -1 and what the error message quotes.
+  const std::tuple<const char*, int32_t, const char*> cases[] = {
+      {"", 0, ""},          {"16M", 16777216, ""},      {"K", 0, ""},  // no number counts as 0
+      {"2097151K", 2097151 * 1024, ""}, {"16m", -1, "16m"}, {"1G", -1, "1G"},
+      {"2097152K", -1, "2097152"},      {"-1K", -1, "-1"},  {"0x10K", -1, "0x10"},
+      {"99999999999999999999999M", -1, "99999999999999999999999"}};
+  for (const auto& [text, want, quoted] : cases) {
     int32_t size = -7;
     std::string shown;
-    EXPECT_EQ(velt::parseCacheSize(c.text, &size, &shown), c.size >= 0) << c.text;
-    EXPECT_EQ(c.size >= 0 ? std::to_string(size) : shown,
-              c.size >= 0 ? std::to_string(c.size) : c.shown)
-        << c.text;
+    EXPECT_EQ(velt::parseCacheSize(text, &size, &shown), want >= 0) << text;
+    EXPECT_EQ(want >= 0 ? std::to_string(size) : shown, want >= 0 ? std::to_string(want) : quoted)
+        << text;
   }
 }
 
