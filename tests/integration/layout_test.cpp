@@ -1,56 +1,95 @@
-// The card layout as our code reads it, judged against what fsck.fat and minfo report.
+// Cards made by sfdisk, mkfs.fat and mtools, loaded through the library: the geometry it reads
+// against what fsck.fat and minfo report, and the tree, names, sizes and bytes against what
+// mtools wrote; what the partition table and the VELT mark make the load refuse; an exclusive
+// load taking an existing mount of the partition away.
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <map>
 #include <regex>
+#include <set>
 #include <string>
 
 #include "card_volume.h"
-#include "fs/velt.h"
-#include "fs/velt_endian.h"
+#include "fs/velt_file.h"
 
-using velt::test::CardImage;
-using velt::test::CardSpec;
-using velt::test::Loaded;
-
+namespace velt::test {
 namespace {
-
-Loaded load(const CardImage& card, int mode = velt::kVELTOpMount) {
-  return velt::test::loadCard(card, mode);
-}
 
 int64_t minfoField(const std::string& out, const std::string& re) {
   std::smatch m;
-  if (!std::regex_search(out, m, std::regex(re))) return -1;
-  return std::stoll(m[1]);
+  return std::regex_search(out, m, std::regex(re)) ? std::stoll(m[1]) : -1;
 }
 
-}  // namespace
+std::string parentOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
 
-TEST(CardLayout, GeometryMatchesTheFatTools) {
+// Folders nested four deep, long and non-ASCII names, an empty file and folder, sizes around
+// the cluster, a folder of 70 files (a sorted name index and several clusters of records), and
+// files laid down in pieces in holes the tools left.
+void fillTree(const CardImage& card, size_t cl, std::set<std::string>* dirs,
+              std::map<std::string, std::string>* files) {
+  auto mkdir = [&](const std::string& p) { card.mkdir(p), dirs->insert(p); };
+  auto put = [&](const std::string& p, size_t size, unsigned seed) {
+    files->emplace(p, patternBytes(size, seed));
+    card.put(p, (*files)[p]);
+  };
+  auto del = [&](const std::string& p) { card.del(p), files->erase(p); };
+  for (const char* d : {"/a", "/a/b", "/a/b/c", "/a/b/c/d", "/Ünïcödé Ördner",
+                        "/A folder with a long name and spaces", "/empty folder", "/many", "/frag"})
+    mkdir(d);
+  put("/empty.txt", 0, 0);
+  put("/a/one.bin", 1, 1);
+  put("/a/b/cluster.bin", cl, 1);
+  put("/a/b/c/d/cluster+1.bin", cl + 1, 2);
+  put("/a/b/c/d/cluster-1.bin", cl - 1, 3);
+  put("/a/b/c/d/.hidden", 3, 9);
+  put("/README.TXT", 100, 4);
+  put("/lower.txt", 700, 5);
+  put("/Ünïcödé Ördner/日本語のファイル名.dat", 3 * cl + 17, 6);
+  put("/Ünïcödé Ördner/Größe €.txt", 20, 7);
+  put("/A folder with a long name and spaces/a very long file name that needs many long-name "
+      "records, more than ten of them, to be stored 0123456789.txt",
+      5000, 8);
+  for (int i = 0; i < 70; ++i) put("/many/file number " + std::to_string(i) + ".dat", i * 37, i);
+  for (int i = 0; i < 6; ++i) put("/frag/piece" + std::to_string(i), 3 * cl, 200 + i);
+  for (int i = 1; i < 6; i += 2) del("/frag/piece" + std::to_string(i));
+  card.rewindAllocationHint();
+  put("/frag/spread.bin", 10 * cl + 123, 300);
+  del("/frag/piece2");
+  card.rewindAllocationHint();
+  put("/frag/rewritten.bin", 4 * cl + 1, 301);
+}
+
+TEST(CardLayout, GeometryAndTreeMatchTheFatTools) {
   struct Row {
     int64_t size_mb;
-    int spc;
-    int slot;
-  } rows[] = {{64, 1, 1}, {300, 8, 1}, {2200, 64, 1}, {300, 8, 2}};
+    int spc, slot;
+    bool tree;  // filled by mtools first
+  } rows[] = {{64, 1, 1, true}, {300, 8, 1, false}, {2200, 64, 1, false}, {300, 8, 2, true}};
   for (const auto& r : rows) {
     SCOPED_TRACE("spc " + std::to_string(r.spc) + " slot " + std::to_string(r.slot));
-    CardSpec spec;
-    spec.size_mb = r.size_mb;
-    spec.sectors_per_cluster = r.spc;
-    spec.slot = r.slot;
-    CardImage card(spec);
+    CardImage card(CardSpec{r.size_mb, r.spc, r.slot, ""});
     ASSERT_TRUE(card.ok()) << card.error();
+    std::set<std::string> dirs{"/"};
+    std::map<std::string, std::string> files;
+    if (r.tree) fillTree(card, 512u * r.spc, &dirs, &files);
     auto fsck = card.fsck("-n -v");
     ASSERT_EQ(fsck.status, 0) << fsck.out;
-    auto f = velt::test::parseFsckVerbose(fsck.out);
+    auto f = parseFsckVerbose(fsck.out);
     auto minfo = card.mtools("minfo ::");
     ASSERT_EQ(minfo.status, 0) << minfo.err;
 
-    Loaded l = load(card);
-    ASSERT_EQ(l.error, 0);
-    ASSERT_NE(l.volume, nullptr);
-    velt::PBR& pbr = *l.volume->pbr_;
+    Loaded l = loadCard(card);
+    ASSERT_EQ(l.error, 0) << l.log;
+    VELT& v = *l.volume;
+    const PBR& pbr = *v.pbr_;
     EXPECT_FALSE(pbr.is_velt_partition_);
     EXPECT_EQ(pbr.bytes_per_sector_, f["bytes_per_sector"]);
     EXPECT_EQ(pbr.cluster_length_, f["bytes_per_cluster"]);
@@ -64,65 +103,105 @@ TEST(CardLayout, GeometryMatchesTheFatTools) {
     EXPECT_EQ(pbr.root_cluster_, minfoField(minfo.out, R"(rootCluster=(\d+))"));
     EXPECT_EQ(pbr.free_cluster_count_, minfoField(minfo.out, R"(free clusters=(\d+))"));
     EXPECT_EQ(pbr.free_cluster_count_, f["total_clusters"] - f["used_clusters"]);
-    EXPECT_EQ(l.volume->disk_size_, (r.size_mb << 20) - card.partitionOffset());
-    // FAT contents: media entry, the reserved entry, the root's end of chain, then free.
+    EXPECT_EQ(v.disk_size_, (r.size_mb << 20) - card.partitionOffset());
     EXPECT_EQ(pbr.fat1_[0], 0x0FFFFFF8u);
     EXPECT_EQ(pbr.fat1_[1], 0x0FFFFFFFu);
-    EXPECT_GE(pbr.fat1_[2], 0x0FFFFFF8u);
-    EXPECT_EQ(pbr.fat1_[3], 0u);
     EXPECT_FALSE(pbr.fat_damaged_);
-    EXPECT_EQ(l.volume->init(), -1) << "a loaded volume is not loaded again";
-    EXPECT_EQ(l.volume->state_, velt::kVELTStateLoaded);
+    EXPECT_EQ(v.init(), -1) << "a loaded volume is not loaded again";
+
+    // Every folder's children, every file's size and bytes.
+    for (const auto& dir : dirs) {
+      SCOPED_TRACE("folder " + dir);
+      auto e = v.findEntry(dir.c_str());
+      ASSERT_NE(e, nullptr);
+      EXPECT_TRUE(e->isDir());
+      std::set<std::string> want, got;
+      for (const auto& d : dirs) {
+        if (d != "/" && parentOf(d) == dir) want.insert(d.substr(d.rfind('/') + 1));
+      }
+      for (const auto& [p, bytes] : files) {
+        if (parentOf(p) == dir) want.insert(p.substr(p.rfind('/') + 1));
+      }
+      std::lock_guard lock(e->children_mutex_);
+      for (const auto& c : e->children_) {
+        if (!c->isDotEntry() && !c->is_volume_) got.insert(c->name_);
+      }
+      EXPECT_EQ(got, want);
+    }
+    for (const auto& [path, bytes] : files) {
+      SCOPED_TRACE("file " + path);
+      auto e = v.findEntry(path.c_str());
+      ASSERT_NE(e, nullptr);
+      EXPECT_TRUE(e->isArchive());
+      EXPECT_EQ(e->size_, static_cast<int64_t>(bytes.size()));
+      auto file = v.newFile(false, false, false, e);
+      ASSERT_NE(file, nullptr);
+      std::string back(bytes.size(), '\0');
+      EXPECT_EQ(file->read(back.data(), back.size(), 0), static_cast<int>(bytes.size()));
+      EXPECT_TRUE(back == bytes) << "contents differ";
+      file->close();
+    }
+    if (r.tree) {
+      EXPECT_GE(clusterRuns(*v.findEntry("/frag/spread.bin")), 3);
+      EXPECT_GE(clusterRuns(*v.findEntry("/frag/rewritten.bin")), 2);
+      // Names resolve in any letter case; short names too.
+      EXPECT_EQ(v.findEntry("/A/B/C/D/CLUSTER+1.BIN"), v.findEntry("/a/b/c/d/cluster+1.bin"));
+      EXPECT_EQ(v.findEntry("/MANY/FILE NUMBER 69.DAT"), v.findEntry("/many/file number 69.dat"));
+      auto lower = v.findEntry("/lower.txt");
+      ASSERT_NE(lower, nullptr);
+      EXPECT_EQ(v.findEntry(("/" + lower->short_name_).c_str()), lower);
+      EXPECT_EQ(v.findEntry("/lower.txt/x"), nullptr);
+      EXPECT_EQ(v.findEntry("/many/file number 70.dat"), nullptr);
+      std::list<std::string> root_files;
+      EXPECT_EQ(v.listRootFiles(root_files), 3);
+    }
+    // Loading left nothing for the tools to complain about.
+    l.volume.reset();
+    fsck = card.fsck();
+    EXPECT_EQ(fsck.status, 0) << fsck.out;
   }
 }
 
-// Damaged boot sectors are rows of the damaged-card table; the partition table's refusals here.
-TEST(CardLayout, PartitionTableRefusals) {
+TEST(CardLayout, PartitionTableAndVeltMarkDecideWhatLoads) {
   CardImage card;
   ASSERT_TRUE(card.ok()) << card.error();
-
-  // No MBR signature: code 5. A partition number without an entry: code 2.
+  const int64_t part = card.partitionOffset();
+  // No MBR signature; a partition number without an entry.
   card.writeBytes(510, std::string("\0\0", 2));
-  EXPECT_EQ(load(card).error, velt::kVELTBadMBR);
+  EXPECT_EQ(loadCard(card).error, kVELTBadMBR);
   card.writeBytes(510, "\x55\xAA");
   {
     CardImage::RootScope scope(card);
     int error = 0;
-    EXPECT_EQ(velt::VELT::create("/dev/mmcblk0p2", 0, 0, 0, &error), nullptr);
-    EXPECT_EQ(error, velt::kVELTNoFAT32Partition);
+    EXPECT_EQ(VELT::create("/dev/mmcblk0p2", 0, 0, 0, &error), nullptr);
+    EXPECT_EQ(error, kVELTNoFAT32Partition);
   }
-}
 
-TEST(CardLayout, VeltMarkAndVersion) {
-  CardImage card;
-  ASSERT_TRUE(card.ok()) << card.error();
-  const int64_t part = card.partitionOffset();
   // A VELT mark without a valid format-information record runs as plain FAT32.
   card.writeBytes(part + 3, "VELT1.0P");
-  Loaded l = load(card);
+  Loaded l = loadCard(card);
   ASSERT_NE(l.volume, nullptr);
   EXPECT_FALSE(l.volume->pbr_->is_velt_partition_);
-  l.volume.reset();
-  EXPECT_EQ(load(card, velt::kVELTOpExclusive).error, velt::kVELTNotVELT);
+  l.volume.reset();  // unloading writes FSInfo
+  EXPECT_EQ(loadCard(card, kVELTOpExclusive).error, kVELTNotVELT);
 
   // With a valid record the major version decides.
   struct Row {
     uint16_t major, minor;
     int error;
-  } rows[] = {{2, 9, velt::kVELTBadVELT}, {4, 0, velt::kVELTBadVELT}, {3, 9, 0}, {3, 1, 0}};
+  } rows[] = {{2, 9, kVELTBadVELT}, {4, 0, kVELTBadVELT}, {3, 9, 0}, {3, 1, 0}};
   for (const Row& r : rows) {
     SCOPED_TRACE(std::to_string(r.major) + "." + std::to_string(r.minor));
-    l.volume.reset();  // unloading writes FSInfo
-    velt::FormatInfo info;
-    info.magic1 = velt::VELT_FSINFO_MAGIC1;
-    info.magic2 = velt::VELT_FSINFO_MAGIC2;
+    FormatInfo info;
+    info.magic1 = VELT_FSINFO_MAGIC1;
+    info.magic2 = VELT_FSINFO_MAGIC2;
     info.version_major = r.major;
     info.version_minor = r.minor;
     memcpy(info.signature, "sig-of-card!", 12);
-    std::string record(velt::VELT_FORMAT_INFO_SIZE, '\0');
+    std::string record(VELT_FORMAT_INFO_SIZE, '\0');
     info.encode(reinterpret_cast<uint8_t*>(record.data()));
     card.writeBytes(part + 512 + 4, record);
-    l = load(card);
+    l = loadCard(card);
     EXPECT_EQ(l.error, r.error) << l.log;
     if (l.volume == nullptr) continue;
     EXPECT_TRUE(l.volume->pbr_->is_velt_partition_);
@@ -130,5 +209,52 @@ TEST(CardLayout, VeltMarkAndVersion) {
     char sig[13];
     EXPECT_EQ(l.volume->getSignature(sig, sizeof(sig)), 12);
     EXPECT_STREQ(sig, "sig-of-card!");
+    l.volume.reset();
   }
 }
+
+TEST(CardLayout, ExclusiveLoadTakesAnExistingMountAway) {
+  // In a private mount namespace of a child process, so that nothing outside sees the mount:
+  // a tmpfs listed under the card's device path stands for a mount of the partition.
+  CardImage card(CardSpec{64, 1, 1, "", true});
+  ASSERT_TRUE(card.ok()) << card.error();
+  const std::string where = card.dir() + "/mnt";
+  ASSERT_EQ(::mkdir(where.c_str(), 0700), 0);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    if (unshare(CLONE_NEWNS) != 0) _exit(90);
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(91);
+    auto listed = [&] {
+      VELT probe(card.devicePath(), 1, kVELTOpMount, 0);
+      return probe.findMountedPoint() == 1 && probe.mount_point_ == where;
+    };
+    for (int round = 0; round < 2; ++round) {
+      if (mount(card.devicePath().c_str(), where.c_str(), "tmpfs", 0, nullptr) != 0) _exit(92);
+      if (!listed()) _exit(93);
+      if (round == 0) {
+        VELT v(card.devicePath(), 1, kVELTOpMount, 0);
+        if (v.umount() != 0) _exit(94);
+      } else {
+        CardImage::RootScope scope(card);
+        int error = -100;
+        auto v = VELT::create(card.devicePath(), 0, kVELTOpExclusive, 0, &error);
+        if (v != nullptr || error != kVELTNotVELT) _exit(95);
+      }
+      if (listed()) _exit(96 + round);
+    }
+    VELT v(card.devicePath(), 1, kVELTOpMount, 0);
+    _exit(v.umount() == 0 ? 0 : 98);  // nothing mounted: nothing to do
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) >= 90 && WEXITSTATUS(status) <= 92) {
+    GTEST_SKIP() << "no private mount namespace here";
+  }
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  rmdir(where.c_str());
+}
+
+}  // namespace
+}  // namespace velt::test

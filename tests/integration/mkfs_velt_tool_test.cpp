@@ -1,29 +1,22 @@
-// The mkfs.velt tool: its help, its refusals (bad arguments, a card in use) and the cards it
-// formats, judged by fsck.fat, mtools and by loading them.
+// The mkfs.velt tool: the cards it formats (judged by fsck.fat, by mtools with no overrides and
+// by a load), the summary it prints, and its refusals, which leave the card as it was.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 
-#include <cstring>
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
 
-#include "card_image.h"
-#include "fs/velt.h"
-#include "fs/velt_dirent.h"
+#include "card_volume.h"
 #include "velt_fsck.h"
 
 namespace velt::test {
 namespace {
 
-std::string tool() {
-  return std::string(VELT_BINARY_DIR) + "/mkfs.velt";
-}
-
-// Runs the tool with `args` (shell words) on the card's sandbox.
 ShellResult runTool(const CardImage& card, const std::string& args) {
-  return runShell("VELT_ROOT=" + shellQuote(card.root()) + " " + shellQuote(tool()) + " " + args);
+  return runShell("VELT_ROOT=" + shellQuote(card.root()) + " " +
+                  shellQuote(std::string(VELT_BINARY_DIR) + "/mkfs.velt") + " " + args);
 }
 
 std::string checksum(const CardImage& card) {
@@ -37,142 +30,22 @@ CardImage makeCard(bool fat32, int64_t size_mb) {
   return CardImage(spec);
 }
 
-TEST(MkfsVeltTool, BadArgumentsChangeNothing) {
-  CardImage card = makeCard(false, 64);
-  ASSERT_TRUE(card.ok()) << card.error();
-  const std::string before = checksum(card);
-  const char* cases[] = {
-      "",
-      "/dev/sda1",
-      "/dev/mmcblk0p01",
-      "/dev/mmcblk0",
-      "/dev/mmcblk0p2",  // no such node in the sandbox
-      "/dev/mmcblk0p1 REC",
-      "/dev/mmcblk0p1 REC:40",
-      "/dev/mmcblk0p1 REC:40:16:1",
-      "/dev/mmcblk0p1 REC:0:16",
-      "/dev/mmcblk0p1 REC:101:16",
-      "/dev/mmcblk0p1 REC:4x:16",
-      "/dev/mmcblk0p1 REC:40:0",
-      "/dev/mmcblk0p1 REC:40:4096",
-      "/dev/mmcblk0p1 :40:16",
-      "/dev/mmcblk0p1 R.C:40:16",
-      "/dev/mmcblk0p1 'R*C:40:16'",
-      "/dev/mmcblk0p1 ABCDEFGHIJKL:10:16",
-      "/dev/mmcblk0p1 A:10:1 B:10:1 C:10:1 D:10:1 E:10:1",
-      "/dev/mmcblk0p1 REC:40:16 rec:10:4",
-      "/dev/mmcblk0p1 A:60:16 B:50:16",
-      "-m X /dev/mmcblk0p1 REC:40:16",
-      "/dev/mmcblk0p1 REC:40:16 -m",
-      "-m",
-      "-L ABCDEFGHIJKL /dev/mmcblk0p1",
-      "-L A:B /dev/mmcblk0p1",
-      "-L '' /dev/mmcblk0p1",
-      "-z /dev/mmcblk0p1",
-      "--bogus /dev/mmcblk0p1",
-  };
-  for (const char* args : cases) {
-    SCOPED_TRACE(args);
-    ShellResult r = runTool(card, args);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err.rfind("mkfs.velt: ", 0), 0u) << r.err;
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-  }
-  EXPECT_EQ(checksum(card), before);
-}
-
-// A process directory with one daemon process whose VELT_ROOT is `root`.
-void fakeDaemon(const std::string& proc, const char* pid, const char* comm,
-                const std::string& root) {
-  std::string dir = proc + "/" + pid;
-  runShell("mkdir -p " + shellQuote(dir));
-  std::ofstream(dir + "/comm") << comm << "\n";
-  std::string environ = "HOME=/root";
-  environ.push_back('\0');
-  if (!root.empty()) environ += "VELT_ROOT=" + root;
-  environ.push_back('\0');
-  std::ofstream(dir + "/environ", std::ios::binary) << environ;
-}
-
-TEST(MkfsVeltTool, InUseCheckFindsMountsAndDaemonsOfTheSameCard) {
-  CardImage card = makeCard(false, 64);
-  ASSERT_TRUE(card.ok()) << card.error();
-  CardImage other = makeCard(false, 64);
-  ASSERT_TRUE(other.ok()) << other.error();
-  CardImage::RootScope scope(card);
-  const std::string dir = card.dir();
-  struct Case {
-    const char* what;
-    std::string mounts;
-    const char* comm;  // daemon process name, or null for none
-    std::string root;  // its VELT_ROOT
-    bool in_use;
-    const char* where;
-  } cases[] = {
-      {"nothing", "sysfs /sys sysfs rw 0 0\n", nullptr, "", false, ""},
-      {"partition mounted", "/dev/mmcblk0p1 /media/sd vfat rw 0 0\n", nullptr, "", true,
-       "mounted at /media/sd"},
-      {"partition node under VELT_ROOT mounted",
-       card.root() + "/dev/mmcblk0p1 /media/img vfat rw 0 0\n", nullptr, "", true,
-       "mounted at /media/img"},
-      {"another partition", "/dev/mmcblk0p10 /media/sd vfat rw 0 0\n", nullptr, "", false, ""},
-      {"daemon on this card", "", "velt.fuse", card.root(), true, "served by velt.fuse (pid 4242)"},
-      {"daemon on this card, path spelled otherwise", "", "velt.fuse", card.root() + "/../root",
-       true, "served by velt.fuse (pid 4242)"},
-      {"daemon on another card", "velt.fuse /mnt/x fuse.velt.fuse rw 0 0\n", "velt.fuse",
-       other.root(), false, ""},
-      {"daemon on the real driver", "", "velt.fuse", "", false, ""},
-      {"another program", "", "sleep", card.root(), false, ""},
-  };
-  int n = 0;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    const std::string mounts = dir + "/mounts" + std::to_string(n);
-    const std::string proc = dir + "/proc" + std::to_string(n++);
-    std::ofstream(mounts) << c.mounts;
-    runShell("mkdir -p " + shellQuote(proc));
-    if (c.comm != nullptr) fakeDaemon(proc, "4242", c.comm, c.root);
-    std::string where;
-    EXPECT_EQ(VELT::isCardInUse("/dev/mmcblk0p1", &where, mounts.c_str(), proc.c_str()), c.in_use);
-    EXPECT_EQ(where, c.where);
-  }
-}
-
-TEST(MkfsVeltTool, RefusesACardServedByARunningDaemon) {
-  CardImage card = makeCard(false, 64);
-  ASSERT_TRUE(card.ok()) << card.error();
-  const std::string before = checksum(card);
-  // Any program named velt.fuse with this card's VELT_ROOT stands for the daemon.
-  const std::string fake = card.dir() + "/velt.fuse";
-  ASSERT_EQ(runShell("cp \"$(command -v sleep)\" " + shellQuote(fake)).status, 0);
-  ShellResult started = runShell("VELT_ROOT=" + shellQuote(card.root()) + " " + shellQuote(fake) +
-                                 " 60 >/dev/null 2>&1 & echo $!");
-  const pid_t pid = static_cast<pid_t>(atoi(started.out.c_str()));
-  ASSERT_GT(pid, 0);
-  ShellResult r = runTool(card, "/dev/mmcblk0p1 REC:40:16");
-  kill(pid, SIGTERM);
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "mkfs.velt: \"/dev/mmcblk0p1\" is in use (served by velt.fuse (pid " +
-                       std::to_string(pid) + ")); unmount it first\n");
-  EXPECT_EQ(checksum(card), before);
-}
-
-// mtools as a user runs it: no environment that relaxes its checks of the boot sector.
+// mtools as a user runs it: nothing relaxes its checks of the boot sector.
 ShellResult userMtools(const CardImage& card, const std::string& tool, const std::string& rest) {
   return runShell("env -u MTOOLS_SKIP_CHECK " + tool + " -i " + shellQuote(card.mtoolsImage()) +
                   " " + rest);
 }
 
-// Cards of every size class the format distinguishes, blank or already FAT32: what the tool
-// writes passes fsck.fat, mdir and mcopy with no override and loads with its reserved files.
+// Cards of every size class, blank, partitioned or already FAT32 (with a root file and a folder):
+// the summary says how the shares of the whole free space became files, and what the tool
+// writes passes fsck.fat, mdir and mcopy and loads with every reserved file in one piece.
 TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
+  enum Start { kBlank, kPartitioned, kFat32 };
   struct Folder {
     const char* name;
     uint32_t count;
   };
-  enum Start { kBlank, kPartitioned, kFat32 };
-  struct Case {
+  struct Row {
     const char* what;
     int64_t size_mb;
     Start start;
@@ -180,19 +53,32 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
     const char* mark;
     const char* label;  // in the boot sector
     std::vector<Folder> folders;
+    std::vector<std::string> lines;  // of the summary
     bool root_file_kept;
-  } cases[] = {
-      // 40% of 255 MiB in 8 MiB files and 20% in 4 MiB files: 12 files each.
-      {"256 MiB, blank, two folders, label, mode P",
+  } rows[] = {
+      // 40% of 255 MiB in 8 MiB files, 20% in 4 MiB files; 1% cannot hold one 64 MiB file.
+      {"256 MiB, blank, three folders, label, mode P",
        256,
        kBlank,
-       "-L CAM -m P /dev/mmcblk0p1 REC:40:8 EVT:20:4",
+       "-L CAM -m P /dev/mmcblk0p1 REC:40:8 EVT:20:4 TINY:1:64",
        "VELT1.0P",
        "CAM        ",
-       {{"REC", 12}, {"EVT", 12}},
+       {{"REC", 12}, {"EVT", 12}, {"TINY", 0}},
+       {"       REC   40%     8 MB #12  \n", "       EVT   20%     4 MB #12  \n",
+        "      TINY    1%    64 MB #0   \n"},
        false},
-      {"512 MiB, partition table only", 512, kPartitioned, "/dev/mmcblk0p1 REC:40:16", "VELT1.0N",
-       "NO NAME    ", {{"REC", 12}}, false},
+      // Both halves are taken of the whole free space, not of what the first one left.
+      {"1100 MiB, partition table only, two halves",
+       1100,
+       kPartitioned,
+       "/dev/mmcblk0p1 A:50:8 B:50:8",
+       "VELT1.0N",
+       "NO NAME    ",
+       {{"A", 68}, {"B", 68}},
+       {"disk size 1152385024 bytes (1099.00 MB, 1.07 GB)\n",
+        "root size 0 bytes (0.00 MB, 0.00 GB)\n", "         A   50%     8 MB #68  \n",
+        "         B   50%     8 MB #68  \n", "    (free)          11 MB\n"},
+       false},
       {"2 GiB FAT32, root files kept",
        2048,
        kFat32,
@@ -200,66 +86,85 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
        "VELT1.0N",
        "NO NAME    ",
        {{"rec", 25}},
+       {},
        true},
-      {"2 GiB FAT32, formatted anew without folders", 2048, kFat32, "/dev/mmcblk0p1", "VELT1.0N",
-       "NO NAME    ", {}, false},
-      {"32 GiB, sparse", 32768, kPartitioned, "/dev/mmcblk0p1 REC:10:64", "VELT1.0N",
-       "NO NAME    ", {{"REC", 51}}, false},
+      {"2 GiB FAT32, formatted anew without folders",
+       2048,
+       kFat32,
+       "/dev/mmcblk0p1",
+       "VELT1.0N",
+       "NO NAME    ",
+       {},
+       {},
+       false},
+      {"32 GiB, sparse",
+       32768,
+       kPartitioned,
+       "/dev/mmcblk0p1 REC:10:64",
+       "VELT1.0N",
+       "NO NAME    ",
+       {{"REC", 51}},
+       {"       REC   10%    64 MB #51  \n"},
+       false},
   };
-  for (const Case& c : cases) {
+  for (const Row& c : rows) {
     SCOPED_TRACE(c.what);
     CardImage card = makeCard(c.start == kFat32, c.size_mb);
     ASSERT_TRUE(card.ok()) << card.error();
     if (c.start == kBlank) card.writeBytes(0, std::string(512, '\0'));
     if (c.start == kFat32) {
-      std::ofstream(card.dir() + "/note.txt") << "kept?";
-      ASSERT_EQ(
-          card.mtools("mcopy " + shellQuote(card.dir() + "/note.txt") + " ::/note.txt").status, 0);
+      card.put("/note.txt", "kept?");
+      card.mkdir("/OLD");
+      card.put("/OLD/gone.bin", patternBytes(100000, 1));
     }
     ShellResult r = runTool(card, c.args);
     ASSERT_EQ(r.status, 0) << r.out << r.err;
-    // The summary and nothing of the library's diagnostics.
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(r.err, "");  // the summary and nothing of the library's diagnostics
     EXPECT_NE(r.out.find("mkfs.velt: \"/dev/mmcblk0p1\" formatted as VELT"), std::string::npos)
         << r.out;
     EXPECT_EQ(r.out.rfind("disk size ", 0), 0u) << r.out;
     EXPECT_NE(r.out.find("    (free) "), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find("\x1b["), std::string::npos) << r.out;
+    for (const std::string& l : c.lines) EXPECT_NE(r.out.find(l), std::string::npos) << l << r.out;
     EXPECT_EQ(card.readBytes(card.partitionOffset() + 3, 8), c.mark);
     EXPECT_EQ(card.readBytes(card.partitionOffset() + 71, 11), c.label);
 
     EXPECT_TRUE(fsckShowsOnlyReservedFiles(card));
-    ShellResult root = userMtools(card, "mdir", "::/");
+    ShellResult root = userMtools(card, "mdir", "-a ::/");
     EXPECT_EQ(root.status, 0) << root.err;
     EXPECT_EQ(root.err, "");
+    EXPECT_EQ(root.out.find("OLD"), std::string::npos) << "folders never stay: " << root.out;
     ShellResult note = userMtools(card, "mtype", "::/note.txt");
     EXPECT_EQ(note.status == 0 && note.out == "kept?", c.root_file_kept) << note.out << note.err;
     for (const Folder& f : c.folders) {
       ShellResult list = userMtools(card, "mdir", std::string("-a ::/") + f.name);
       EXPECT_EQ(list.status, 0) << list.err;
-      EXPECT_NE(list.out.find("2 files"), std::string::npos) << f.name << list.out;
+      EXPECT_NE(list.out.find("2 files"), std::string::npos) << f.name << list.out;  // . and ..
     }
 
     {
-      CardImage::RootScope scope(card);
-      testing::internal::CaptureStdout();
-      int error = 0;
-      std::shared_ptr<VELT> volume = VELT::create(card.devicePath(), 0, kVELTOpMount, 0, &error);
-      std::string log = testing::internal::GetCapturedStdout();
-      ASSERT_NE(volume, nullptr) << error << log;
-      EXPECT_GE(volume->pbr_->num_clusters_ - 2, FAT32_MIN_CLUSTERS);
-      ASSERT_EQ(volume->format_info_.folder_count, c.folders.size());
+      Loaded l = loadCard(card);
+      ASSERT_NE(l.volume, nullptr) << l.error << l.log;
+      const PBR& pbr = *l.volume->pbr_;
+      EXPECT_GE(pbr.num_clusters_ - 2, FAT32_MIN_CLUSTERS);
+      ASSERT_EQ(l.volume->format_info_.folder_count, c.folders.size());
       for (size_t i = 0; i < c.folders.size(); ++i) {
-        const ReservedFolderDesc& desc = volume->format_info_.folders[i];
+        const ReservedFolderDesc& desc = l.volume->format_info_.folders[i];
         EXPECT_STREQ(desc.name, c.folders[i].name);
         EXPECT_EQ(desc.count, c.folders[i].count);
-        auto folder = volume->findEntry((std::string("/") + desc.name).c_str());
+        auto folder = l.volume->findEntry((std::string("/") + desc.name).c_str());
         ASSERT_NE(folder, nullptr);
         EXPECT_EQ(folder->velt_folder_, &desc);
+        EXPECT_EQ(folder->getChildCount(), 0);
         ASSERT_EQ(folder->velt_reserved_files_.size(), c.folders[i].count);
+        const uint32_t clusters = (desc.size_mb << 20) / pbr.cluster_length_;
         for (const ReservedFile& f : folder->velt_reserved_files_) {
           EXPECT_FALSE(f.used_);
           EXPECT_EQ(f.size, desc.size_mb << 20);
+          uint32_t n = 1;  // preallocated in one piece
+          while (n < clusters && pbr.fat1_[f.start_cluster + n - 1] == f.start_cluster + n) ++n;
+          EXPECT_EQ(n, clusters);
+          EXPECT_EQ(pbr.fat1_[f.start_cluster + n - 1], FAT_EOC);
         }
       }
     }
@@ -269,24 +174,113 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
     writeFileBytes(card.dir() + "/in.bin", data);
     ShellResult put = userMtools(card, "mcopy", shellQuote(card.dir() + "/in.bin") + " ::/in.bin");
     EXPECT_EQ(put.status, 0) << put.err;
-    ShellResult back = userMtools(card, "mcopy",
-                                  "::/in.bin " + shellQuote(card.dir() + "/out.bin"));
+    ShellResult back =
+        userMtools(card, "mcopy", "::/in.bin " + shellQuote(card.dir() + "/out.bin"));
     EXPECT_EQ(back.status, 0) << back.err;
     EXPECT_TRUE(readFileBytes(card.dir() + "/out.bin") == data);
     EXPECT_TRUE(fsckShowsOnlyReservedFiles(card));
   }
 }
 
-TEST(MkfsVeltTool, RefusesACardTooSmallForFat32) {
-  // 32 MiB leaves a partition of 31 MiB: fewer than 65525 clusters even of one sector.
-  CardImage card = makeCard(false, 32);
+// Every refusal: exit code 1, one line on standard error, nothing on the card changed.
+TEST(MkfsVeltTool, RefusalsChangeNothing) {
+  CardImage card = makeCard(false, 64);
   ASSERT_TRUE(card.ok()) << card.error();
-  ShellResult r = runTool(card, "/dev/mmcblk0p1 REC:40:4");
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err,
-            "mkfs.velt: cannot format \"/dev/mmcblk0p1\": the partition is too small for FAT32: "
-            "31744 KiB, it needs at least 33290 KiB\n");
-  EXPECT_EQ(card.readBytes(card.partitionOffset() + 3, 8).substr(0, 4), std::string(4, '\0'));
+  // 32 MiB leaves a partition of 31 MiB: fewer than 65525 clusters even of one sector.
+  CardImage small = makeCard(false, 32);
+  ASSERT_TRUE(small.ok()) << small.error();
+  // Any program named velt.fuse with this card's VELT_ROOT stands for the daemon.
+  CardImage served = makeCard(false, 64);
+  ASSERT_TRUE(served.ok()) << served.error();
+  const std::string fake = served.dir() + "/velt.fuse";
+  ASSERT_EQ(runShell("cp \"$(command -v sleep)\" " + shellQuote(fake)).status, 0);
+  const pid_t pid = atoi(runShell("VELT_ROOT=" + shellQuote(served.root()) + " " +
+                                  shellQuote(fake) + " 60 >/dev/null 2>&1 & echo $!")
+                             .out.c_str());
+  ASSERT_GT(pid, 0);
+  auto refused = [](const CardImage& card, const std::string& args, const std::string& message) {
+    SCOPED_TRACE(args);
+    ShellResult r = runTool(card, args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err.rfind("mkfs.velt: ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    if (!message.empty()) {
+      EXPECT_EQ(r.err, message);
+    }
+  };
+  const std::string before[3] = {checksum(card), checksum(small), checksum(served)};
+  const char* p = "/dev/mmcblk0p1 ";
+  for (std::string args : {"", "/dev/sda1", "/dev/mmcblk0p01", "/dev/mmcblk0",
+                           "/dev/mmcblk0p2",  // no such node in the sandbox
+                           "-m", "-m X /dev/mmcblk0p1 REC:40:16", "-L ABCDEFGHIJKL /dev/mmcblk0p1",
+                           "-L A:B /dev/mmcblk0p1", "-L '' /dev/mmcblk0p1", "-z /dev/mmcblk0p1",
+                           "--bogus /dev/mmcblk0p1"}) {
+    refused(card, args, "");
+  }
+  for (std::string folders : {"REC", "REC:40", "REC:40:16:1", "REC:0:16", "REC:101:16", "REC:4x:16",
+                              "REC:40:0", "REC:40:4096", ":40:16", "R.C:40:16", "'R*C:40:16'",
+                              "ABCDEFGHIJKL:10:16", "A:10:1 B:10:1 C:10:1 D:10:1 E:10:1",
+                              "REC:40:16 rec:10:4", "A:60:16 B:50:16", "REC:40:16 -m"}) {
+    refused(card, p + folders, "");
+  }
+  refused(small, "/dev/mmcblk0p1 REC:40:4",
+          "mkfs.velt: cannot format \"/dev/mmcblk0p1\": the partition is too small for FAT32: "
+          "31744 KiB, it needs at least 33290 KiB\n");
+  refused(served, "/dev/mmcblk0p1 REC:40:16",
+          "mkfs.velt: \"/dev/mmcblk0p1\" is in use (served by velt.fuse (pid " +
+              std::to_string(pid) + ")); unmount it first\n");
+  kill(pid, SIGTERM);
+  EXPECT_EQ(checksum(card), before[0]);
+  EXPECT_EQ(checksum(small), before[1]);
+  EXPECT_EQ(checksum(served), before[2]);
+}
+
+// The in-use check behind the refusal, on made-up mount tables and process directories.
+TEST(MkfsVeltTool, InUseCheckFindsMountsAndDaemonsOfTheSameCard) {
+  CardImage card = makeCard(false, 64), other = makeCard(false, 64);
+  ASSERT_TRUE(card.ok() && other.ok()) << card.error();
+  CardImage::RootScope scope(card);
+  struct Row {
+    const char* what;
+    std::string mounts;
+    const char* comm;   // a process's name, or null for none
+    std::string root;   // its VELT_ROOT
+    const char* where;  // "" when not in use
+  } rows[] = {
+      {"nothing", "sysfs /sys sysfs rw 0 0\n", nullptr, "", ""},
+      {"partition mounted", "/dev/mmcblk0p1 /media/sd vfat rw 0 0\n", nullptr, "",
+       "mounted at /media/sd"},
+      {"partition node under VELT_ROOT mounted",
+       card.root() + "/dev/mmcblk0p1 /media/img vfat rw 0 0\n", nullptr, "",
+       "mounted at /media/img"},
+      {"another partition", "/dev/mmcblk0p10 /media/sd vfat rw 0 0\n", nullptr, "", ""},
+      {"daemon on this card", "", "velt.fuse", card.root(), "served by velt.fuse (pid 4242)"},
+      {"daemon on this card, path spelled otherwise", "", "velt.fuse", card.root() + "/../root",
+       "served by velt.fuse (pid 4242)"},
+      {"daemon on another card", "velt.fuse /mnt/x fuse.velt.fuse rw 0 0\n", "velt.fuse",
+       other.root(), ""},
+      {"daemon on the real driver", "", "velt.fuse", "", ""},
+      {"another program", "", "sleep", card.root(), ""},
+  };
+  int n = 0;
+  for (const Row& c : rows) {
+    SCOPED_TRACE(c.what);
+    const std::string mounts = card.dir() + "/mounts" + std::to_string(n);
+    const std::string proc = card.dir() + "/proc" + std::to_string(n++);
+    std::ofstream(mounts) << c.mounts;
+    runShell("mkdir -p " + shellQuote(proc + (c.comm != nullptr ? "/4242" : "")));
+    if (c.comm != nullptr) {
+      std::ofstream(proc + "/4242/comm") << c.comm << "\n";
+      std::string environ = std::string("HOME=/root") + '\0';
+      if (!c.root.empty()) environ += "VELT_ROOT=" + c.root + '\0';
+      std::ofstream(proc + "/4242/environ", std::ios::binary) << environ;
+    }
+    std::string where;
+    EXPECT_EQ(VELT::isCardInUse("/dev/mmcblk0p1", &where, mounts.c_str(), proc.c_str()),
+              *c.where != '\0');
+    EXPECT_EQ(where, c.where);
+  }
 }
 
 }  // namespace
