@@ -33,7 +33,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 constexpr int64_t kMiB = 1 << 20;
 
-uint8_t pattern(int64_t i) { return static_cast<uint8_t>((i * 13 + (i >> 10)) & 0xFF); }
+uint8_t pattern(int64_t i) {
+  return static_cast<uint8_t>((i * 13 + (i >> 10)) & 0xFF);
+}
 
 // A formatted fake card with an empty root and the channel's pipes in a sandbox.
 struct Channel : velt_test::FakeCard {
@@ -115,7 +117,8 @@ TEST(PipeChannel, HostileClientIsAnsweredOrIgnoredAndTheNextClientIsServed) {
       std::vector<uint8_t> rec(28 + payload);
       for (auto& b : rec) b = static_cast<uint8_t>(rng());
       encodeDirectHeader({28 + payload, fd, ops[rng() % std::size(ops)],
-                          static_cast<int64_t>(rng()), static_cast<uint32_t>(rng())}, rec.data());
+                          static_cast<int64_t>(rng()), static_cast<uint32_t>(rng())},
+                         rec.data());
       if (i % 3 == 1) {
         std::vector<uint8_t> between(28 + rng() % 100);
         for (auto& b : between) b = static_cast<uint8_t>(rng() % 0xF0);
@@ -282,7 +285,7 @@ TEST(PipeChannel, AnythingButTheDaemonsOwnPipeIsReplacedBeforeEveryOpen) {
   for (Plant what : {kLinkToFile, kRegularFile, kOtherUsersPipe, kDirectory}) {
     SCOPED_TRACE(what);
     if (what == kOtherUsersPipe && geteuid() != 0) continue;  // needs chown
-    LogCapture log;  // outlives the channel's threads
+    LogCapture log;                                           // outlives the channel's threads
     Channel ch;
     const std::string victim = ch.dir + "/victim";
     const std::string pipes[] = {ch.dir + "/tmp/veltw", ch.dir + "/tmp/velts"};
@@ -291,11 +294,11 @@ TEST(PipeChannel, AnythingButTheDaemonsOwnPipeIsReplacedBeforeEveryOpen) {
         unlink(path.c_str());
         rmdir(path.c_str());
         if (what == kRegularFile) velt::test::writeFileBytes(path, "not a pipe");
-        const bool planted =
-            (what == kLinkToFile && symlink(victim.c_str(), path.c_str()) == 0) ||
-            what == kRegularFile || (what == kDirectory && mkdir(path.c_str(), 0777) == 0) ||
-            (what == kOtherUsersPipe && mkfifo(path.c_str(), 0666) == 0 &&
-             chown(path.c_str(), 65534, 65534) == 0);
+        const bool planted = (what == kLinkToFile && symlink(victim.c_str(), path.c_str()) == 0) ||
+                             what == kRegularFile ||
+                             (what == kDirectory && mkdir(path.c_str(), 0777) == 0) ||
+                             (what == kOtherUsersPipe && mkfifo(path.c_str(), 0666) == 0 &&
+                              chown(path.c_str(), 65534, 65534) == 0);
         ASSERT_TRUE(planted) << path;
       }
     };

@@ -1,6 +1,6 @@
 // The direct channel without its threads: the wire format and the marker search, the queues
 // (where each request goes, merging, the order the worker takes them, on an injected clock), the
-// worker's operations on a fake card, and the ioctl callback called directly.
+// worker's operations on a fake card.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -13,8 +13,6 @@
 #include "fake_driver.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
-#include "fs/velt_fuse.h"
-#include "fs/velt_fuse_ioctl.h"
 #include "fs/velt_pipe.h"
 #include "log_capture.h"
 
@@ -23,7 +21,9 @@ using velt::test::LogCapture;
 
 namespace {
 
-uint8_t pattern(int64_t i) { return static_cast<uint8_t>((i * 7 + (i >> 8)) & 0xFF); }
+uint8_t pattern(int64_t i) {
+  return static_cast<uint8_t>((i * 7 + (i >> 8)) & 0xFF);
+}
 
 bool sameHeader(const DirectHeader& a, const DirectHeader& b) {
   return a.length == b.length && a.fd == b.fd && a.op == b.op && a.offset == b.offset &&
@@ -52,7 +52,7 @@ TEST(PipeWire, HeaderWriteParameterAndSpliceBytes) {
   DirectSplice back;
   uint8_t sp[28] = {};
   encodeDirectSplice({9, -5, 0x80000001}, sp);
-  const uint8_t sp_expect[16] = {9, 0, 0, 0, 0xFB, 0xFF, 0xFF, 0xFF,
+  const uint8_t sp_expect[16] = {9,    0,    0,    0,    0xFB, 0xFF, 0xFF, 0xFF,
                                  0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0x00, 0x00, 0x80};
   EXPECT_EQ(0, memcmp(sp, sp_expect, 16));
   ASSERT_TRUE(decodeDirectSplice(sp, 16, &back));
@@ -313,9 +313,13 @@ TEST(PipeQueue, AGrowingWriteHoldsBackOnlyTheRequestsOfItsOwnFile) {
   } rows[] = {
       {"other files go past", {{6, kDirectOpGetSize}, {7, kDirectOpRead}}, "6 7", "5"},
       {"a request about the file ends its growth",
-       {{5, kDirectOpGetSize}, {6, kDirectOpGetSize}}, "5 5 6", ""},
+       {{5, kDirectOpGetSize}, {6, kDirectOpGetSize}},
+       "5 5 6",
+       ""},
       {"a growing write of another file holds back that file only",
-       {{6, kDirectOpWrite}, {7, kDirectOpClose}}, "7", "5 6"},
+       {{6, kDirectOpWrite}, {7, kDirectOpClose}},
+       "7",
+       "5 6"},
       {"nothing goes past to a splice", {{6, kDirectOpSplice}, {7, kDirectOpGetSize}}, "", "5 6 7"},
   };
   for (const auto& r : rows) {
@@ -437,13 +441,24 @@ TEST(PipeOps, OpenAndCreateAnswerFileNumbersOrErrors) {
     bool create;
     int result;  // 0: a new file number
   } rows[] = {
-      {"", "/dir/b.bin", true, 0},    {"", "/a.bin", false, 0},        {"", "/A.BIN", false, 0},
-      {"", "/a.bin", true, -EEXIST},  {"", "/nodir/x", true, -ENOENT}, {"", "/a.bin/x", true, -ENOTDIR},
-      {"", "noslash", true, -EINVAL}, {"", "/dir/", true, -EINVAL},    {"", "/missing", false, -ENOENT},
-      {"", "/dir", false, -EISDIR},   {"", "/", false, -EISDIR},       {"", "", false, -EINVAL},
-      {"", "", true, -EINVAL},        {"/mnt/card", "/mnt/card/a.bin", false, 0},
-      {"", "/mnt/card/dir/c.bin", true, 0},        {"", "/a.bin", false, -EINVAL},
-      {"", "/mnt/cardx/a.bin", false, -EINVAL},    {"", "/elsewhere/mnt/card/a.bin", false, -EINVAL},
+      {"", "/dir/b.bin", true, 0},
+      {"", "/a.bin", false, 0},
+      {"", "/A.BIN", false, 0},
+      {"", "/a.bin", true, -EEXIST},
+      {"", "/nodir/x", true, -ENOENT},
+      {"", "/a.bin/x", true, -ENOTDIR},
+      {"", "noslash", true, -EINVAL},
+      {"", "/dir/", true, -EINVAL},
+      {"", "/missing", false, -ENOENT},
+      {"", "/dir", false, -EISDIR},
+      {"", "/", false, -EISDIR},
+      {"", "", false, -EINVAL},
+      {"", "", true, -EINVAL},
+      {"/mnt/card", "/mnt/card/a.bin", false, 0},
+      {"", "/mnt/card/dir/c.bin", true, 0},
+      {"", "/a.bin", false, -EINVAL},
+      {"", "/mnt/cardx/a.bin", false, -EINVAL},
+      {"", "/elsewhere/mnt/card/a.bin", false, -EINVAL},
       {"", "/mnt/card", false, -EISDIR},
   };
   int last = a;
@@ -467,8 +482,7 @@ TEST(PipeOps, ReadsAndSizesAreServedParkedRefusedAndCompleted) {
   EXPECT_EQ(c.write(fd, 0, 1200), nullptr);
   const int reader = c.open("/rec.bin", false);
   c.v->findEntry("/rec.bin")->size_ = 8192;  // as for a reserved file being filled
-  EXPECT_EQ(fields(c.run(fd, kDirectOpGetSize, 77, 0)),
-            fields(kDirectOpGetSize, fd, 8192, 0, 0));
+  EXPECT_EQ(fields(c.run(fd, kDirectOpGetSize, 77, 0)), fields(kDirectOpGetSize, fd, 8192, 0, 0));
   EXPECT_EQ(fields(c.run(fd, kDirectOpGetRealSize, 77, 0)),
             fields(kDirectOpGetRealSize, fd, 1200, 0, 0));
   const struct {
@@ -502,9 +516,9 @@ TEST(PipeOps, ReadsAndSizesAreServedParkedRefusedAndCompleted) {
   // Unknown numbers, and a FUSE handle (not a channel file), get -EBADF whatever the operation.
   auto fuse_file = c.v->newFile(false, false, false, c.v->findEntry("/rec.bin"));
   ASSERT_NE(fuse_file, nullptr);
-  for (uint32_t op : std::initializer_list<uint32_t>{kDirectOpGetSize, kDirectOpWrite,
-                                                     kDirectOpRead, kDirectOpClose,
-                                                     kDirectOpSplice, kDirectOpError, 55}) {
+  for (uint32_t op :
+       std::initializer_list<uint32_t>{kDirectOpGetSize, kDirectOpWrite, kDirectOpRead,
+                                       kDirectOpClose, kDirectOpSplice, kDirectOpError, 55}) {
     for (int32_t unknown : {999, -1, static_cast<int32_t>(fuse_file->file_no_)}) {
       auto reply = c.run(unknown, op, 1234, 0, "xyz", 3);
       EXPECT_EQ(fields(reply), fields(kDirectOpError, unknown, 1234, -EBADF, 0)) << op;
@@ -595,48 +609,6 @@ TEST(PipeOps, CloseWritesQueuedDataAndUnlinksOnRequest) {
   EXPECT_NE(log.text().find("gone.bin\" unlink on close"), std::string::npos);
   EXPECT_NE(c.v->findEntry("/keep.bin"), nullptr);
   // A second close of the same number: the file is unknown by then.
-  EXPECT_EQ(fields(c.run(keep, kDirectOpClose, 0, 0)),
-            fields(kDirectOpError, keep, 0, -EBADF, 0));
+  EXPECT_EQ(fields(c.run(keep, kDirectOpClose, 0, 0)), fields(kDirectOpError, keep, 0, -EBADF, 0));
   c.v->flushAllRequests(nullptr, false, false);
-}
-
-TEST(PipeIoctl, RefusalsCacheModeAndCacheSize) {
-  velt_test::FakeVolume f(16384);
-  ASSERT_TRUE(f.formatInMemory());
-  VELT& v = *f.volume;
-  auto entry = std::make_shared<VELT::DirEntry>(&v);
-  auto file = v.newFile(false, false, false, entry);
-  VELTFuse::setVolume(f.volume);
-  struct fuse_file_info fi = {};
-  auto call = [&](unsigned int cmd, void* data, unsigned int flags = 0, bool with_fi = true) {
-    return VELTFuse::__ioctl("/x", cmd, nullptr, with_fi ? &fi : nullptr, flags, data);
-  };
-  // Refusals come before any lookup; the compatibility one even for an unknown handle.
-  uint32_t mode = 0;
-  fi.fh = 999;
-  EXPECT_EQ(call(VELT_IOC_SET_CACHE_MODE, &mode, 0, false), -EINVAL);
-  EXPECT_EQ(call(VELT_IOC_SET_CACHE_MODE, &mode, FUSE_IOCTL_COMPAT), -ENOSYS);
-  EXPECT_EQ(call(VELT_IOC_SET_CACHE_MODE, &mode), -EBADF);
-  fi.fh = file->file_no_;
-  EXPECT_EQ(call(VELT_IOC_SET_CACHE_MODE, &mode, FUSE_IOCTL_UNRESTRICTED), 0);
-  for (uint32_t m : {0u, 1u, 2u, 3u}) {
-    EXPECT_EQ(call(VELT_IOC_SET_CACHE_MODE, &m), 0);
-    EXPECT_TRUE(file->write_cache_ == ((m >> 1) & 1) && file->read_cache_ == (m & 1)) << m;
-  }
-  // Cache sizes: at least 1 KiB, or 0 for none; a refusal keeps the cache as it was.
-  ASSERT_EQ(v.createCache(64 * 1024), 0);
-  const struct {
-    int32_t size;
-    int result;
-    int32_t entries;  // cache entries afterwards; 0: no cache
-  } rows[] = {{512, -EINVAL, 128}, {-1, -EINVAL, 128}, {1023, -EINVAL, 128}, {1024, 0, 2},
-              {0, 0, 0},           {512, -EINVAL, 0},  {1 << 20, 0, 2048}};
-  for (const auto& r : rows) {
-    int32_t size = r.size;
-    EXPECT_EQ(call(VELT_IOC_SET_CACHE_SIZE, &size), r.result) << r.size;
-    EXPECT_EQ(v.cache_pool_ == nullptr ? 0 : v.cache_size_, r.entries) << r.size;
-  }
-  VELTFuse::setVolume(nullptr);
-  EXPECT_EQ(call(VELT_IOC_SET_CACHE_MODE, &mode), -ENODEV);
-  v.freeFile(file->file_no_);
 }
