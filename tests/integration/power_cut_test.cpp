@@ -520,7 +520,9 @@ void replacements(Session& s) {
   for (int round = 0; round < 2; ++round) {
     for (size_t i = 0; i < 3; ++i) {
       // From the root into /etc the temporary is met first at load, from /etc to the root last.
-      const std::string tmp = i == 0 ? files[0] + ".tmp~" : i == 1 ? "/hosts.new" : "/etc/LOG.TMP";
+      const std::string tmp = i == 0   ? (round == 0 ? "/settings.tmp~" : files[0] + ".tmp~")
+                              : i == 1 ? "/hosts.new"
+                                       : "/etc/LOG.TMP";
       std::string next = version(tmp, 700 + 900 * ((round + i) % 3));
       s.p.versions[files[i]].push_back(next);
       s.rename(tmp, files[i]);

@@ -143,6 +143,18 @@ TEST(Ordering, EachOperationFlushesBetweenTheStepsItReliesOn) {
        },
        [](Card&) { EXPECT_EQ(VELTFuse::__unlink("/gone.bin"), 0); }, nullptr, {{"dir", "fat"}},
        false},
+      // The source's record is marked (root) before the target's record takes its chain (in
+      // /etc), and that is on the card before the target's old chain is freed.
+      {"rename onto an existing file",
+       [&](Card& c) {
+         EXPECT_EQ(VELTFuse::__mkdir("/etc", 0755), 0);
+         createFile("/etc/hosts")(c);
+         writeThen(false)(c);
+         createFile("/hosts.new")(c);
+         writeThen(false)(c);
+       },
+       [](Card&) { EXPECT_EQ(VELTFuse::__rename("/hosts.new", "/etc/hosts", 0), 0); }, "/etc",
+       {{"dir", "data"}, {"data", "fat"}}, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
