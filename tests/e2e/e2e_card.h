@@ -1,19 +1,26 @@
-// A test card served by velt.fuse for the end-to-end tests: make the card, mount it, and after
-// the test unmount it and have the ordinary FAT tools judge what the daemon left on it.
+// A test card served by velt.fuse: made, mounted, and after the test unmounted and judged by the
+// ordinary FAT tools. A plain card is mkfs.fat's 256 MiB with 2 KiB clusters; a VELT card is
+// mkfs.velt's 1200 MiB (16 KiB clusters, at least 65525 of them) with one reserved folder REC of
+// 5% of the card in 4 MiB files.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "card_image.h"
-#include "daemon_runner.h"
 #include "velt_fsck.h"
 
 namespace velt::test {
+
+// A number from the environment (a seed, a count of steps), or the fallback.
+inline unsigned envNumber(const char* name, unsigned fallback) {
+  const char* text = getenv(name);
+  return text != nullptr && *text != '\0' ? static_cast<unsigned>(strtoul(text, nullptr, 10))
+                                          : fallback;
+}
 
 inline std::string cardKindParamName(const ::testing::TestParamInfo<CardKind>& info) {
   return info.param == CardKind::kPlain ? "plain" : "velt";
@@ -21,56 +28,41 @@ inline std::string cardKindParamName(const ::testing::TestParamInfo<CardKind>& i
 
 class MountedCard {
  public:
-  static constexpr int kPlainCardMiB = 256;
-  static constexpr int kPlainSectorsPerCluster = 4;  // 2 KiB clusters
-  // mkfs.velt takes 16 KiB clusters up to 8 GiB; FAT32 needs at least 65525 of them.
-  static constexpr int kVeltCardMiB = 1200;
   static constexpr const char* kReservedFolder = "REC";
 
-  // Makes the card and mounts it; false (with the reason in error()) when either fails. A plain
-  // card is formatted by mkfs.fat, a VELT card by mkfs.velt with one reserved folder REC of 5%
-  // of the card in 4 MiB files.
+  // Makes the card and mounts it; false with the reason in error() when either fails.
   bool start(CardKind kind, const std::vector<std::string>& args = {}) {
     kind_ = kind;
     CardSpec spec;
-    spec.size_mb = kind == CardKind::kPlain ? kPlainCardMiB : kVeltCardMiB;
-    spec.sectors_per_cluster = kPlainSectorsPerCluster;
+    spec.size_mb = kind == CardKind::kPlain ? 256 : 1200;
+    spec.sectors_per_cluster = 4;
     spec.format = kind == CardKind::kPlain;
     card_ = std::make_unique<CardImage>(spec);
-    if (!card_->ok()) {
-      error_ = "card: " + card_->error();
-      return false;
-    }
+    if (!card_->ok()) return error_ = "card: " + card_->error(), false;
     if (kind == CardKind::kVelt) {
       ShellResult r = runShell("VELT_ROOT=" + shellQuote(card_->root()) + " " +
                                shellQuote(std::string(VELT_BINARY_DIR) + "/mkfs.velt") + " " +
                                card_->devicePath() + " " + kReservedFolder + ":5:4");
-      if (r.status != 0) {
-        error_ = "mkfs.velt: " + r.out + r.err;
-        return false;
-      }
+      if (r.status != 0) return error_ = "mkfs.velt: " + r.out + r.err, false;
     }
     std::filesystem::create_directories(mountPoint());
     return mount(args);
   }
 
   bool mount(const std::vector<std::string>& args = {}) {
-    if (!daemon_.start(card_->root(), mountPoint(), args)) {
-      daemon_.stop();
-      error_ = "velt.fuse did not mount\nstdout:\n" + daemon_.out() + "\nstderr:\n" + daemon_.err();
-      return false;
-    }
-    return true;
+    if (daemon_.start(card_->root(), mountPoint(), args)) return true;
+    daemon_.stop();
+    error_ = "velt.fuse did not mount\nstdout:\n" + daemon_.out() + "\nstderr:\n" + daemon_.err();
+    return false;
   }
 
   // Unmounts; the daemon must end with status 0.
   void unmount() {
-    int status = daemon_.stop();
-    EXPECT_EQ(status, 0) << "stdout:\n" << daemon_.out() << "\nstderr:\n" << daemon_.err();
+    EXPECT_EQ(daemon_.stop(), 0) << "stdout:\n" << daemon_.out() << "\nstderr:\n" << daemon_.err();
   }
 
-  // Unmounts and has fsck.fat -n judge the card: a plain card must be clean; on a VELT card
-  // fsck.fat may report nothing but what the reserved files cause.
+  // Unmounts and has fsck.fat -n judge the card: a plain card must be clean, a VELT card may
+  // show nothing but what its reserved files cause.
   void unmountAndCheck() {
     unmount();
     if (kind_ == CardKind::kPlain) {
@@ -86,7 +78,6 @@ class MountedCard {
   std::string path(const std::string& relative = "") const {
     return relative.empty() ? mountPoint() : mountPoint() + "/" + relative;
   }
-
   // An mtools command ("mdir -/ ::/", "mtype ::/a") on the card's partition.
   ShellResult mtools(const std::string& command) const {
     ScopedEnv utf8("LC_ALL", "C.UTF-8");

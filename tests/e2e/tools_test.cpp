@@ -1,24 +1,16 @@
-// Ordinary tools on a mounted card: cp, cp -a, rsync, tar, git, sqlite3, df, diff, ls, stat,
-// find and du, on a plain FAT32 card and on a VELT card; afterwards the card is judged by
-// fsck.fat and read back with mtools.
+// Ordinary tools on a mounted card, plain and VELT: cp -a, rsync, tar, git and sqlite3 each exit
+// 0 without a complaint and leave what they were given; ls, stat, find, du and df see the right
+// modes, sizes, inode numbers and totals; fsck.fat judges the card and mtools reads it back.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
-#include <random>
 #include <set>
 #include <sstream>
 #include <string>
-#include <vector>
 
-#include "daemon_runner.h"
 #include "e2e_card.h"
 
 namespace velt::test {
@@ -30,11 +22,6 @@ std::string q(const std::string& s) {
   return shellQuote(s);
 }
 
-void writeFile(const std::string& path, const std::string& data) {
-  fs::create_directories(fs::path(path).parent_path());
-  writeFileBytes(path, data);
-}
-
 // Runs a shell command that must succeed without a word on standard error.
 std::string mustRun(const std::string& command) {
   ShellResult r = runShell(command);
@@ -43,166 +30,131 @@ std::string mustRun(const std::string& command) {
   return r.out;
 }
 
-// The source tree: names that need long-name records, non-ASCII names (one outside the basic
-// plane), names whose 8.3 forms collide, and sizes around the cluster boundaries.
-struct SourceTree {
-  explicit SourceTree(const std::string& root, int64_t cluster) : root(root) {
-    auto add = [&](const std::string& rel, std::string data) {
-      writeFile(root + "/" + rel, data);
-      files[rel] = static_cast<int64_t>(data.size());
-    };
-    add("docs/Readme.md", "read me\n");
-    add("docs/a file name long enough to need many long-name records, 100 characters.txt",
-        patternBytes(5000, 1));
-    add("docs/MiXeD.CaSe.TxT", "mixed\n");
-    add("Ünïcødé/файл.txt", patternBytes(3000, 2));
-    add("Ünïcødé/日本語のファイル.dat", patternBytes(700, 3));
-    add("Ünïcødé/note 🎵.bin", patternBytes(90, 4));
-    for (int i = 1; i <= 12; ++i) {
-      add("collide/LongFileName" + std::to_string(i) + ".txt", "n" + std::to_string(i) + "\n");
-    }
-    add("collide/longfilename.TXT", "lower\n");
-    add("collide/long file name.txt", "spaces\n");
-    add("sizes/empty", "");
-    add("sizes/one", "x");
-    add("sizes/cluster-1", patternBytes(cluster - 1, 5));
-    add("sizes/cluster", patternBytes(cluster, 6));
-    add("sizes/cluster+1", patternBytes(cluster + 1, 7));
-    add("sizes/big", patternBytes((1 << 20) + 7, 8));
-    add("deep/a/b/c/d/e/leaf.txt", "deep\n");
-    fs::create_directories(root + "/emptydir");
-  }
-  std::string root;
-  std::map<std::string, int64_t> files;  // relative path -> size
-};
+class Tools : public ::testing::TestWithParam<CardKind> {};
 
-class Tools : public ::testing::TestWithParam<CardKind> {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(mounted_.start(GetParam())) << mounted_.error();
-    // A directory's st_blksize is the cluster length.
-    struct stat st;
-    ASSERT_EQ(stat(mounted_.path().c_str(), &st), 0);
-    cluster_ = st.st_blksize;
-    ASSERT_GE(cluster_, 512);
-  }
-  void TearDown() override {
-    if (mounted_.daemon().running()) mounted_.unmountAndCheck();
-  }
-
-  int64_t allocated(int64_t size) const { return (size + cluster_ - 1) / cluster_ * cluster_; }
-
-  MountedCard mounted_;
-  TempDir work_;
-  int64_t cluster_ = 0;
-};
-
-// The tools people copy, sync, unpack and keep data with: each exits 0 without a complaint and
-// leaves a copy identical to its source; the copies look right to ls, stat, find and du, and
-// another FAT implementation reads them back.
 TEST_P(Tools, CopySyncUnpackCloneAndKeepADatabase) {
-  SourceTree src(work_.path() + "/src", cluster_);
-  // Modes and times of every kind, as the tools will try to carry them over.
-  mustRun("chmod 0600 " + q(src.root + "/docs/Readme.md") + " && chmod 0444 " +
-          q(src.root + "/sizes/one") + " && chmod 0700 " + q(src.root + "/deep") +
-          " && touch -d '2019-07-01 10:11:13' " + q(src.root + "/sizes/big"));
+  MountedCard card;
+  ASSERT_TRUE(card.start(GetParam())) << card.error();
+  struct stat st;
+  ASSERT_EQ(stat(card.path().c_str(), &st), 0);
+  const int64_t cluster = st.st_blksize;  // a folder's st_blksize is the cluster length
+  auto allocated = [&](int64_t size) { return (size + cluster - 1) / cluster * cluster; };
 
-  // cp -a, and rsync -a twice: the second run has nothing left to send. FAT keeps write times
-  // to 2 seconds, which rsync is told as it is for any FAT card.
-  const std::string copy = mounted_.path("copy");
-  mustRun("cp -a " + q(src.root) + " " + q(copy));
-  mustRun("diff -r " + q(src.root) + " " + q(copy));
-  const std::string rsync = "rsync -a --modify-window=1 --stats " + q(src.root + "/") + " " +
-                            q(mounted_.path("rs") + "/");
+  // The source: names that need many long-name records, non-ASCII names (one outside the
+  // basic plane), names whose 8.3 forms collide, and sizes around the cluster boundaries.
+  TempDir work;
+  const std::string src = work.path() + "/src";
+  std::map<std::string, int64_t> files;  // relative path -> size
+  auto add = [&](const std::string& rel, const std::string& data) {
+    fs::create_directories(fs::path(src + "/" + rel).parent_path());
+    writeFileBytes(src + "/" + rel, data);
+    files[rel] = static_cast<int64_t>(data.size());
+  };
+  add("docs/Readme.md", "read me\n");
+  add("docs/a file name long enough to need many long-name records, 100 characters.txt",
+      patternBytes(5000, 1));
+  add("docs/MiXeD.CaSe.TxT", "mixed\n");
+  add("Ünïcødé/файл.txt", patternBytes(3000, 2));
+  add("Ünïcødé/日本語のファイル.dat", patternBytes(700, 3));
+  add("Ünïcødé/note 🎵.bin", patternBytes(90, 4));
+  for (int i = 1; i <= 12; ++i) add("collide/LongFileName" + std::to_string(i) + ".txt", "n");
+  add("collide/longfilename.TXT", "lower\n");
+  add("collide/long file name.txt", "spaces\n");
+  for (int64_t size :
+       {int64_t{0}, int64_t{1}, cluster - 1, cluster, cluster + 1, int64_t{1 << 20}}) {
+    add("sizes/" + std::to_string(size), patternBytes(static_cast<size_t>(size), 5));
+  }
+  add("deep/a/b/c/d/e/leaf.txt", "deep\n");
+  fs::create_directories(src + "/emptydir");
+  // Modes and times of every kind, as the tools will try to carry them over.
+  mustRun("chmod 0600 " + q(src + "/docs/Readme.md") + " && chmod 0444 " + q(src + "/sizes/1") +
+          " && chmod 0700 " + q(src + "/deep") + " && touch -d '2019-07-01 10:11:13' " +
+          q(src + "/sizes/1048576"));
+
+  // cp -a, and rsync -a twice (FAT keeps write times to 2 s): the second has nothing to send.
+  const std::string copy = card.path("copy");
+  mustRun("cp -a " + q(src) + " " + q(copy) + " && diff -r " + q(src) + " " + q(copy));
+  const std::string rsync =
+      "rsync -a --modify-window=1 --stats " + q(src + "/") + " " + q(card.path("rs") + "/");
   mustRun(rsync);
   std::string again = mustRun(rsync);
   EXPECT_NE(again.find("Number of regular files transferred: 0"), std::string::npos) << again;
-  mustRun("diff -r " + q(src.root) + " " + q(mounted_.path("rs")));
+  mustRun("diff -r " + q(src) + " " + q(card.path("rs")));
 
-  // Sizes, modes (the owner-write bit is the read-only attribute), distinct inode numbers and
-  // block counts as the tools see them.
+  // Sizes, modes (the owner-write bit is the read-only attribute), inode numbers and blocks.
   std::set<ino_t> inodes;
-  int64_t total_allocated = 0;
-  for (const auto& [rel, size] : src.files) {
-    struct stat st;
+  int64_t total = 0;
+  for (const auto& [rel, size] : files) {
     ASSERT_EQ(stat((copy + "/" + rel).c_str(), &st), 0) << rel;
-    EXPECT_TRUE(S_ISREG(st.st_mode)) << rel;
-    EXPECT_EQ(st.st_mode & 07777, rel == "sizes/one" ? 0555u : 0777u) << rel;
+    EXPECT_EQ(st.st_mode, S_IFREG | (rel == "sizes/1" ? 0555u : 0777u)) << rel;
     EXPECT_EQ(st.st_size, size) << rel;
     EXPECT_EQ(st.st_blocks * 512, allocated(size)) << rel;
     EXPECT_TRUE(inodes.insert(st.st_ino).second) << "inode shared: " << rel;
-    total_allocated += allocated(size);
+    total += allocated(size);
   }
-  std::string ls = mustRun("LC_ALL=C ls -ln " + q(copy + "/sizes/empty"));
-  EXPECT_EQ(ls.rfind("-rwxrwxrwx 1 0 0 0 ", 0), 0u) << ls;
-  // find and du walk the whole tree without reporting loops, with the right totals.
-  EXPECT_EQ(std::stoi(mustRun("find " + q(copy) + " -type f | wc -l")),
-            static_cast<int>(src.files.size()));
-  // copy, docs, Ünïcødé, collide, sizes, deep, deep/a..e, emptydir
+  EXPECT_EQ(mustRun("LC_ALL=C ls -ln " + q(copy + "/sizes/0")).rfind("-rwxrwxrwx 1 0 0 0 ", 0), 0u);
+  // find and du walk the tree without reporting loops: copy, docs, Ünïcødé, collide, sizes,
+  // deep, deep/a..e, emptydir.
+  EXPECT_EQ(std::stoi(mustRun("find " + q(copy) + " -type f | wc -l")), int(files.size()));
   EXPECT_EQ(std::stoi(mustRun("find " + q(copy) + " -type d | wc -l")), 12);
-  EXPECT_EQ(std::stoll(mustRun("du -s -B1 " + q(copy))), total_allocated);
+  EXPECT_EQ(std::stoll(mustRun("du -s -B1 " + q(copy))), total);
   // Names come back with their stored spelling; 8.3 forms name the same files.
   std::string listing = mustRun("ls " + q(copy + "/collide"));
   EXPECT_NE(listing.find("LongFileName12.txt\n"), std::string::npos) << listing;
   EXPECT_NE(listing.find("longfilename.TXT\n"), std::string::npos) << listing;
   EXPECT_EQ(readFileBytes(copy + "/DOCS/mixed.case.txt"), "mixed\n");
 
-  // tar x of an archive whose members belong to several owners, with several modes.
-  const std::string tar = work_.path() + "/a.tar";
-  mustRun("cd " + q(src.root) + " && tar -cf " + q(tar) +
-          " --owner=1000 --group=1000 docs && tar -rf " + q(tar) +
-          " --owner=0 --group=0 --mode=go-rwx sizes && tar -rf " + q(tar) +
-          " --owner=65534 --group=100 deep collide");
-  mustRun("mkdir " + q(mounted_.path("untar")) + " && tar -xf " + q(tar) + " -C " +
-          q(mounted_.path("untar")));
+  // tar x of members of several owners and modes.
+  const std::string tar = work.path() + "/a.tar";
+  mustRun("cd " + q(src) + " && tar -cf " + q(tar) + " --owner=1000 --group=1000 docs && tar -rf " +
+          q(tar) + " --owner=0 --group=0 --mode=go-rwx sizes && tar -rf " + q(tar) +
+          " --owner=65534 --group=100 deep collide && mkdir " + q(card.path("untar")) +
+          " && tar -xf " + q(tar) + " -C " + q(card.path("untar")));
   for (const char* part : {"docs", "sizes", "deep", "collide"}) {
-    mustRun("diff -r " + q(src.root + "/" + part) + " " + q(mounted_.path("untar/") + part));
+    mustRun("diff -r " + q(src + "/" + part) + " " + q(card.path("untar/") + part));
   }
 
-  // git clone of a local repository, then a clean status.
+  // git clone of a local repository, then a clean status and fsck.
   const std::string git = "git -c user.name=t -c user.email=t@t -c init.defaultBranch=main ";
-  mustRun(git + "init -q " + q(work_.path() + "/repo") + " && cp -r " + q(src.root + "/docs") +
-          " " + q(src.root + "/deep") + " " + q(work_.path() + "/repo") + " && cd " +
-          q(work_.path() + "/repo") + " && " + git + "add -A && " + git + "commit -qm one");
-  mustRun(git + "clone -q " + q(work_.path() + "/repo") + " " + q(mounted_.path("clone")));
-  EXPECT_EQ(mustRun("cd " + q(mounted_.path("clone")) + " && " + git + "status --porcelain"), "");
-  mustRun("cd " + q(mounted_.path("clone")) + " && " + git + "fsck --no-progress");
+  const std::string repo = work.path() + "/repo", clone = card.path("clone");
+  mustRun(git + "init -q " + q(repo) + " && cp -r " + q(src + "/docs") + " " + q(src + "/deep") +
+          " " + q(repo) + " && cd " + q(repo) + " && " + git + "add -A && " + git + "commit -qm 1");
+  mustRun(git + "clone -q " + q(repo) + " " + q(clone));
+  EXPECT_EQ(mustRun("cd " + q(clone) + " && " + git + "status --porcelain && " + git +
+                    "fsck --no-progress"),
+            "");
 
-  // sqlite3: a table made, filled and read back after a remount.
-  const std::string db = mounted_.path("data.sqlite");
+  // sqlite3: a table made and filled, read back after a remount.
+  const std::string db = card.path("data.sqlite");
   mustRun("sqlite3 " + q(db) + " 'create table t(a integer, b text);" +
           " with recursive c(x) as (select 1 union all select x + 1 from c where x < 2000)" +
           " insert into t select x, hex(randomblob(100)) from c;'");
 
-  // df: the card's real size and free space.
+  // df: the card's size and free space, as fsck.fat counts them after unmounting (a VELT
+  // card's reserved files are deleted records to fsck.fat: only a plain card's free count).
   struct statvfs vfs;
-  ASSERT_EQ(statvfs(mounted_.path().c_str(), &vfs), 0);
-  std::string df = mustRun("df -B1 --output=size,avail " + q(mounted_.path()) + " | tail -1");
-  std::istringstream fields(df);
+  ASSERT_EQ(statvfs(card.path().c_str(), &vfs), 0);
+  EXPECT_EQ(static_cast<int64_t>(vfs.f_frsize), cluster);
+  std::istringstream df(mustRun("df -B1 --output=size,avail " + q(card.path()) + " | tail -1"));
   int64_t df_size = 0, df_avail = 0;
-  fields >> df_size >> df_avail;
-  EXPECT_EQ(df_size, static_cast<int64_t>(vfs.f_blocks) * vfs.f_frsize);
-  EXPECT_EQ(df_avail, static_cast<int64_t>(vfs.f_bavail) * vfs.f_frsize);
-
-  mounted_.unmountAndCheck();
-  // The same numbers as fsck.fat counts them (a VELT card's reserved files are deleted
-  // records to fsck.fat, so only a plain card's count of used clusters is comparable).
-  auto counts = parseFsckVerbose(mounted_.card().fsck("-n -v").out);
+  df >> df_size >> df_avail;
+  EXPECT_EQ(df_size, static_cast<int64_t>(vfs.f_blocks * vfs.f_frsize));
+  EXPECT_EQ(df_avail, static_cast<int64_t>(vfs.f_bavail * vfs.f_frsize));
+  card.unmountAndCheck();
+  auto counts = parseFsckVerbose(card.card().fsck("-n -v").out);
   EXPECT_EQ(static_cast<int64_t>(vfs.f_blocks), counts["data_clusters"]);
   if (GetParam() == CardKind::kPlain) {
     EXPECT_EQ(static_cast<int64_t>(vfs.f_bavail),
               counts["data_clusters"] - counts["used_clusters"]);
   }
-  // Another FAT implementation reads the same tree; it shows characters outside the basic
-  // plane as "_", so that one name is left out.
-  const std::string mt = work_.path() + "/mtools";
-  fs::create_directories(mt);
-  ShellResult r = mounted_.mtools("mcopy -s -n ::/copy " + q(mt));
+  // mtools reads the same tree; it shows characters outside the basic plane as "_".
+  ShellResult r = card.mtools("mcopy -s -n ::/copy " + q(work.path()));
   ASSERT_EQ(r.status, 0) << r.err;
-  mustRun("diff -r -x 'note *.bin' " + q(src.root) + " " + q(mt + "/copy"));
+  mustRun("diff -r -x 'note *.bin' " + q(src) + " " + q(work.path() + "/copy"));
 
-  ASSERT_TRUE(mounted_.mount()) << mounted_.error();
+  ASSERT_TRUE(card.mount()) << card.error();
   EXPECT_EQ(mustRun("sqlite3 " + q(db) + " 'select count(*), sum(a) from t;'"), "2000|2001000\n");
+  card.unmount();
 }
 
 INSTANTIATE_TEST_SUITE_P(Cards, Tools, ::testing::Values(CardKind::kPlain, CardKind::kVelt),

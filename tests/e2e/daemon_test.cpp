@@ -1,0 +1,271 @@
+// The daemon's life on a real mount, where the random model test cannot look: every way it
+// refuses to start (message and exit status), a volume its init rejects, each loop serving, one
+// daemon per card, signals with files open, VELT_ROOT, a card that runs full and a backing store
+// that fails, and what the kernel's caching, inode numbers and times show users.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "e2e_card.h"
+
+namespace velt::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string q(const std::string& s) {
+  return shellQuote(s);
+}
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// errno of a call that must fail, or 0.
+int failure(int result) {
+  return result < 0 ? errno : 0;
+}
+
+// Every way the daemon refuses to serve: before mounting (exit status 1), or in the init
+// callback when the volume cannot be created (the loop is left on request: status 0).
+TEST(Startup, RefusalsPrintTheirMessageAndExitStatus) {
+  CardImage card;  // its sandbox also holds nodes of a partition of no card and of another disk
+  ASSERT_TRUE(card.ok()) << card.error();
+  std::ofstream(card.root() + "/dev/sda1");
+  std::ofstream(card.root() + "/dev/mmcblk0p2");
+  TempDir box, empty_root;  // box: the partition node with no card behind it; empty: no node
+  const std::string root = box.path() + "/root", mnt = box.path() + "/mnt";
+  fs::create_directories(root + "/dev");
+  fs::create_directories(mnt);
+  std::ofstream(root + "/dev/mmcblk0p1");
+  const std::string init = "VELT init failed\n";
+  const std::string usage =
+      "usage: " + daemonBinary() +
+      " [options] <mountpoint>\n\ngeneral options:\n    -o opt,[opt...]  mount options\n";
+  const std::string banner =
+      "     version: 3.9.20\n  cache size: 0(disabled)\n    dev path: "
+      "/dev/mmcblk0p1\nmounted path: /mnt/extsd\n";
+  const struct {
+    std::vector<std::string> args;
+    std::string root;
+    int status;
+    std::string err, out;  // expected in standard error and output
+  } cases[] = {
+      {{"-h"}, root, 1, usage, "FUSE options:"},
+      {{"--help", mnt}, root, 1, "VELT options:\n    -d BLKDEV PATH", "FUSE options:"},
+      {{"-V"}, root, 0, "VELT version 3.9.20\n", "FUSE library version"},
+      {{"-f", "-d"}, root, 1, "fuse: missing argument after `-d'", ""},
+      {{"-c", "16", mnt}, root, 1, "size \"16\" is invalid\n", ""},
+      {{"-o", "cache=2048M", mnt}, root, 1, "size \"2048\" is invalid\n", ""},
+      // The banner comes before the device check: defaults, then cache and device given.
+      {{"/mnt/x"}, empty_root.path(), 1, "[/dev/mmcblk0p1] not found\n", banner},
+      {{"-c", "2047M", "-o", "dev=/dev/mmcblk1p1", "/mnt/x"},
+       empty_root.path(),
+       1,
+       "[/dev/mmcblk1p1] not found\n",
+       "  cache size: 2146435072\n    dev path: /dev/mmcblk1p1\n"},
+      {{"-f", mnt, mnt + "/second"}, root, 1, "fuse: invalid argument", ""},
+      {{"-f"}, root, 1, "error: no mountpoint specified\n", ""},
+      {{"-f", "/proc"}, root, 1, "error: mountpoint [/proc] already mounted\n", ""},
+      {{"-f", "-o", "no_such_option", mnt}, root, 1, "unknown option", ""},
+      {{"-f", mnt}, box.path() + "/no-such-root", 1, "VELT_ROOT", ""},
+      {{"-f", "-d", "/dev/sda1", mnt}, card.root(), 0, init, "err -22 (Unknown error)\n"},
+      {{"-f", "-d", "/dev/mmcblk0p2", mnt}, card.root(), 0, init, "err 2 (No FAT32 partition)\n"},
+      {{"-f", mnt}, root, 0, init, "VELT::create() failed, err 3 (No device found)\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[0] + " " + c.err);
+    DaemonExit r = runDaemonToExit(c.args, c.root);
+    ASSERT_TRUE(r.exited);
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_TRUE(contains(r.err, c.err)) << r.err;
+    EXPECT_TRUE(contains(r.out, c.out)) << r.out;
+    EXPECT_FALSE(contains(r.out, "free space:"));
+    EXPECT_FALSE(isMounted(mnt));
+  }
+}
+
+// Every loop serves and stops with status 0: the default one (with -d as the device path, never
+// the library's debug switch), the single-threaded one and the one with a descriptor per
+// thread, stopped by an unmount, SIGTERM and SIGINT with a file open, which is closed as a
+// release would close it. A second daemon on the same card is refused, at the same mount point
+// or another; a relative VELT_ROOT finds the card from a daemon started in the background.
+TEST(Startup, EachLoopServesAndStopsCleanly) {
+  const struct {
+    std::vector<std::string> args;
+    int signal;
+  } loops[] = {
+      {{"-d", "/dev/mmcblk0p1", "-c", "1M"}, 0}, {{"-s"}, SIGTERM}, {{"-o", "clone_fd"}, SIGINT}};
+  for (const auto& loop : loops) {
+    SCOPED_TRACE(loop.args[0]);
+    MountedCard card;
+    card.daemon().keepDefaultName();
+    ASSERT_TRUE(card.start(CardKind::kPlain, loop.args)) << card.error();
+    EXPECT_TRUE(contains(card.daemon().out(), "  free space: ")) << card.daemon().out();
+    EXPECT_FALSE(contains(card.daemon().err(), "unique:")) << card.daemon().err();
+    ShellResult table = runShell("grep -F " + q(" " + card.path() + " ") + " /proc/mounts");
+    EXPECT_EQ(table.out.rfind("velt.fuse ", 0), 0u) << table.out;  // the program's name
+    const std::string data = patternBytes(300000, static_cast<unsigned>(loop.signal));
+    int fd = open(card.path("open.bin").c_str(), O_CREAT | O_WRONLY, 0644);
+    ASSERT_EQ(write(fd, data.data(), data.size()), static_cast<ssize_t>(data.size()));
+    if (loop.signal == 0) {
+      EXPECT_TRUE(contains(card.daemon().out(), "  cache size: 1048576\n"));
+      const std::string other = card.card().dir() + "/other";
+      fs::create_directories(other);
+      for (const auto& [at, message] :
+           {std::pair{card.path(), "already mounted\n"}, std::pair{other, "already served"}}) {
+        DaemonExit second = runDaemonToExit({"-f", at}, card.card().root());
+        EXPECT_EQ(second.status, 1);
+        EXPECT_TRUE(contains(second.err, message)) << second.err;
+      }
+      EXPECT_FALSE(isMounted(other));
+    } else {
+      kill(card.daemon().pid(), loop.signal);
+      EXPECT_EQ(card.daemon().waitExit(15000), 0);
+    }
+    close(fd);
+    card.unmountAndCheck();
+    EXPECT_TRUE(card.mtools("mtype ::/open.bin").out == data);
+    if (loop.signal != 0) continue;
+    const std::string dir = card.card().dir();
+    ShellResult bg = runShell("cd " + q(dir) + " && VELT_ROOT=root " + q(daemonBinary()) +
+                              " -o fsname=velt-test " + q(dir + "/mnt"));
+    EXPECT_EQ(bg.status, 0) << bg.out << bg.err;
+    bool served = false;
+    for (int i = 0; i < 100 && !served; ++i) {
+      struct stat st;
+      served = isMounted(dir + "/mnt") && stat((dir + "/mnt/open.bin").c_str(), &st) == 0;
+      if (!served) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_TRUE(served);
+    runShell("fusermount3 -u " + q(dir + "/mnt"));
+  }
+}
+
+// What the kernel shows of one file under several spellings (one inode; a change through one
+// name is seen through the others, which must not outlive it), of times and of bad names.
+TEST(MountBehaviour, SpellingsTimesAndNames) {
+  MountedCard card;
+  ASSERT_TRUE(card.start(CardKind::kPlain)) << card.error();
+  auto p = [&](const std::string& rel) { return card.path(rel); };
+  writeFileBytes(p("a.txt"), "aaa");
+  writeFileBytes(p("Long File Name.txt"), "long");
+  struct stat a, b, c, d;
+  ASSERT_EQ(stat(p("a.txt").c_str(), &a) | stat(p("A.TXT").c_str(), &b) |
+                stat(p("Long File Name.txt").c_str(), &c) | stat(p("LONGFI~1.TXT").c_str(), &d),
+            0);
+  EXPECT_EQ(a.st_ino, b.st_ino);
+  EXPECT_EQ(c.st_ino, d.st_ino);
+  EXPECT_NE(a.st_ino, c.st_ino);
+  EXPECT_EQ(runShell("cp " + q(p("a.txt")) + " " + q(p("A.TXT"))).status, 1);  // onto itself
+  EXPECT_EQ(readFileBytes(p("a.txt")), "aaa");
+
+  struct stat st;
+  writeFileBytes(p("q.txt"), "1234");
+  ASSERT_EQ(stat(p("Q.TXT").c_str(), &st), 0);  // the kernel now holds both names
+  ASSERT_EQ(truncate(p("q.txt").c_str(), 1), 0);
+  ASSERT_EQ(stat(p("Q.TXT").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 1);
+  EXPECT_EQ(runShell("echo x >> " + q(p("Q.TXT"))).status, 0);  // appends at the real end
+  EXPECT_EQ(readFileBytes(p("q.txt")), "1x\n");
+  ASSERT_EQ(unlink(p("q.txt").c_str()), 0);
+  EXPECT_NE(stat(p("Q.TXT").c_str(), &st), 0) << "a removed file still shown";
+  EXPECT_EQ(runShell("echo y > " + q(p("Q.TXT"))).status, 0);  // a new file under the other name
+  EXPECT_EQ(failure(mkdir(p("q.txt").c_str(), 0755)), EEXIST);
+  // A removed file's name used as a folder's: the kernel must not trust what it held.
+  ASSERT_EQ(unlink(p("Q.TXT").c_str()), 0);
+  ASSERT_EQ(mkdir(p("q.txt").c_str(), 0755), 0);
+  writeFileBytes(p("Q.TXT/in"), "in");
+  EXPECT_EQ(readFileBytes(p("q.txt/in")), "in");
+
+  // Writes set the modification time; touching the mount point works.
+  struct timespec old[2] = {{978307200, 0}, {978307200, 0}};  // 2001
+  ASSERT_EQ(utimensat(AT_FDCWD, p("a.txt").c_str(), old, 0), 0);
+  const time_t before = time(nullptr);
+  int fd = open(p("a.txt").c_str(), O_WRONLY | O_APPEND);
+  ASSERT_EQ(write(fd, "more", 4), 4);
+  close(fd);
+  ASSERT_EQ(stat(p("a.txt").c_str(), &st), 0);
+  EXPECT_GE(st.st_mtime + 2, before);
+  EXPECT_EQ(runShell("touch " + q(card.path())).status, 0);
+  // Names FAT cannot hold.
+  EXPECT_EQ(failure(open(p("a:b").c_str(), O_CREAT | O_WRONLY, 0644)), EINVAL);
+  EXPECT_EQ(failure(mkdir(p("q?x").c_str(), 0755)), EINVAL);
+  EXPECT_EQ(failure(open(p(std::string(256, 'n')).c_str(), O_CREAT | O_WRONLY, 0644)),
+            ENAMETOOLONG);
+  card.unmountAndCheck();
+}
+
+// A card that runs full: every way of asking for space says ENOSPC and nothing is left
+// half-allocated; a backing store that fails before the card is full tells the writer.
+TEST(MountBehaviour, FullCardAndFailingCard) {
+  CardSpec spec;
+  spec.size_mb = 40;
+  spec.sectors_per_cluster = 1;  // the smallest FAT32 card
+  CardImage image(spec);
+  ASSERT_TRUE(image.ok()) << image.error();
+  const std::string mnt = image.dir() + "/mnt";
+  fs::create_directories(mnt);
+  DaemonRunner daemon;
+  ASSERT_TRUE(daemon.start(image.root(), mnt)) << daemon.out() << daemon.err();
+  struct statvfs vfs;
+  ASSERT_EQ(statvfs(mnt.c_str(), &vfs), 0);
+  EXPECT_EQ(vfs.f_frsize, 512u);
+  EXPECT_EQ(vfs.f_namemax, 255u);
+
+  // fallocate reserves what fits, zero-filled, and nothing when it does not fit.
+  int fd = open((mnt + "/reserve.bin").c_str(), O_CREAT | O_RDWR, 0644);
+  EXPECT_EQ(posix_fallocate(fd, 0, 1 << 20), 0);
+  close(fd);
+  EXPECT_EQ(readFileBytes(mnt + "/reserve.bin"), std::string(1 << 20, '\0'));
+  fd = open((mnt + "/huge.bin").c_str(), O_CREAT | O_RDWR, 0644);
+  EXPECT_EQ(posix_fallocate(fd, 0, 2 * static_cast<off_t>(vfs.f_bavail * vfs.f_frsize)), ENOSPC);
+  close(fd);
+  EXPECT_EQ(readFileBytes(mnt + "/huge.bin"), "");
+
+  // Data until the card is full: a short write, then ENOSPC.
+  ShellResult dd = runShell("dd if=/dev/zero of=" + q(mnt + "/fill.bin") + " bs=64k 2>&1");
+  EXPECT_NE(dd.status, 0);
+  EXPECT_TRUE(contains(dd.out, "No space left on device")) << dd.out;
+  ASSERT_EQ(statvfs(mnt.c_str(), &vfs), 0);
+  EXPECT_EQ(vfs.f_bavail, 0u);
+  EXPECT_EQ(failure(mkdir((mnt + "/newdir").c_str(), 0755)), ENOSPC);
+  EXPECT_EQ(failure(truncate((mnt + "/reserve.bin").c_str(), 4 << 20)), ENOSPC);
+  EXPECT_EQ(unlink((mnt + "/fill.bin").c_str()), 0);
+  EXPECT_EQ(mkdir((mnt + "/newdir").c_str(), 0755), 0);
+  EXPECT_EQ(daemon.stop(), 0);
+  ShellResult r = image.fsck("-n");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+
+  // The same card on a 3 MiB store: an 8 MiB copy fails, never taking the card's old bytes for
+  // the data.
+  TempDir small;
+  ASSERT_EQ(mount("tmpfs", small.path().c_str(), "tmpfs", 0, "size=3m"), 0) << strerror(errno);
+  const std::string root = small.path() + "/root";
+  fs::create_directories(root + "/dev");
+  ASSERT_EQ(runShell("cp --sparse=always " + q(image.image()) + " " + q(root + "/dev/velt")).status,
+            0);
+  writeFileBytes(root + "/dev/mmcblk0p1", "");
+  {
+    DaemonRunner on_small;
+    ASSERT_TRUE(on_small.start(root, mnt)) << on_small.out() << on_small.err();
+    writeFileBytes(image.dir() + "/src.bin", patternBytes(8 << 20, 7));
+    EXPECT_NE(runShell("cp " + q(image.dir() + "/src.bin") + " " + q(mnt + "/dst.bin")).status, 0);
+  }
+  umount2(small.path().c_str(), MNT_DETACH);
+}
+
+}  // namespace
+}  // namespace velt::test
