@@ -31,24 +31,21 @@ struct Card : velt_test::FakeCard {
     EXPECT_EQ(VELTFuse::__create(path, 0644, &fi), 0) << path;
     return fi.fh;
   }
-  void write(uint64_t fh, size_t size, off_t at = 0) {
-    std::vector<char> data(size, 'x');
+  static fuse_file_info handle(uint64_t fh) {
     fuse_file_info fi{};
     fi.fh = fh;
-    EXPECT_EQ(VELTFuse::__write("", data.data(), size, at, &fi), static_cast<int>(size));
+    return fi;
   }
-  int fsync(uint64_t fh) {
-    fuse_file_info fi{};
-    fi.fh = fh;
-    return VELTFuse::__fsync("", 0, &fi);
+  void write(uint64_t fh, size_t size) {
+    std::vector<char> data(size, 'x');
+    auto fi = handle(fh);
+    EXPECT_EQ(VELTFuse::__write("", data.data(), size, 0, &fi), static_cast<int>(size));
   }
   void close(uint64_t fh) {
-    fuse_file_info fi{};
-    fi.fh = fh;
+    auto fi = handle(fh);
     VELTFuse::__flush("", &fi);
     EXPECT_EQ(VELTFuse::__release("", &fi), 0);
   }
-  Entry find(const char* path) { return v->findEntry(path); }
   void mark(const Entry& e, const std::string& label) {
     for (uint32_t c = e->start_cluster_; c >= 2 && c < velt::FAT_EOC; c = pbr->fat1_[c])
       labels[c] = label;
@@ -60,21 +57,17 @@ struct Card : velt_test::FakeCard {
     const uint32_t lba = pbr->partition_.lba;
     for (size_t i = from; i < reqs.size(); ++i) {
       const auto& r = reqs[i];
+      const uint32_t s = r.start - lba;
+      const uint32_t c = (s - pbr->data_start_sector_) / pbr->sectors_per_cluster_ + 2;
       if (r.kind == 'f') {
         out.push_back("flush");
-        continue;
-      }
-      if (r.kind != 'w') continue;
-      const uint32_t s = r.start - lba;
-      if (s >= pbr->reserved_sectors_ && s < pbr->data_start_sector_) {
+      } else if (r.kind != 'w') {
+      } else if (s >= pbr->reserved_sectors_ && s < pbr->data_start_sector_) {
         out.push_back("fat");
       } else if (s == pbr->fsinfo_sector_ || s == pbr->backup_boot_sector_ + 1) {
         out.push_back("fsinfo");
-      } else if (s >= pbr->data_start_sector_) {
-        uint32_t c = (s - pbr->data_start_sector_) / pbr->sectors_per_cluster_ + 2;
-        out.push_back(labels.count(c) ? labels[c] : "other");
       } else {
-        out.push_back("other");
+        out.push_back(s >= pbr->data_start_sector_ && labels.count(c) ? labels[c] : "other");
       }
     }
     return out;
@@ -100,17 +93,12 @@ std::string join(const std::vector<std::string>& t) {
   return ::testing::AssertionSuccess();
 }
 
-struct Rule {
-  const char* before;
-  const char* after;
-};
-
 struct Row {
   const char* what;
   std::function<void(Card&)> setup;      // before the operation's requests are counted
   std::function<void(Card&)> operation;
   const char* labelled;                  // its clusters are "data", the root's are "dir"
-  std::vector<Rule> rules;
+  std::vector<std::pair<const char*, const char*>> rules;  // before, after
   bool ends_with_flush;
 };
 
@@ -122,7 +110,8 @@ TEST(Ordering, EachOperationFlushesBetweenTheStepsItReliesOn) {
     return [&, sync](Card& c) {
       c.write(fh, kData);
       if (sync) {
-        EXPECT_EQ(c.fsync(fh), 0);
+        auto fi = Card::handle(fh);
+        EXPECT_EQ(VELTFuse::__fsync("", 0, &fi), 0);
       } else {
         c.close(fh);
       }
@@ -165,10 +154,10 @@ TEST(Ordering, EachOperationFlushesBetweenTheStepsItReliesOn) {
     row.operation(c);
     const size_t end = c.f.driver->requests.size();
     c.v->sync();  // writes still pending go out after everything the operation wrote
-    if (row.labelled != nullptr) c.mark(c.find(row.labelled), "data");
+    if (row.labelled != nullptr) c.mark(c.v->findEntry(row.labelled), "data");
     c.mark(c.root, "dir");
     const auto t = c.trace(from);
-    for (const Rule& r : row.rules) EXPECT_TRUE(flushedBefore(t, r.before, r.after));
+    for (const auto& [a, b] : row.rules) EXPECT_TRUE(flushedBefore(t, a, b));
     if (row.ends_with_flush) {
       ASSERT_GT(end, from);
       EXPECT_EQ(c.f.driver->requests[end - 1].kind, 'f') << join(t);
