@@ -382,233 +382,204 @@ TEST(PipeQueue, ControlFirstThenEventsWithAFairShareForNormalRequests) {
 
 namespace {
 
-// A formatted fake card with an empty root; requests are carried out one by one as the worker
-// would.
+// File numbers the script's opens answered, in order, stand as #1, #2... (written F1, F2...).
+constexpr int32_t F1 = 1001, F2 = 1002, F3 = 1003;
+
+std::string bytes(int64_t offset, uint32_t size) {
+  std::string out(size, '\0');
+  for (uint32_t i = 0; i < size; ++i) out[i] = static_cast<char>(pattern(offset + i));
+  return out;
+}
+
+// One request and the reply it gets: "-" for none, "= #n" or "= -errno" for an open, else
+// "op fd @offset param size". Opens send the path with its NUL, as clients do.
+struct Step {
+  int32_t fd;
+  uint32_t op;
+  int64_t offset;
+  int32_t param;
+  std::string payload;
+  std::string reply;
+};
+Step Open(const std::string& path, const char* reply, bool create = false) {
+  return {100, create ? kDirectOpCreate : kDirectOpOpen, 0, 2, path + '\0', reply};
+}
+Step Create(const std::string& path, const char* reply) {
+  return Open(path, reply, true);
+}
+Step Write(int32_t fd, int64_t offset, uint32_t size) {
+  return {fd, kDirectOpWrite, offset, 0, bytes(offset, size), "-"};
+}
+
+// A formatted fake card with an empty root. Scripts of requests are carried out one by one as
+// the worker would; every payload that comes back must be the pattern written at its offset.
 struct Card : velt_test::FakeCard {
-  // Carries out one request; the reply or null.
-  std::unique_ptr<VELTWorkItem> run(int32_t fd, uint32_t op, int64_t offset, int32_t param,
-                                    const void* payload = nullptr, uint32_t size = 0) {
-    auto* r = new VELTWorkItem(fd, op, offset, param, size);
-    if (size > 0) memcpy(r->data_, payload, size);
-    return std::unique_ptr<VELTWorkItem>(v->executeDirectRequest(r));
+  std::string name(int64_t fd) {
+    for (size_t k = 0; k < files.size(); ++k) {
+      if (files[k] == fd) return "#" + std::to_string(k + 1);
+    }
+    return std::to_string(fd);
   }
-  // A file number (the request's fd comes back, with no payload) or an error.
-  int open(const std::string& path, bool create) {
-    const uint32_t op = create ? kDirectOpCreate : kDirectOpOpen;
-    auto r = run(100, op, 0, 2, path.c_str(), static_cast<uint32_t>(path.size() + 1));
-    EXPECT_TRUE(r != nullptr && r->op_ == op && r->fd_ == 100 && r->data_ == nullptr);
-    return r != nullptr ? r->param_ : -1000;
+  std::string show(const VELTWorkItem* r) {
+    static const char* const ops[] = {"?",    "write",  "writeE", "close", "error",
+                                      "open", "create", "read",   "readE", "realsize",
+                                      "size", "splice", "spliceE"};
+    if (r == nullptr) return "-";
+    if (r->op_ == kDirectOpOpen || r->op_ == kDirectOpCreate) {
+      EXPECT_TRUE(r->fd_ == 100 && r->size_ == 0) << "the request's fd comes back";
+      if (r->param_ < 0) return "= " + std::to_string(r->param_);
+      EXPECT_TRUE(files.empty() || r->param_ > files.back()) << "numbers are never reused";
+      files.push_back(r->param_);
+      return "= " + name(r->param_);
+    }
+    for (uint32_t i = 0; i < r->size_; ++i) EXPECT_EQ(r->data_[i], pattern(r->offset_ + i)) << i;
+    return std::string(r->op_ < 13 ? ops[r->op_] : "op") + " " + name(r->fd_) + " @" +
+           std::to_string(r->offset_) + " " + std::to_string(r->param_) + " " +
+           std::to_string(r->size_);
   }
-  // Writes `size` pattern bytes at `offset`; a reply only on failure.
-  std::unique_ptr<VELTWorkItem> write(int fd, int64_t offset, uint32_t size) {
-    std::vector<uint8_t> data(size);
-    for (uint32_t i = 0; i < size; ++i) data[i] = pattern(offset + i);
-    return run(fd, kDirectOpWrite, offset, 0, data.data(), size);
+  void play(const std::vector<Step>& steps) {
+    for (const Step& s : steps) {
+      const int32_t fd = s.fd > 1000 && s.fd <= 1000 + static_cast<int32_t>(files.size())
+                             ? files[s.fd - 1001]
+                             : s.fd;
+      auto* r = new VELTWorkItem(fd, s.op, s.offset, s.param, s.payload.size());
+      memcpy(r->data_, s.payload.data(), s.payload.size());
+      std::unique_ptr<VELTWorkItem> reply(v->executeDirectRequest(r));
+      EXPECT_EQ(show(reply.get()), s.reply) << "op " << s.op << " fd " << s.fd << " @" << s.offset;
+    }
   }
-  std::vector<std::unique_ptr<VELTWorkItem>> takeReplies() {
+  // Replies the worker queued (completed parked reads), shown as above.
+  std::string taken() {
     std::lock_guard<std::mutex> lock(v->response_mutex_);
-    std::vector<std::unique_ptr<VELTWorkItem>> out(v->responses_.begin(), v->responses_.end());
+    std::string out;
+    for (VELTWorkItem* r : v->responses_) out += (out.empty() ? "" : ", ") + show(r), delete r;
     v->responses_.clear();
     return out;
   }
+  std::vector<int32_t> files;
 };
-
-// A reply's op, fd, offset, param and payload size in one line, to compare in one check.
-std::string fields(uint32_t op, int32_t fd, int64_t offset, int32_t param, uint32_t size) {
-  return std::to_string(op) + " fd " + std::to_string(fd) + " @" + std::to_string(offset) +
-         " param " + std::to_string(param) + " size " + std::to_string(size);
-}
-std::string fields(const std::unique_ptr<VELTWorkItem>& r) {
-  return r == nullptr ? "no reply" : fields(r->op_, r->fd_, r->offset_, r->param_, r->size_);
-}
 
 }  // namespace
 
 TEST(PipeOps, OpenAndCreateAnswerFileNumbersOrErrors) {
   Card c;
   LogCapture log;
-  const int a = c.open("/a.bin", true);
-  auto file = c.v->getFile(a);
+  ASSERT_NE(c.root->createChild("dir", false, true, nullptr), nullptr);
+  // A payload without its terminating NUL is taken as it is; an empty one is refused.
+  c.play({Create("/a.bin", "= #1"),
+          Create("/dir/b.bin", "= #2"),
+          Open("/a.bin", "= #3"),
+          Open("/A.BIN", "= #4"),
+          Create("/a.bin", "= -17"),
+          Create("/nodir/x", "= -2"),
+          Create("/a.bin/x", "= -20"),
+          Create("noslash", "= -22"),
+          Create("/dir/", "= -22"),
+          Open("/missing", "= -2"),
+          Open("/dir", "= -21"),
+          Open("/", "= -21"),
+          Open("", "= -22"),
+          Create("", "= -22"),
+          {100, kDirectOpOpen, 0, 0, "/a.bin", "= #5"},
+          {100, kDirectOpOpen, 0, 0, "", "= -22"}});
+  auto file = c.v->getFile(c.files[0]);
   ASSERT_NE(file, nullptr);
   EXPECT_TRUE(file->direct_ && file->for_write_);
   EXPECT_EQ(file->write_cache_, 1) << "cache mode 2 of the request";
   EXPECT_EQ(file->read_cache_, 0);
   EXPECT_EQ(file->fat_locked_, 0) << "direct writers take no FAT lock";
-  ASSERT_NE(c.root->createChild("dir", false, true, nullptr), nullptr);
-  const struct {
-    const char* mount;  // the mount point set from this row on
-    const char* path;
-    bool create;
-    int result;  // 0: a new file number
-  } rows[] = {
-      {"", "/dir/b.bin", true, 0},
-      {"", "/a.bin", false, 0},
-      {"", "/A.BIN", false, 0},
-      {"", "/a.bin", true, -EEXIST},
-      {"", "/nodir/x", true, -ENOENT},
-      {"", "/a.bin/x", true, -ENOTDIR},
-      {"", "noslash", true, -EINVAL},
-      {"", "/dir/", true, -EINVAL},
-      {"", "/missing", false, -ENOENT},
-      {"", "/dir", false, -EISDIR},
-      {"", "/", false, -EISDIR},
-      {"", "", false, -EINVAL},
-      {"", "", true, -EINVAL},
-      {"/mnt/card", "/mnt/card/a.bin", false, 0},
-      {"", "/mnt/card/dir/c.bin", true, 0},
-      {"", "/a.bin", false, -EINVAL},
-      {"", "/mnt/cardx/a.bin", false, -EINVAL},
-      {"", "/elsewhere/mnt/card/a.bin", false, -EINVAL},
-      {"", "/mnt/card", false, -EISDIR},
-  };
-  int last = a;
-  for (const auto& r : rows) {
-    SCOPED_TRACE(std::string(r.create ? "create " : "open ") + r.path);
-    if (r.mount[0] != '\0') c.v->setMountPoint(r.mount);
-    const int got = c.open(r.path, r.create);
-    EXPECT_TRUE(r.result == 0 ? got > last : got == r.result) << got << " after " << last;
-    last = std::max(last, got);  // numbers are never reused
-  }
   EXPECT_NE(log.text().find("\"\" creation failed."), std::string::npos);
-  // A payload without its terminating NUL is taken as it is; an empty payload is refused.
-  EXPECT_GT(c.run(100, kDirectOpOpen, 0, 0, "/mnt/card/a.bin", 15)->param_, last);
-  EXPECT_EQ(c.run(100, kDirectOpOpen, 0, 0)->param_, -EINVAL);
+  // With a mount point, paths must lie under it.
+  c.v->setMountPoint("/mnt/card");
+  c.play({Open("/mnt/card/a.bin", "= #6"), Create("/mnt/card/dir/c.bin", "= #7"),
+          Open("/a.bin", "= -22"), Open("/mnt/cardx/a.bin", "= -22"),
+          Open("/elsewhere/mnt/card/a.bin", "= -22"), Open("/mnt/card", "= -21")});
 }
 
-TEST(PipeOps, ReadsAndSizesAreServedParkedRefusedAndCompleted) {
+TEST(PipeOps, ReadsSizesSplicesAndClosesGetTheirReplies) {
   Card c;
   LogCapture log;
-  const int fd = c.open("/rec.bin", true);
-  EXPECT_EQ(c.write(fd, 0, 1200), nullptr);
-  const int reader = c.open("/rec.bin", false);
+  c.v->splice_buffer_ = static_cast<uint8_t*>(malloc(4096));  // smaller than a splice
+  c.v->splice_buffer_size_ = 4096;
+  auto splice = [&](int32_t in, int64_t in_offset, uint32_t out, int64_t out_offset, uint32_t size,
+                    const char* reply, uint32_t payload_size = kDirectSpliceSize) {
+    std::string payload(32, '\0');
+    out = out > 1000 ? c.files[out - 1001] : out;
+    encodeDirectSplice({out, out_offset, size}, reinterpret_cast<uint8_t*>(payload.data()));
+    return Step{in, kDirectOpSplice, in_offset, 0, payload.substr(0, payload_size), reply};
+  };
+  c.play({Create("/rec.bin", "= #1"), Write(F1, 0, 1200), Open("/rec.bin", "= #2"),
+          Create("/out.bin", "= #3")});
   c.v->findEntry("/rec.bin")->size_ = 8192;  // as for a reserved file being filled
-  EXPECT_EQ(fields(c.run(fd, kDirectOpGetSize, 77, 0)), fields(kDirectOpGetSize, fd, 8192, 0, 0));
-  EXPECT_EQ(fields(c.run(fd, kDirectOpGetRealSize, 77, 0)),
-            fields(kDirectOpGetRealSize, fd, 1200, 0, 0));
-  const struct {
-    int64_t offset;
-    int32_t wanted;
-    uint32_t bytes;
-  } rows[] = {{1000, 512, 200}, {0, 1200, 1200}, {1199, 1, 1}, {5, 0, 0}, {5, -3, 0}};
-  for (const auto& r : rows) {
-    auto reply = c.run(reader, kDirectOpRead, r.offset, r.wanted);
-    ASSERT_EQ(fields(reply), fields(kDirectOpRead, reader, r.offset, 0, r.bytes));
-    for (uint32_t i = 0; i < r.bytes; ++i) ASSERT_EQ(reply->data_[i], pattern(r.offset + i));
-  }
-  // At the end of the data the read waits in the file; a second read is refused at once.
-  EXPECT_EQ(c.run(reader, kDirectOpReadEvent, 1200, 500), nullptr);
-  EXPECT_NE(log.text().find("read (" + std::to_string(reader) +
+  c.play({{F1, kDirectOpGetSize, 77, 0, "", "size #1 @8192 0 0"},
+          {F1, kDirectOpGetRealSize, 77, 0, "", "realsize #1 @1200 0 0"},
+          {F2, kDirectOpRead, 1000, 512, "", "read #2 @1000 0 200"},
+          {F2, kDirectOpRead, 0, 1200, "", "read #2 @0 0 1200"},
+          {F2, kDirectOpRead, 1199, 1, "", "read #2 @1199 0 1"},
+          {F2, kDirectOpRead, 5, 0, "", "read #2 @5 0 0"},
+          {F2, kDirectOpRead, 5, -3, "", "read #2 @5 0 0"},
+          // At the end of the data a read waits in the file; a second one is refused at once.
+          {F2, kDirectOpReadEvent, 1200, 500, "", "-"},
+          {F2, kDirectOpRead, 0, 10, "", "read #2 @0 -16 0"},
+          // Error and unknown operations on a known file are dropped without a reply.
+          {F1, kDirectOpError, 0, 0, "", "-"},
+          {F1, 13, 0, 0, "", "-"},
+          Write(F1, 100, 50)});
+  EXPECT_NE(log.text().find("read (" + std::to_string(c.files[1]) +
                             ", 500 @ 1200) pending (file entry size: 8192, real size: 1200)"),
             std::string::npos);
-  EXPECT_EQ(fields(c.run(reader, kDirectOpRead, 0, 10)),
-            fields(kDirectOpRead, reader, 0, -EBUSY, 0));
-  EXPECT_TRUE(c.takeReplies().empty());
-  // Rewriting old data completes nothing; a write beyond 1,200 completes it with what is there.
-  EXPECT_EQ(c.write(fd, 100, 50), nullptr);
-  EXPECT_TRUE(c.takeReplies().empty());
-  EXPECT_EQ(c.write(fd, 1200, 300), nullptr);
-  auto replies = c.takeReplies();
-  ASSERT_EQ(replies.size(), 1u);
-  ASSERT_EQ(fields(replies[0]), fields(kDirectOpReadEvent, reader, 1200, 0, 300));
-  for (uint32_t i = 0; i < 300; ++i) ASSERT_EQ(replies[0]->data_[i], pattern(1200 + i));
-  EXPECT_EQ(c.run(reader, kDirectOpRead, 0, 10)->param_, 0) << "no parked read any more";
-
+  EXPECT_EQ(c.taken(), "") << "rewriting old data completes nothing";
+  c.play({Write(F1, 1200, 300)});
+  EXPECT_EQ(c.taken(), "readE #2 @1200 0 300") << "a write beyond it completes the parked read";
+  c.play({{F2, kDirectOpRead, 0, 10, "", "read #2 @0 0 10"}});  // none parked any more
+  // Splices copy inside the volume, clipped to the input's data; failed ones change nothing.
+  c.play({Write(F1, 1500, 698500), splice(F1, 1000, F3, 0, 690000, "-"),
+          splice(F1, 0, F3, 690000, 50000, "-"), splice(F1, 699990, F3, 740000, 100, "-"),
+          splice(F1, 0, F3, 0, 0, "-"), splice(F1, 700000, F3, 0, 10, "error #1 @700000 -22 0"),
+          splice(F1, 800000, F3, 0, 10, "error #1 @800000 -22 0"),
+          splice(F1, 0, 999, 0, 10, "error #1 @0 -9 0"),
+          splice(F1, 0, F3, 0, 10, "error #1 @0 -22 0", 15),
+          splice(F1, 0, F3, 0, 10, "error #1 @0 -22 0", 17)});
+  EXPECT_GE(c.v->splice_buffer_size_, 690000u);
+  std::vector<uint8_t> got(740010);
+  ASSERT_EQ(c.v->findEntry("/out.bin")->size_, 740010);
+  ASSERT_EQ(c.v->getFile(c.files[2])->read(got.data(), got.size(), 0), 740010);
+  for (int64_t i = 0; i < 740010; ++i) {
+    const int64_t from = i < 690000 ? 1000 + i : i < 740000 ? i - 690000 : 699990 + i - 740000;
+    ASSERT_EQ(got[i], pattern(from)) << i;
+  }
   // Unknown numbers, and a FUSE handle (not a channel file), get -EBADF whatever the operation.
   auto fuse_file = c.v->newFile(false, false, false, c.v->findEntry("/rec.bin"));
-  ASSERT_NE(fuse_file, nullptr);
-  for (uint32_t op :
-       std::initializer_list<uint32_t>{kDirectOpGetSize, kDirectOpWrite, kDirectOpRead,
-                                       kDirectOpClose, kDirectOpSplice, kDirectOpError, 55}) {
-    for (int32_t unknown : {999, -1, static_cast<int32_t>(fuse_file->file_no_)}) {
-      auto reply = c.run(unknown, op, 1234, 0, "xyz", 3);
-      EXPECT_EQ(fields(reply), fields(kDirectOpError, unknown, 1234, -EBADF, 0)) << op;
-      EXPECT_TRUE(reply == nullptr || reply->data_ == nullptr);
+  const int32_t fuse_no = static_cast<int32_t>(fuse_file->file_no_);
+  for (uint32_t op : {1, 3, 4, 7, 10, 11, 55}) {
+    for (int32_t fd : {999, -1, fuse_no}) {
+      c.play({{fd, op, 1234, 0, "xyz", "error " + c.name(fd) + " @1234 -9 0"}});
     }
   }
   EXPECT_NE(log.text().find("file != nullptr : file no 999 not found"), std::string::npos);
-  // Error and unknown operations on a known file are dropped without a reply.
-  EXPECT_EQ(c.run(fd, kDirectOpError, 0, 0), nullptr);
-  EXPECT_EQ(c.run(fd, 13, 0, 0), nullptr);
-}
 
-TEST(PipeOps, SplicesCopyInsideTheVolume) {
-  Card c;
-  const int in = c.open("/in.bin", true);
-  const uint32_t out = static_cast<uint32_t>(c.open("/out.bin", true));
-  EXPECT_EQ(c.write(in, 0, 700000), nullptr);
-  c.v->splice_buffer_ = static_cast<uint8_t*>(malloc(4096));  // smaller than the first splice
-  c.v->splice_buffer_size_ = 4096;
-  auto splice = [&](int64_t in_offset, uint32_t out_fd, int64_t out_offset, uint32_t size,
-                    uint32_t payload_size = kDirectSpliceSize) {
-    uint8_t payload[32] = {};
-    encodeDirectSplice({out_fd, out_offset, size}, payload);
-    return c.run(in, kDirectOpSplice, in_offset, 0, payload, payload_size);
-  };
-  EXPECT_EQ(splice(1000, out, 0, 690000), nullptr);
-  EXPECT_EQ(splice(0, out, 690000, 50000), nullptr);
-  EXPECT_EQ(splice(699990, out, 740000, 100), nullptr) << "clipped to the input's data";
-  EXPECT_GE(c.v->splice_buffer_size_, 690000u);
-  auto check = [&] {
-    std::vector<uint8_t> got(740010);
-    ASSERT_EQ(c.v->findEntry("/out.bin")->size_, 740010);
-    ASSERT_EQ(c.v->getFile(out)->read(got.data(), got.size(), 0), 740010);
-    for (int64_t i = 0; i < 740010; ++i) {
-      const int64_t from = i < 690000 ? 1000 + i : i < 740000 ? i - 690000 : 699990 + i - 740000;
-      ASSERT_EQ(got[i], pattern(from)) << i;
-    }
-  };
-  check();
-  const struct {
-    const char* what;
-    int64_t in_offset;
-    uint32_t out_fd, size, payload_size;
-    int result;  // 0: no reply
-  } rows[] = {
-      {"nothing to copy", 0, out, 0, 16, 0},
-      {"at the end of the input", 700000, out, 10, 16, -EINVAL},
-      {"beyond the input", 800000, out, 10, 16, -EINVAL},
-      {"unknown output", 0, 999, 10, 16, -EBADF},
-      {"short payload", 0, out, 10, 15, -EINVAL},
-      {"long payload", 0, out, 10, 17, -EINVAL},
-  };
-  for (const auto& r : rows) {
-    auto reply = splice(r.in_offset, r.out_fd, 0, r.size, r.payload_size);
-    EXPECT_EQ(reply == nullptr ? 0 : reply->param_, r.result) << r.what;
-    EXPECT_TRUE(reply == nullptr || (reply->op_ == kDirectOpError && reply->fd_ == in));
-  }
-  check();  // failed splices change nothing
-}
-
-TEST(PipeOps, CloseWritesQueuedDataAndUnlinksOnRequest) {
-  Card c;
-  LogCapture log;
-  const int keep = c.open("/keep.bin", true);
-  const int gone = c.open("/gone.bin", true);
-  {  // queued writes of the closed file (as if still growing) are written first
+  // A close writes the file's queued writes first (other files' requests stay) and answers a
+  // parked read with -EBADF; with the unlink flag the file goes; a second close is refused.
+  {
     std::lock_guard<std::mutex> lock(c.v->request_mutex_);
-    for (int64_t off = 0; off < 3000; off += 1000) {
-      auto* w = new VELTWorkItem(keep, kDirectOpWrite, off, 0, 1000);
-      for (int i = 0; i < 1000; ++i) w->data_[i] = pattern(off + i);
+    for (int64_t off = 700000; off < 703000; off += 1000) {  // as if still growing, each alone
+      auto* w = new VELTWorkItem(c.files[0], kDirectOpWrite, off, 0, 1000);
+      memcpy(w->data_, bytes(off, 1000).data(), 1000);
       c.v->normal_requests_.push_back(w);
     }
-    c.v->normal_requests_.push_back(new VELTWorkItem(gone, kDirectOpGetSize, 0, 0, 0));
+    c.v->normal_requests_.push_back(new VELTWorkItem(c.files[2], kDirectOpGetSize, 0, 0, 0));
   }
-  EXPECT_EQ(c.run(keep, kDirectOpClose, 0, 0), nullptr);
-  EXPECT_EQ(c.v->getFile(keep), nullptr);
+  c.play({{F2, kDirectOpRead, 800000, 10, "", "-"},
+          {F1, kDirectOpClose, 0, 0, "", "-"},
+          {F2, kDirectOpClose, 0, 0, "", "-"}});
+  EXPECT_EQ(c.taken(), "read #2 @800000 -9 0");
   EXPECT_EQ(c.v->normal_requests_.size(), 1u) << "other files' requests stay";
-  EXPECT_EQ(c.v->findEntry("/keep.bin")->size_, 3000);
-  // A parked read of a closed file is answered with -EBADF.
-  const int reader = c.open("/gone.bin", false);
-  EXPECT_EQ(c.run(reader, kDirectOpRead, 0, 10), nullptr);
-  EXPECT_EQ(c.run(reader, kDirectOpClose, 0, 0), nullptr);
-  auto replies = c.takeReplies();
-  ASSERT_EQ(replies.size(), 1u);
-  EXPECT_EQ(fields(replies[0]), fields(kDirectOpRead, reader, 0, -EBADF, 0));
-  EXPECT_EQ(c.run(gone, kDirectOpClose, 0, kDirectFlagUnlink), nullptr);
-  EXPECT_EQ(c.v->findEntry("/gone.bin"), nullptr);
-  EXPECT_NE(log.text().find("gone.bin\" unlink on close"), std::string::npos);
-  EXPECT_NE(c.v->findEntry("/keep.bin"), nullptr);
-  // A second close of the same number: the file is unknown by then.
-  EXPECT_EQ(fields(c.run(keep, kDirectOpClose, 0, 0)), fields(kDirectOpError, keep, 0, -EBADF, 0));
+  EXPECT_EQ(c.v->findEntry("/rec.bin")->size_, 703000);
+  c.play({{F3, kDirectOpClose, 0, kDirectFlagUnlink, "", "-"},
+          {F1, kDirectOpClose, 0, 0, "", "error #1 @0 -9 0"}});
+  EXPECT_EQ(c.v->findEntry("/out.bin"), nullptr);
+  EXPECT_NE(log.text().find("out.bin\" unlink on close"), std::string::npos);
+  EXPECT_NE(c.v->findEntry("/rec.bin"), nullptr);
+  for (int32_t fd : c.files) EXPECT_EQ(c.v->getFile(fd), nullptr);
   c.v->flushAllRequests(nullptr, false, false);
 }
