@@ -401,6 +401,10 @@ struct Step {
   std::string payload;
   std::string reply;
 };
+Step Req(int32_t fd, uint32_t op, int64_t offset, int32_t param, std::string reply,
+         std::string payload = "") {
+  return {fd, op, offset, param, std::move(payload), std::move(reply)};
+}
 Step Open(const std::string& path, const char* reply, bool create = false) {
   return {100, create ? kDirectOpCreate : kDirectOpOpen, 0, 2, path + '\0', reply};
 }
@@ -466,22 +470,12 @@ TEST(PipeOps, OpenAndCreateAnswerFileNumbersOrErrors) {
   LogCapture log;
   ASSERT_NE(c.root->createChild("dir", false, true, nullptr), nullptr);
   // A payload without its terminating NUL is taken as it is; an empty one is refused.
-  c.play({Create("/a.bin", "= #1"),
-          Create("/dir/b.bin", "= #2"),
-          Open("/a.bin", "= #3"),
-          Open("/A.BIN", "= #4"),
-          Create("/a.bin", "= -17"),
-          Create("/nodir/x", "= -2"),
-          Create("/a.bin/x", "= -20"),
-          Create("noslash", "= -22"),
-          Create("/dir/", "= -22"),
-          Open("/missing", "= -2"),
-          Open("/dir", "= -21"),
-          Open("/", "= -21"),
-          Open("", "= -22"),
-          Create("", "= -22"),
-          {100, kDirectOpOpen, 0, 0, "/a.bin", "= #5"},
-          {100, kDirectOpOpen, 0, 0, "", "= -22"}});
+  c.play({Create("/a.bin", "= #1"), Create("/dir/b.bin", "= #2"), Open("/a.bin", "= #3"),
+          Open("/A.BIN", "= #4"), Create("/a.bin", "= -17"), Create("/nodir/x", "= -2"),
+          Create("/a.bin/x", "= -20"), Create("noslash", "= -22"), Create("/dir/", "= -22"),
+          Open("/missing", "= -2"), Open("/dir", "= -21"), Open("/", "= -21"), Open("", "= -22"),
+          Create("", "= -22"), Req(100, kDirectOpOpen, 0, 0, "= #5", "/a.bin"),
+          Req(100, kDirectOpOpen, 0, 0, "= -22")});
   auto file = c.v->getFile(c.files[0]);
   ASSERT_NE(file, nullptr);
   EXPECT_TRUE(file->direct_ && file->for_write_);
@@ -506,32 +500,30 @@ TEST(PipeOps, ReadsSizesSplicesAndClosesGetTheirReplies) {
     std::string payload(32, '\0');
     out = out > 1000 ? c.files[out - 1001] : out;
     encodeDirectSplice({out, out_offset, size}, reinterpret_cast<uint8_t*>(payload.data()));
-    return Step{in, kDirectOpSplice, in_offset, 0, payload.substr(0, payload_size), reply};
+    return Req(in, kDirectOpSplice, in_offset, 0, reply, payload.substr(0, payload_size));
   };
   c.play({Create("/rec.bin", "= #1"), Write(F1, 0, 1200), Open("/rec.bin", "= #2"),
           Create("/out.bin", "= #3")});
   c.v->findEntry("/rec.bin")->size_ = 8192;  // as for a reserved file being filled
-  c.play({{F1, kDirectOpGetSize, 77, 0, "", "size #1 @8192 0 0"},
-          {F1, kDirectOpGetRealSize, 77, 0, "", "realsize #1 @1200 0 0"},
-          {F2, kDirectOpRead, 1000, 512, "", "read #2 @1000 0 200"},
-          {F2, kDirectOpRead, 0, 1200, "", "read #2 @0 0 1200"},
-          {F2, kDirectOpRead, 1199, 1, "", "read #2 @1199 0 1"},
-          {F2, kDirectOpRead, 5, 0, "", "read #2 @5 0 0"},
-          {F2, kDirectOpRead, 5, -3, "", "read #2 @5 0 0"},
+  c.play({Req(F1, kDirectOpGetSize, 77, 0, "size #1 @8192 0 0"),
+          Req(F1, kDirectOpGetRealSize, 77, 0, "realsize #1 @1200 0 0"),
+          Req(F2, kDirectOpRead, 1000, 512, "read #2 @1000 0 200"),
+          Req(F2, kDirectOpRead, 0, 1200, "read #2 @0 0 1200"),
+          Req(F2, kDirectOpRead, 1199, 1, "read #2 @1199 0 1"),
+          Req(F2, kDirectOpRead, 5, 0, "read #2 @5 0 0"),
+          Req(F2, kDirectOpRead, 5, -3, "read #2 @5 0 0"),
           // At the end of the data a read waits in the file; a second one is refused at once.
-          {F2, kDirectOpReadEvent, 1200, 500, "", "-"},
-          {F2, kDirectOpRead, 0, 10, "", "read #2 @0 -16 0"},
+          Req(F2, kDirectOpReadEvent, 1200, 500, "-"),
+          Req(F2, kDirectOpRead, 0, 10, "read #2 @0 -16 0"),
           // Error and unknown operations on a known file are dropped without a reply.
-          {F1, kDirectOpError, 0, 0, "", "-"},
-          {F1, 13, 0, 0, "", "-"},
-          Write(F1, 100, 50)});
+          Req(F1, kDirectOpError, 0, 0, "-"), Req(F1, 13, 0, 0, "-"), Write(F1, 100, 50)});
   EXPECT_NE(log.text().find("read (" + std::to_string(c.files[1]) +
                             ", 500 @ 1200) pending (file entry size: 8192, real size: 1200)"),
             std::string::npos);
   EXPECT_EQ(c.taken(), "") << "rewriting old data completes nothing";
   c.play({Write(F1, 1200, 300)});
   EXPECT_EQ(c.taken(), "readE #2 @1200 0 300") << "a write beyond it completes the parked read";
-  c.play({{F2, kDirectOpRead, 0, 10, "", "read #2 @0 0 10"}});  // none parked any more
+  c.play({Req(F2, kDirectOpRead, 0, 10, "read #2 @0 0 10")});  // none parked any more
   // Splices copy inside the volume, clipped to the input's data; failed ones change nothing.
   c.play({Write(F1, 1500, 698500), splice(F1, 1000, F3, 0, 690000, "-"),
           splice(F1, 0, F3, 690000, 50000, "-"), splice(F1, 699990, F3, 740000, 100, "-"),
@@ -553,7 +545,7 @@ TEST(PipeOps, ReadsSizesSplicesAndClosesGetTheirReplies) {
   const int32_t fuse_no = static_cast<int32_t>(fuse_file->file_no_);
   for (uint32_t op : {1, 3, 4, 7, 10, 11, 55}) {
     for (int32_t fd : {999, -1, fuse_no}) {
-      c.play({{fd, op, 1234, 0, "xyz", "error " + c.name(fd) + " @1234 -9 0"}});
+      c.play({Req(fd, op, 1234, 0, "error " + c.name(fd) + " @1234 -9 0", "xyz")});
     }
   }
   EXPECT_NE(log.text().find("file != nullptr : file no 999 not found"), std::string::npos);
@@ -569,14 +561,13 @@ TEST(PipeOps, ReadsSizesSplicesAndClosesGetTheirReplies) {
     }
     c.v->normal_requests_.push_back(new VELTWorkItem(c.files[2], kDirectOpGetSize, 0, 0, 0));
   }
-  c.play({{F2, kDirectOpRead, 800000, 10, "", "-"},
-          {F1, kDirectOpClose, 0, 0, "", "-"},
-          {F2, kDirectOpClose, 0, 0, "", "-"}});
+  c.play({Req(F2, kDirectOpRead, 800000, 10, "-"), Req(F1, kDirectOpClose, 0, 0, "-"),
+          Req(F2, kDirectOpClose, 0, 0, "-")});
   EXPECT_EQ(c.taken(), "read #2 @800000 -9 0");
   EXPECT_EQ(c.v->normal_requests_.size(), 1u) << "other files' requests stay";
   EXPECT_EQ(c.v->findEntry("/rec.bin")->size_, 703000);
-  c.play({{F3, kDirectOpClose, 0, kDirectFlagUnlink, "", "-"},
-          {F1, kDirectOpClose, 0, 0, "", "error #1 @0 -9 0"}});
+  c.play({Req(F3, kDirectOpClose, 0, kDirectFlagUnlink, "-"),
+          Req(F1, kDirectOpClose, 0, 0, "error #1 @0 -9 0")});
   EXPECT_EQ(c.v->findEntry("/out.bin"), nullptr);
   EXPECT_NE(log.text().find("out.bin\" unlink on close"), std::string::npos);
   EXPECT_NE(c.v->findEntry("/rec.bin"), nullptr);
