@@ -1,10 +1,8 @@
-// A small reader and editor of the FAT32 structures of a card image, independent of the code
-// under test: tests use it to find directory records and damage them byte by byte, and to
-// read back what the loader wrote.
+// A small reader and editor of the FAT32 structures of a card, independent of the code under
+// test: tests find directory records and damage them byte by byte, and read back what was written.
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,49 +20,13 @@ inline void putLe(std::string* s, size_t at, uint32_t v, int bytes) {
   for (int i = 0; i < bytes; ++i) (*s)[at + i] = static_cast<char>((v >> (8 * i)) & 0xFF);
 }
 
-// The long-name checksum of an 11-byte record name.
-inline uint8_t nameChecksum(const std::string& name11) {
-  uint8_t sum = 0;
-  for (int i = 0; i < 11; ++i) {
-    sum = static_cast<uint8_t>(((sum & 1) << 7) + (sum >> 1) + static_cast<uint8_t>(name11[i]));
-  }
-  return sum;
-}
-
-// Long-name records for an ASCII name, start record (lowest slot) first.
-inline std::vector<std::string> lfnRecords(const std::string& name, uint8_t checksum) {
-  std::vector<uint16_t> units(name.begin(), name.end());
-  if (units.size() % 13 != 0) units.push_back(0);
-  while (units.size() % 13 != 0) units.push_back(0xFFFF);
-  const int count = static_cast<int>(units.size() / 13);
-  static constexpr int kPos[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
-  std::vector<std::string> out;
-  for (int seq = count; seq >= 1; --seq) {
-    std::string r(32, '\0');
-    r[0] = static_cast<char>(seq | (seq == count ? 0x40 : 0));
-    r[11] = 0x0F;
-    r[13] = static_cast<char>(checksum);
-    for (int k = 0; k < 13; ++k) putLe(&r, kPos[k], units[(seq - 1) * 13 + k], 2);
-    out.push_back(r);
-  }
-  return out;
-}
-
 class FatImage {
  public:
-  explicit FatImage(const CardImage& card) : card_(card), part_(card.partitionOffset()) {
-    std::string b = card.readBytes(part_, 512);
-    bps_ = getLe(b, 11, 2);
-    spc_ = static_cast<uint8_t>(b[13]);
-    reserved_ = getLe(b, 14, 2);
-    fats_ = static_cast<uint8_t>(b[16]);
-    fat_sectors_ = getLe(b, 36, 4);
-    root_ = getLe(b, 44, 4);
-    fsinfo_ = getLe(b, 48, 2);
-    backup_ = getLe(b, 50, 2);
-    uint32_t total = getLe(b, 32, 4);
-    data_sector_ = reserved_ + fats_ * fat_sectors_;
-    clusters_ = (total - data_sector_) / spc_ + 2;
+  explicit FatImage(const CardImage& card) : card_(&card), part_(card.partitionOffset()) { init(); }
+  // A whole card held in memory, read only; the partition is the first of its table.
+  explicit FatImage(const std::vector<uint8_t>& card) : bytes_(&card) {
+    part_ = static_cast<int64_t>(getLe(read(446 + 8, 4), 0, 4)) * 512;
+    init();
   }
 
   uint32_t rootCluster() const { return root_; }
@@ -74,18 +36,15 @@ class FatImage {
     return part_ + (static_cast<int64_t>(data_sector_) + static_cast<int64_t>(c - 2) * spc_) * bps_;
   }
   int64_t fatOffset(int copy, uint32_t c) const {
-    return part_ +
-           (static_cast<int64_t>(reserved_) + static_cast<int64_t>(copy) * fat_sectors_) * bps_ +
-           4 * static_cast<int64_t>(c);
+    return part_ + (reserved_ + static_cast<int64_t>(copy) * fat_sectors_) * bps_ + 4 * int64_t{c};
   }
   uint32_t fat(uint32_t c, int copy = 0) const {
-    return getLe(card_.readBytes(fatOffset(copy, c), 4), 0, 4) & 0x0FFFFFFF;
+    return getLe(read(fatOffset(copy, c), 4), 0, 4) & 0x0FFFFFFF;
   }
   void setFat(uint32_t c, uint32_t v) const {
-    std::string s(4, '\0');
-    putLe(&s, 0, v, 4);
-    for (uint32_t i = 0; i < fats_; ++i) card_.writeBytes(fatOffset(i, c), s);
+    for (uint32_t i = 0; i < fats_; ++i) putWord(fatOffset(i, c), v);
   }
+  // Stops at a free or reserved entry, an end mark, or after as many links as the volume has.
   std::vector<uint32_t> chain(uint32_t first) const {
     std::vector<uint32_t> out;
     for (uint32_t c = first; c >= 2 && c < clusters_ && out.size() < clusters_; c = fat(c)) {
@@ -101,30 +60,27 @@ class FatImage {
     }
     return out;
   }
-  std::string record(int64_t off) const { return card_.readBytes(off, 32); }
-  void putRecord(int64_t off, const std::string& r) const { card_.writeBytes(off, r); }
+  std::string record(int64_t off) const { return read(off, 32); }
+  void putRecord(int64_t off, const std::string& r) const { card_->writeBytes(off, r); }
   void putByte(int64_t off, uint8_t v) const {
-    card_.writeBytes(off, std::string(1, static_cast<char>(v)));
+    putRecord(off, std::string(1, static_cast<char>(v)));
   }
-  uint8_t byteAt(int64_t off) const { return static_cast<uint8_t>(card_.readBytes(off, 1)[0]); }
+  uint8_t byteAt(int64_t off) const { return static_cast<uint8_t>(read(off, 1)[0]); }
 
   // FSInfo (primary and backup hold the same after any write of ours).
   int64_t fsinfoOffset(bool backup = false) const {
     return part_ + static_cast<int64_t>(backup ? backup_ + 1 : fsinfo_) * bps_;
   }
-  uint32_t fsinfoFree() const { return getLe(card_.readBytes(fsinfoOffset() + 488, 4), 0, 4); }
+  uint32_t fsinfoFree() const { return getLe(read(fsinfoOffset() + 488, 4), 0, 4); }
   // Field of reserved-folder descriptor `i` of the format information (offset in the descriptor).
   int64_t descriptorField(int i, int field, bool backup = false) const {
     return fsinfoOffset(backup) + 4 + 36 + 52 * i + field;
   }
   void setDescriptorField(int i, int field, uint32_t v) const {
-    std::string s(4, '\0');
-    putLe(&s, 0, v, 4);
-    card_.writeBytes(descriptorField(i, field, false), s);
-    card_.writeBytes(descriptorField(i, field, true), s);
+    for (bool backup : {false, true}) putWord(descriptorField(i, field, backup), v);
   }
   uint32_t descriptorValue(int i, int field) const {
-    return getLe(card_.readBytes(descriptorField(i, field), 4), 0, 4);
+    return getLe(read(descriptorField(i, field), 4), 0, 4);
   }
 
   struct Entry {
@@ -133,43 +89,32 @@ class FatImage {
     uint32_t cluster = 0;
     std::string name;  // long name, or the short name as "BASE.EXT"
   };
-  // Live entries of a directory, in slot order (ASCII long names only).
+  // Live entries of a directory up to its end mark, in slot order (ASCII long names only).
   std::vector<Entry> entries(uint32_t dir_cluster) const {
     std::vector<Entry> out;
-    std::vector<int64_t> lfn;
-    std::string lname;
+    Entry e;
     for (int64_t off : records(dir_cluster)) {
-      std::string r = record(off);
-      uint8_t first = static_cast<uint8_t>(r[0]);
-      if (first == 0 || first == 0xE5) {
-        lfn.clear();
-        lname.clear();
-        continue;
-      }
+      const std::string r = record(off);
+      const uint8_t first = static_cast<uint8_t>(r[0]);
+      if (first == 0) break;
+      if (first == 0xE5 || ((r[11] & 0x3F) == 0x0F && (first & 0x40))) e = Entry();
+      if (first == 0xE5) continue;
       if ((r[11] & 0x3F) == 0x0F) {
-        if (first & 0x40) {
-          lfn.clear();
-          lname.clear();
-        }
-        static constexpr int kPos[13] = {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30};
         std::string part;
-        for (int p : kPos) {
-          uint32_t u = getLe(r, p, 2);
+        for (int p : {1, 3, 5, 7, 9, 14, 16, 18, 20, 22, 24, 28, 30}) {
+          const uint32_t u = getLe(r, p, 2);
           if (u == 0 || u == 0xFFFF) break;
           part += static_cast<char>(u);
         }
-        lname = part + lname;
-        lfn.push_back(off);
+        e.name = part + e.name;
+        e.lfn.push_back(off);
         continue;
       }
-      Entry e;
       e.sfn = off;
-      e.lfn = lfn;
       e.cluster = (getLe(r, 20, 2) << 16) | getLe(r, 26, 2);
-      e.name = lfn.empty() ? shortName(off) : lname;
+      if (e.lfn.empty()) e.name = shortName(off);
       out.push_back(e);
-      lfn.clear();
-      lname.clear();
+      e = Entry();
     }
     return out;
   }
@@ -188,8 +133,33 @@ class FatImage {
   }
 
  private:
-  const CardImage& card_;
-  int64_t part_;
+  void init() {
+    const std::string b = read(part_, 512);
+    bps_ = getLe(b, 11, 2);
+    spc_ = static_cast<uint8_t>(b[13]);
+    reserved_ = getLe(b, 14, 2);
+    fats_ = static_cast<uint8_t>(b[16]);
+    fat_sectors_ = getLe(b, 36, 4);
+    root_ = getLe(b, 44, 4);
+    fsinfo_ = getLe(b, 48, 2);
+    backup_ = getLe(b, 50, 2);
+    data_sector_ = reserved_ + fats_ * fat_sectors_;
+    clusters_ = spc_ == 0 ? 0 : (getLe(b, 32, 4) - data_sector_) / spc_ + 2;
+  }
+  std::string read(int64_t off, size_t n) const {
+    if (card_ != nullptr) return card_->readBytes(off, n);
+    if (off < 0 || static_cast<size_t>(off) + n > bytes_->size()) return std::string(n, '\0');
+    return std::string(bytes_->begin() + off, bytes_->begin() + off + static_cast<int64_t>(n));
+  }
+  void putWord(int64_t off, uint32_t v) const {
+    std::string s(4, '\0');
+    putLe(&s, 0, v, 4);
+    card_->writeBytes(off, s);
+  }
+
+  const CardImage* card_ = nullptr;
+  const std::vector<uint8_t>* bytes_ = nullptr;
+  int64_t part_ = 0;
   uint32_t bps_ = 0, spc_ = 0, reserved_ = 0, fats_ = 0, fat_sectors_ = 0, root_ = 0;
   uint32_t fsinfo_ = 0, backup_ = 0, data_sector_ = 0, clusters_ = 0;
 };

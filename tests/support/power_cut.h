@@ -1,11 +1,12 @@
-// Power cuts for tests: a card held in memory that loses power at a chosen write, the volume
-// mounted on it in-process (the daemon's own load, with its repairs), and checks of a card
-// image that need no FAT tool.
+// Power cuts for tests: a card held in memory that loses power at a chosen write (or cannot read
+// some sectors), the volume mounted on it in-process with the daemon's own load and repairs, and
+// a check of the raw card that needs no FAT tool.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -24,7 +25,7 @@ enum class CutMode {
 
 // A card in memory. Counts every write; with a cut set, write number `cut_at` (1-based) is the
 // last thing the card sees, shaped by the mode, and every request after it fails (the power is
-// gone). Flushes are counted too: in reorder mode they bound which writes may be lost.
+// gone). In reorder mode flushes bound which writes may be lost.
 class CutDriver : public BlockDriver {
  public:
   explicit CutDriver(std::shared_ptr<CardBytes> card) : card_(std::move(card)) {}
@@ -33,6 +34,7 @@ class CutDriver : public BlockDriver {
     if (final_writes != nullptr) *final_writes = writes_;
   }
   int64_t* final_writes = nullptr;
+  std::set<uint32_t> unreadable;  // sectors whose reads fail until they are written
   void cutAt(int64_t write, CutMode mode, uint64_t choice) {
     cut_at_ = write;
     mode_ = mode;
@@ -46,15 +48,12 @@ class CutDriver : public BlockDriver {
 
   bool dead() const { return dead_; }
   int64_t writes() const { return writes_; }
-  int64_t flushes() const { return flushes_; }
-  // Writes since the last flush when the cut came (what reorder mode chose from).
-  size_t unflushedAtCut() const { return unflushed_at_cut_; }
 
  private:
   struct Pending {
     uint32_t start;
     int count;
-    std::vector<uint8_t> data;  // kept in reorder mode only
+    std::vector<uint8_t> data;
   };
   void applyReorderCut();
 
@@ -64,24 +63,18 @@ class CutDriver : public BlockDriver {
   uint64_t choice_ = 0;
   bool dead_ = false;
   int64_t writes_ = 0;
-  int64_t flushes_ = 0;
-  size_t unflushed_at_cut_ = 0;
-  std::vector<Pending> unflushed_;
+  std::vector<Pending> unflushed_;                   // kept in reorder mode only
   std::map<uint32_t, std::vector<uint8_t>> before_;  // sector -> content at the last flush
 };
 
-// The volume as the daemon mounts it, on `driver` (no sector cache): the partition table, boot
+// The volume as the daemon mounts it, on `driver` (no sector cache): partition table, boot
 // record, FATs and the whole tree loaded, with every repair the load makes. Null when the load
 // fails; `error` gets the result code.
 std::shared_ptr<VELT> mountOn(std::unique_ptr<BlockDriver> driver, int* error);
 
-// Problems a power cut must never leave, found by walking the raw image from the root (FAT copy
+// Problems a power cut must never leave, found by walking the raw card from the root (FAT copy
 // 1): a folder whose cluster does not begin with "." and "..", an entry whose chain meets a free
 // FAT entry or is shorter than its size. Empty when none.
 std::string rawCardProblems(const CardBytes& card);
-
-// Runs `fsck.fat -n` on the card's first partition (written to a temporary file); its output,
-// status in `status`.
-std::string fsckCard(const CardBytes& card, int* status);
 
 }  // namespace velt::test
