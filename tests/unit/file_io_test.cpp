@@ -1,15 +1,20 @@
-// Sector I/O over a fake driver: the read runs, the pending write buffer, driver failures and
-// the sector cache.
+// Sector I/O over a fake driver (read runs, the sector cache, the write buffer, failures) and
+// open files on a fake card (transfers per cluster run, clipping, growth, sticky errors).
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <tuple>
 #include <vector>
 
 #include "fake_driver.h"
+#include "fs/velt_dirent.h"
+#include "fs/velt_file.h"
 
-using velt::VELT;
+using velt::FAT_EOC;
+using Entry = velt::VELT::DirEntry;
 using velt_test::DriverRequest;
 using velt_test::FakeVolume;
 
@@ -23,7 +28,49 @@ std::vector<uint8_t> bytes(size_t n, uint8_t seed) {
   for (size_t i = 0; i < n; ++i) v[i] = static_cast<uint8_t>(seed + i * 13);
   return v;
 }
-std::vector<uint8_t> pattern(uint32_t sector) { return bytes(512, sector * 7 & 0xFF); }
+uint8_t patternByte(int64_t i) { return static_cast<uint8_t>(i * 131 + (i >> 9) * 7); }
+
+// A formatted 8 MiB fake card with a root entry, without a cache (every write reaches the
+// driver at once).
+struct Card {
+  velt_test::FakeVolume f{16384};
+  velt::VELT& v = *f.volume;
+  std::shared_ptr<Entry> root;
+  uint32_t len = 0;
+  Card() {
+    EXPECT_TRUE(f.formatInMemory());
+    root = std::make_shared<Entry>(&v);
+    v.initRootEntry(root);
+    v.root_ = root;
+    v.pbr_->setClusterChainUsed(v.pbr_->root_cluster_);
+    v.pbr_->is_velt_partition_ = false;  // plain FAT32
+    v.pbr_->updateFSInfo();
+    len = v.pbr_->cluster_length_;
+  }
+  // A file of the root whose record sits in slot `slot` of the root's first cluster.
+  std::shared_ptr<Entry> addFile(const char* name, int slot) {
+    auto e = std::make_shared<Entry>(&v);
+    e->name_ = name;
+    e->short_name_ = name;
+    e->attr_ = velt::kAttrArchive;
+    e->parent_ = root.get();
+    e->dir_ent_disk_off_ = v.clusterOffset(v.pbr_->root_cluster_) + 32 * slot;
+    root->children_.push_back(e);
+    return e;
+  }
+  // Links `chain` in the FAT, gives it to `e` with `size` bytes and puts the pattern on the
+  // card at the file offsets the clusters hold.
+  void layChain(const std::shared_ptr<Entry>& e, const std::vector<uint32_t>& chain, int64_t size) {
+    for (size_t i = 0; i < chain.size(); ++i) {
+      v.pbr_->fat1_[chain[i]] = i + 1 < chain.size() ? chain[i + 1] : FAT_EOC;
+      int64_t at = v.clusterOffset(chain[i]);
+      for (uint32_t b = 0; b < len; ++b) (*f.disk)[at + b] = patternByte(i * len + b);
+    }
+    v.pbr_->setClusterChainUsed(chain.front());
+    e->start_cluster_ = chain.front();
+    e->size_ = e->real_size_ = size;
+  }
+};
 
 }  // namespace
 
@@ -33,8 +80,6 @@ TEST(BufferedRead, RequestPatternsShortAnswersAndFailures) {
   auto& v = *f.volume;
   auto& reqs = f.driver->requests;
   std::vector<uint8_t> out(10 * 512);
-  EXPECT_EQ(v.read(out.data(), 0, 100), 0);
-  EXPECT_TRUE(reqs.empty());
   // One run of uncached sectors is one request; the caller gets exactly its bytes.
   ASSERT_EQ(v.read(out.data(), 1000, 100), 1000);
   EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 0, 3}}));
@@ -46,9 +91,8 @@ TEST(BufferedRead, RequestPatternsShortAnswersAndFailures) {
   ASSERT_EQ(v.updateCache(11, cached_sector.data()), 0);
   ASSERT_EQ(v.read(out.data(), 3 * 512, 10 * 512), 3 * 512);
   EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 10, 1}, {'r', 12, 1}}));
-  EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 10 * 512, 512));
-  EXPECT_EQ(0, memcmp(out.data() + 512, cached_sector.data(), 512));
-  EXPECT_EQ(0, memcmp(out.data() + 1024, f.driver->data_.data() + 12 * 512, 512));
+  memcpy(f.driver->data_.data() + 11 * 512, cached_sector.data(), 512);
+  EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 10 * 512, 3 * 512));
   // A short answer is continued; a failure after it fails the whole read.
   reqs.clear();
   v.destroyCache();
@@ -56,7 +100,6 @@ TEST(BufferedRead, RequestPatternsShortAnswersAndFailures) {
   ASSERT_EQ(v.read(out.data(), 10 * 512, 20 * 512), 10 * 512);
   EXPECT_EQ(reqs, (std::vector<DriverRequest>{{'r', 20, 10}, {'r', 24, 6}}));
   EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 20 * 512, 10 * 512));
-  // A failure after a successful short answer still fails the whole read.
   reqs.clear();
   f.driver->queueReadAnswer(4);
   f.driver->queueReadAnswer(0);
@@ -168,27 +211,92 @@ TEST(BufferedWrite, FailuresStaleCopiesAndTheUnload) {
   EXPECT_EQ(g.volume->write(data.data(), 10, 0x10000, true), -1);
 }
 
-TEST(SectorCache, VictimAnywhereInItsBucketChain) {
-  // Three sectors of one bucket are stored; the chain is newest first. Each case makes a
-  // different one of them the oldest, so the victim sits at the end, middle or head.
-  for (int victim_pos = 0; victim_pos < 3; ++victim_pos) {
-    VELT v("/dev/mmcblk0p1", 1, 0, 0);
-    ASSERT_EQ(v.createCache(1536), 0);  // 3 entries
-    std::vector<uint32_t> chain = {100};
-    const uint32_t mask = static_cast<uint32_t>(v.cache_hash_size_ - 1);
-    for (uint32_t s = 101; chain.size() < 3; ++s) {
-      if ((VELT::cacheHash(s) & mask) == (VELT::cacheHash(100) & mask)) chain.push_back(s);
+// A read takes one transfer per run of consecutive clusters, stops at the end of the file and
+// refuses positions beyond it.
+TEST(OpenFile, ReadsOneTransferPerRunAndClipsAtTheEnd) {
+  Card c;
+  struct Row {
+    std::vector<uint32_t> chain;
+    int64_t from;  // in bytes from the start of the file
+    int64_t tail;  // bytes left unread at the end of the chain
+    int transfers;
+  } rows[] = {
+      {{5, 6, 7, 9}, 100, 100, 2}, {{19, 17, 15}, 1, 1, 3}, {{20, 21, 40, 41, 42, 11}, 7000, 300, 3},
+  };
+  std::shared_ptr<velt::VELT::File> file;
+  for (const auto& r : rows) {
+    SCOPED_TRACE("chain from " + std::to_string(r.chain.front()));
+    auto e = c.addFile("F", 1 + static_cast<int>(&r - rows));
+    const int64_t size = static_cast<int64_t>(r.chain.size()) * c.len - r.tail;
+    c.layChain(e, r.chain, size);
+    file = c.v.newFile(false, false, false, e);
+    ASSERT_NE(file, nullptr);
+    c.f.driver->requests.clear();
+    std::vector<uint8_t> buf(size);
+    ASSERT_EQ(file->read(buf.data(), size, r.from), size - r.from);
+    EXPECT_EQ(std::count_if(c.f.driver->requests.begin(), c.f.driver->requests.end(),
+                            [](const auto& q) { return q.kind == 'r'; }),
+              r.transfers);
+    for (int64_t i = 0; i < size - r.from; ++i) {
+      ASSERT_EQ(buf[i], patternByte(r.from + i)) << "byte " << r.from + i;
     }
-    // Store order decides age; the chain order is reverse store order.
-    std::vector<uint32_t> order = chain;
-    std::rotate(order.begin(), order.begin() + victim_pos, order.end());
-    for (uint32_t s : order) ASSERT_EQ(v.updateCache(s, pattern(s).data()), 0);
-    ASSERT_EQ(v.updateCache(7, pattern(7).data()), 0);
-    for (uint32_t s : {chain[0], chain[1], chain[2], 7u}) {
-      uint8_t buf[512];
-      const bool victim = s == order[0];
-      ASSERT_EQ(v.lookupCache(s, buf), victim ? -1 : 0) << s << " case " << victim_pos;
-      EXPECT_TRUE(victim || memcmp(buf, pattern(s).data(), 512) == 0) << s;
-    }
+    EXPECT_EQ(file->direct_offset_, size);
   }
+  const int64_t size = 6 * c.len - 300;  // the last file's
+  const std::tuple<int64_t, size_t, int> clips[] = {
+      {size - 10, 100, 10}, {size, 100, 0}, {size + 1, 100, -EAGAIN}, {c.len - 1, 2, 2},
+      {-1, 10, -EINVAL}};
+  for (const auto& [off, want, result] : clips) {
+    std::vector<uint8_t> buf(want + 1, 0xEE);
+    EXPECT_EQ(file->read(buf.data(), want, off), result) << off;
+    for (int i = 0; i < result; ++i) EXPECT_EQ(buf[i], patternByte(off + i));
+    EXPECT_TRUE(result < 0 || buf[result] == 0xEE) << "nothing beyond the answer";
+  }
+  // A chain that claims the root directory's cluster holds no file data.
+  auto bad = c.addFile("B", 9);
+  bad->start_cluster_ = c.v.pbr_->root_cluster_;
+  bad->size_ = 10;
+  auto bad_file = c.v.newFile(false, false, false, bad);
+  ASSERT_NE(bad_file, nullptr);
+  uint8_t b[10];
+  EXPECT_EQ(bad_file->read(b, 10, 0), -EINVAL);
+  ASSERT_EQ(file->close(), 0);
+  EXPECT_EQ(file->read(b, 10, 0), -EBADF);
+}
+
+TEST(OpenFile, FailedWriteSticksButAFullCardDoesNot) {
+  Card c;
+  auto e = c.addFile("F", 1);
+  auto file = c.v.newFile(false, true, false, e);
+  ASSERT_NE(file, nullptr);
+  std::vector<uint8_t> data(3000, 0x11);
+  ASSERT_EQ(file->write(data.data(), 1000, 0), 1000);
+  // A write that starts inside a sector must read the sector first; make that read fail.
+  c.f.driver->queueReadAnswer(0);
+  int first = file->write(data.data(), 100, 1000);
+  ASSERT_LT(first, 0);
+  EXPECT_EQ(file->error_, -first);
+  size_t before = c.f.driver->requests.size();
+  EXPECT_EQ(file->write(data.data(), 100, 1000), first);
+  EXPECT_EQ(file->write(data.data(), 100, 50 * c.len), first);
+  EXPECT_EQ(c.f.driver->requests.size(), before) << "a failed file touches the card no more";
+  EXPECT_EQ(e->size_, 1000);
+  // A card with no free cluster: -ENOSPC, and no sticky error.
+  auto e2 = c.addFile("G", 2);
+  auto file2 = c.v.newFile(false, true, false, e2);
+  ASSERT_NE(file2, nullptr);
+  ASSERT_EQ(file2->write(data.data(), 10, 0), 10);
+  uint32_t last = 0;
+  for (uint32_t k = 2; k < c.v.pbr_->num_clusters_; ++k) {
+    if (c.v.pbr_->fat1_[k] != 0) continue;
+    c.v.pbr_->fat1_[k] = FAT_EOC;  // taken by something else, as a loaded tree would
+    c.v.pbr_->setClusterChainUsed(last = k);
+  }
+  EXPECT_EQ(file2->write(data.data(), 10, c.len + 5), -ENOSPC);
+  EXPECT_EQ(file2->error_, 0);
+  EXPECT_EQ(file2->write(data.data(), 10, 20), 10) << "a write inside the chain still works";
+  c.v.pbr_->fat1_[last] = 0;
+  c.v.pbr_->fat1_flags_[last / 8] &= static_cast<uint8_t>(~(1u << (last % 8)));
+  EXPECT_EQ(file2->write(data.data(), 10, c.len + 5), 10);
+  EXPECT_EQ(e2->size_, c.len + 15);
 }

@@ -1,0 +1,212 @@
+// Names, times and paths: name tables, the 8.3 form, unique short names, FAT dates and times,
+// device paths, path lookup and reserved folders.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <tuple>
+
+#include "daemon_runner.h"
+#include "fake_driver.h"
+#include "fs/velt_dirent.h"
+
+using velt::VELT;
+using Entry = velt::VELT::DirEntry;
+using velt::test::localTime;
+using velt::test::ScopedEnv;
+using velt::test::TempDir;
+
+TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
+  // Valid as a long name, as a short name.
+  const std::tuple<const char*, bool, bool> tables[] = {
+      {"README.TXT", true, false},  // the period is for the long-name table only
+      {"a+b", true, true},          {"a:b", false, false},  {"a*b", false, false},
+      {"a?b", false, false},        {"a\x1f", false, false}, {"a\x7f", true, true},
+      {"a,b", true, false},         {"a[b]", true, false},  {"a b", true, true},
+      {"caf\xc3\xa9", true, true},  // every byte of a UTF-8 sequence passes
+  };
+  for (const auto& [name, long_ok, short_ok] : tables) {
+    EXPECT_EQ(velt::isValidFileName(name), long_ok) << name;
+    EXPECT_EQ(velt::isValidShortName(name), short_ok) << name;
+  }
+  for (auto [short_name, expected] : {std::pair<const char*, std::string>{"README.TXT", "README  TXT"},
+                                      {"ABCDEFGHIJKLM", "ABCDEFGHIJK"}, {"A.TEXT", "A       TEX"},
+                                      {"LONGBASE1.TX", "LONGBASETX "}, {"A.B.C", "A.B     C  "},
+                                      {"..", "..         "},  // 0xE5 would read as deleted:
+                                      {"\xe5\x80\x80.TXT", "\x05\x80\x80     TXT"}}) {
+    uint8_t out[11];
+    velt::shortNameToName83(short_name, out);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(out), 11), expected) << short_name;
+  }
+  struct Row {
+    const char* name;
+    std::set<std::string> taken;
+    const char* expected;
+  } rows[] = {
+      {"report.pdf", {"REPORT.PDF"}, "REPO~1.PDF"},
+      {"My Document.docx",
+       {"MYDOCU~1.DOC", "MYDOCU~2.DOC", "MYDOCU~3.DOC", "MYDOCU~4.DOC", "MYDOCU~5.DOC",
+        "MYDOCU~6.DOC", "MYDOCU~7.DOC", "MYDOCU~8.DOC", "MYDOCU~9.DOC"},
+       "MYDOC~10.DOC"},
+      {".profile", {"~1.PRO"}, "~2.PRO"},
+      {"abc d", {}, "AB~1"},
+      {"a[1].txt", {}, "A_~1.TXT"},
+      {"file.c pp", {}, "FI~1.C P"},  // a blank of the extension is kept
+      {"...dots", {}, "~1.DOT"},
+      // A character outside ASCII is "_" and the name takes a tail, even in upper case.
+      {"CAF\xc3\x89.TXT", {"CA~1.TXT"}, "CA~2.TXT"},
+      {"notes.\xd1\x84\xf0\x9f\x8e\xb5", {}, "NOT~1.__"},
+      {"bad\xff.txt", {}, "<error>"},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.name);
+    std::string s;
+    auto taken = [&r](const std::string& c) { return r.taken.count(c) > 0; };
+    if (velt::makeShortName(r.name, taken, &s) < 0) s = "<error>";
+    EXPECT_EQ(s, r.expected);
+  }
+}
+
+TEST(FatTime, DatesAtTheEdgesOfTheRange) {
+  // 12:34:56 on 1 January 2000, an odd second, and moments before and after the range.
+  for (auto [t, date, time] : {std::tuple<time_t, uint16_t, uint16_t>{
+                                   localTime(2000, 1, 1, 12, 34, 56), 0x2821, 0x645C},
+                               {localTime(2107, 12, 31, 23, 59, 59), 0xFF9F, 0xBF7D},
+                               {localTime(1979, 12, 31, 23, 59, 58), 0x0021, 0x0000},
+                               {localTime(2108, 1, 1, 0, 0, 0), 0xFF9F, 0xBF7D}}) {
+    EXPECT_EQ(velt::timeToFatDate(t), date) << t;
+    EXPECT_EQ(velt::timeToFatTime(t), time) << t;
+  }
+  for (time_t t : {localTime(1980, 1, 1, 0, 0, 0), localTime(2024, 2, 29, 23, 59, 58),
+                   localTime(2107, 12, 31, 23, 59, 58)}) {
+    EXPECT_EQ(velt::fatToTime(velt::timeToFatDate(t), velt::timeToFatTime(t)), t);
+  }
+  VELT::DirEntry e(nullptr);  // a new entry's default: 12 October 2101, 00:30:00
+  EXPECT_EQ(e.created_, localTime(2101, 10, 12, 0, 30, 0));
+}
+
+// Stamps are local time: the conversion agrees with mktime in zones with and without daylight
+// saving, across the changes of the year, and for the out-of-range fields mktime normalises.
+TEST(FatTime, AgreesWithTheCalendarInEveryZone) {
+  auto restore = std::make_unique<velt::test::ScopedEnv>("TZ", getenv("TZ"));
+  for (const char* zone : {"UTC0", "CET-1CEST,M3.5.0,M10.5.0/3", "EST5EDT,M3.2.0,M11.1.0",
+                           "NZST-12NZDT,M9.5.0,M4.1.0/3", "IST-5:30"}) {
+    setenv("TZ", zone, 1);
+    tzset();
+    SCOPED_TRACE(zone);
+    for (int year = 0; year < 128; year += 7) {
+      for (int month = 0; month <= 15; ++month) {
+        for (int day : {0, 1, 15, 28, 29, 30, 31}) {
+          for (int hour : {0, 1, 2, 3, 12, 23, 25}) {
+            struct tm tm = {};
+            tm.tm_sec = 14, tm.tm_min = 30, tm.tm_hour = hour, tm.tm_mday = day;
+            tm.tm_mon = month - 1, tm.tm_year = year + 80, tm.tm_isdst = -1;
+            const time_t expect = mktime(&tm);
+            const time_t got = velt::fatToTime(static_cast<uint16_t>((year << 9) | (month << 5) | day),
+                                               static_cast<uint16_t>((hour << 11) | (30 << 5) | 7));
+            if (got == expect) continue;
+            // Only a repeated hour (both show the same wall clock) or a skipped one (mktime
+            // moved the hour) may be read either way.
+            struct tm a = {}, b = {};
+            localtime_r(&got, &a);
+            localtime_r(&expect, &b);
+            const bool repeated = a.tm_hour == b.tm_hour && a.tm_mday == b.tm_mday;
+            EXPECT_TRUE(std::llabs(got - expect) == 3600 && (repeated || b.tm_hour != hour))
+                << year << "-" << month << "-" << day << " " << hour << ": " << got << " vs "
+                << expect;
+          }
+        }
+      }
+    }
+  }
+  restore.reset();
+  tzset();
+}
+
+// A device path must read /dev/mmcblk<disk>p<partition>; anything else is refused with -22
+// before the device is opened (the driver device here is an empty file: no MBR).
+TEST(VolumeCore, DevicePathRules) {
+  TempDir root;
+  ScopedEnv env("VELT_ROOT", root.path().c_str());
+  ASSERT_EQ(mkdir((root.path() + "/dev").c_str(), 0700), 0);
+  std::ofstream(root.path() + "/dev/velt").close();
+  const std::tuple<const char*, int, const char*> rows[] = {
+      {"/dev/mmcblk0p1", velt::kVELTBadMBR, ""},
+      {"/dev/mmcblk00p1", -22, "must be in /dev/mmcblk#p# format"},
+      {"/dev/mmcblk0", -22, "\"/dev/mmcblk0\" invalid. must be in /dev/mmcblk0p# format"},
+      {"/dev/sda1", -22, "\"/dev/sda1\" invalid. must be in /dev/mmcblk#p# format"},
+      {" /dev/mmcblk+1p1", -22, ""},
+  };
+  for (const auto& [path, code, message] : rows) {
+    int error = 12345;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(velt::VELT::create(path, 0, velt::kVELTOpMount, 0, &error), nullptr);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(error, code) << path;
+    EXPECT_NE(out.find(message), std::string::npos) << out;
+  }
+}
+
+// Paths resolve without regard to case; reserved folders are the marked folders of the root and
+// their own files, only on a card with a sound format record.
+TEST(VolumeCore, PathsAndReservedFolders) {
+  velt_test::FakeCard c;
+  auto add = [&](const std::shared_ptr<Entry>& parent, const char* name, const char* short_name,
+                 bool dir = false) {
+    auto e = std::make_shared<Entry>(c.v);
+    e->name_ = name;
+    e->short_name_ = short_name;
+    e->attr_ = dir ? velt::kAttrDirectory : velt::kAttrArchive;
+    e->is_dir_ = dir;
+    e->parent_ = parent.get();
+    parent->children_.push_back(e);
+    return e;
+  };
+  auto rec = add(c.root, "rec", "REC", true);
+  auto sub = add(rec, "Sub Folder", "SUBFOL~1", true);
+  auto deep = add(sub, "file.txt", "FILE.TXT");
+  auto in_rec = add(rec, "Long Name.txt", "LONGNA~1.TXT");
+  auto events = add(c.root, "EVENTS", "EVENTS", true);
+  auto other = add(c.root, "other", "OTHER", true);
+  auto top = add(c.root, "Rec", "REC");  // a root file named like a folder
+  const std::pair<const char*, std::shared_ptr<Entry>> paths[] = {
+      {"/", c.root},
+      {"", c.root},
+      {"/REC/", rec},
+      {"//rec//sub folder///FILE.TXT", deep},
+      {"/rec/subfol~1/file.txt", deep},
+      {"/rec/longna~1.TXT", in_rec},
+      {"/rec/Long Name.txt/x", nullptr},
+      {"/rec/../EVENTS", nullptr},
+      {"/rec/file.txt", nullptr},
+      {"/re", nullptr},
+  };
+  for (const auto& [path, want] : paths) {
+    std::string text = path;
+    EXPECT_EQ(c.v->findEntry(text.data()), want) << path;
+    EXPECT_EQ(text, path) << "the caller's text is left as it was";
+  }
+  velt::FormatInfo& fi = c.v->format_info_;
+  fi.magic1 = velt::VELT_FSINFO_MAGIC1;
+  fi.magic2 = velt::VELT_FSINFO_MAGIC2;
+  fi.folder_count = 2;
+  strcpy(fi.folders[0].name, "REC");
+  strcpy(fi.folders[1].name, "events");
+  strcpy(fi.folders[2].name, "OTHER");  // beyond folder_count: not a folder
+  c.pbr->is_velt_partition_ = true;
+  const std::pair<std::shared_ptr<Entry>, velt::ReservedFolderDesc*> rows[] = {
+      {rec, &fi.folders[0]}, {in_rec, &fi.folders[0]}, {sub, nullptr},   {deep, nullptr},
+      {events, &fi.folders[1]}, {other, nullptr},      {top, nullptr},   {c.root, nullptr}};
+  for (const auto& [entry, want] : rows) {
+    EXPECT_EQ(c.v->entryToVELTFolder(entry), want) << entry->name_;
+    EXPECT_EQ(c.v->isInVELTFolder(entry), want != nullptr) << entry->name_;
+  }
+  fi.magic2 = 0;  // a broken record: no reserved folders at all
+  EXPECT_EQ(c.v->entryToVELTFolder(in_rec), nullptr);
+  c.v->root_.reset();
+  EXPECT_EQ(c.v->findEntry("/"), nullptr) << "no tree, nothing resolves";
+}
