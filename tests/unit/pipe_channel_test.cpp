@@ -179,10 +179,15 @@ TEST(PipeChannel, HostileClientIsAnsweredOrIgnoredAndTheNextClientIsServed) {
   EXPECT_EQ(second.getSize(322, false, 5000), -EBADF);
 }
 
-TEST(PipeChannel, AClientThatDiesLosesNothingItSentAndRepliesWaitForAReader) {
+TEST(PipeChannel, ClientsThatDieLoseNothingRepliesWaitForAReaderAndStopIsBounded) {
   LogCapture log;  // outlives the channel's threads
   Channel ch;
   ASSERT_EQ(ch.v->startDirectWriter(), 0);
+  EXPECT_EQ(ch.v->startDirectWriter(), -1);
+  EXPECT_EQ(log.count("direct pipe reader already started"), 1);
+  struct stat st;
+  ASSERT_EQ(stat((ch.dir + "/tmp/veltw").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISFIFO(st.st_mode) && (st.st_mode & 0777) == 0666u) << st.st_mode;
   // Requests only: nobody has the reply pipe open, the replies wait.
   int requests = -1;
   ASSERT_TRUE(waitUntil([&] {
@@ -231,39 +236,28 @@ TEST(PipeChannel, AClientThatDiesLosesNothingItSentAndRepliesWaitForAReader) {
     ASSERT_FALSE(got.empty());
     for (size_t i = 0; i < got.size(); ++i) ASSERT_EQ(got[i], pattern(off + i)) << off + i;
   }
-}
-
-TEST(PipeChannel, StartOnceAndStopWithinBounds) {
-  LogCapture log;  // outlives the channel's threads
-  Channel ch;
-  ASSERT_EQ(ch.v->startDirectWriter(), 0);
-  EXPECT_EQ(ch.v->startDirectWriter(), -1);
-  EXPECT_EQ(log.count("direct pipe reader already started"), 1);
-  struct stat st;
-  ASSERT_EQ(stat((ch.dir + "/tmp/veltw").c_str(), &st), 0);
-  EXPECT_TRUE(S_ISFIFO(st.st_mode) && (st.st_mode & 0777) == 0666u) << st.st_mode;
-  // A client that stops halfway through a record and never reads its replies.
-  DirectClient client;
-  ASSERT_EQ(client.connect(5000), 0);
-  const int fd = client.create("/big.bin", 0, 5000);
+  // A client that stops halfway through a record and never reads its replies: the stop is
+  // bounded, the whole record before it written, direct files closed; then it starts again.
+  next.disconnect();
+  DirectClient stuck;
+  ASSERT_EQ(stuck.connect(5000), 0);
+  const int big = stuck.create("/big.bin", 0, 5000);
   std::vector<uint8_t> data(kMiB, 0x33);
-  ASSERT_EQ(client.write(fd, 0, data.data(), kMiB, 0, kDirectFlagReady), 0);
-  for (int i = 0; i < 8; ++i) ASSERT_EQ(client.sendRead(fd, 0, kMiB), 0);  // more than a pipe
-  auto partial = headerBytes(28 + 1000, fd, kDirectOpWrite, kMiB);
-  ASSERT_EQ(client.sendRaw(partial.data(), partial.size() + 10), 0);
+  ASSERT_EQ(stuck.write(big, 0, data.data(), kMiB, 0, kDirectFlagReady), 0);
+  for (int i = 0; i < 8; ++i) ASSERT_EQ(stuck.sendRead(big, 0, kMiB), 0);  // more than a pipe
+  auto partial = headerBytes(28 + 1000, big, kDirectOpWrite, kMiB);
+  partial.resize(28 + 10);
+  ASSERT_EQ(stuck.sendRaw(partial.data(), partial.size()), 0);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   const auto start = Clock::now();
   ch.v->stopDirectWriter();
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
   EXPECT_FALSE(ch.v->pipe_reader_thread_.joinable());
-  EXPECT_EQ(ch.size("big.bin"), kMiB) << "the whole record was written";
-  std::list<std::shared_ptr<VELT::File>> files;
-  EXPECT_EQ(ch.v->getDirectFiles(files), 0) << "direct files are closed at stop";
-  // Stopped: completions are refused and the item stays the caller's.
-  VELTWorkItem item(fd, kDirectOpRead, 0, 0, 0);
+  EXPECT_EQ(ch.size("big.bin"), kMiB);
+  EXPECT_EQ(ch.v->getDirectFiles(files), 0);
+  VELTWorkItem item(big, kDirectOpRead, 0, 0, 0);  // stopped: refused, still the caller's
   EXPECT_EQ(ch.v->postDirectResponse(&item), -1);
-  // And the channel starts again.
-  client.disconnect();
+  stuck.disconnect();
   ASSERT_EQ(ch.v->startDirectWriter(), 0);
   DirectClient again;
   ASSERT_EQ(again.connect(5000), 0);
