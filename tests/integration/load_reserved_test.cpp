@@ -1,66 +1,26 @@
-// Reserved folders checked at load time. A VELT card with one reserved folder (two files taken
-// over and published, the rest free) is loaded and its reserved-file table compared with the
-// records on the card; then publications cut short and damaged records, chains and folders are
-// made by editing the card: each costs at most the reserved file it touches.
+// Reserved folders checked at load time, on a VELT card whose folder REC holds two published
+// recordings ("clip number one of the day.avi" with three long-name records, "c.avi" with one
+// behind two fillers) and free 1 MiB files: publications cut short, damaged records, chains and
+// folders each cost at most the reserved file they touch; a missing folder is made again.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "card_volume.h"
 #include "fat_records.h"
-#include "fs/velt.h"
-#include "fs/velt_dirent.h"
 #include "fs/velt_file.h"
 #include "velt_fsck.h"
 
-using velt::VELT;
-using velt::test::CardImage;
-using velt::test::CardSpec;
-using velt::test::FatImage;
-using velt::test::Loaded;
-
+namespace velt::test {
 namespace {
 
-// Descriptor fields (offsets inside a descriptor of the format information).
-constexpr int kCount = 20, kUsed = 24, kStart = 28;
+constexpr int kCount = 20, kUsed = 24, kStart = 28;  // descriptor fields of the format info
 constexpr uint32_t kFileBytes = 1u << 20;
-
-CardSpec spec() {
-  CardSpec s;
-  s.size_mb = 64;
-  s.sectors_per_cluster = 1;  // enough clusters for mtools to take it for FAT32
-  return s;
-}
-
-// Formats the card with folder REC (10 % in 1 MiB files), then takes over two reserved files
-// and publishes them: "clip number one of the day.avi" (three long-name records) and "c.avi" (one
-// record behind two fillers).
-void makeVeltCard(const CardImage& card) {
-  ASSERT_EQ(velt::test::formatCard(card, velt::test::formatInfo({{"REC", 10, 1}})), 0);
-  Loaded l = velt::test::loadCard(card);
-  ASSERT_EQ(l.error, 0) << l.log;
-  auto folder = l.volume->findEntry("/REC");
-  ASSERT_NE(folder, nullptr);
-  unsigned seed = 1;
-  for (const char* name : {"clip number one of the day.avi", "c.avi"}) {
-    auto e = l.volume->newEntry(folder, name, false);
-    ASSERT_NE(e, nullptr) << name;
-    auto file = l.volume->newFile(false, true, true, e);
-    ASSERT_NE(file, nullptr);
-    const std::string data = velt::test::patternBytes(5000, seed++);
-    ASSERT_EQ(file->write(data.data(), data.size(), 0), static_cast<int>(data.size()));
-    ASSERT_EQ(e->secure2(), 0) << name;
-    file->close();
-    l.volume->freeFile(file->file_no_);
-  }
-}
 
 // The folder's records on the card: slot i of group g is slots[2 + 4 g + i].
 struct Folder {
@@ -71,38 +31,53 @@ struct Folder {
 };
 
 Folder folderOf(const FatImage& img) {
-  Folder f;
-  f.record = *img.find(img.rootCluster(), "REC");
+  Folder f{*img.find(img.rootCluster(), "REC"), {}};
   f.slots = img.records(f.record.cluster);
   return f;
+}
+
+uint32_t firstCluster(const FatImage& img, int64_t sfn) {
+  const std::string r = img.record(sfn);
+  return (getLe(r, 20, 2) << 16) | getLe(r, 26, 2);
 }
 
 class ReservedLoad : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(pristine_.ok()) << pristine_.error();
-    ASSERT_NO_FATAL_FAILURE(makeVeltCard(pristine_));
-    FatImage img(pristine_);
-    files_ = static_cast<int>(img.descriptorValue(0, kCount));
+    ASSERT_EQ(formatCard(pristine_, formatInfo({{"REC", 10, 1}})), 0);
+    Loaded l = loadCard(pristine_);
+    ASSERT_EQ(l.error, 0) << l.log;
+    unsigned seed = 1;
+    for (const char* name : {"clip number one of the day.avi", "c.avi"}) {
+      auto e = l.volume->newEntry(l.volume->findEntry("/REC"), name, false);
+      ASSERT_NE(e, nullptr) << name;
+      auto file = l.volume->newFile(false, true, true, e);
+      ASSERT_NE(file, nullptr);
+      const std::string data = patternBytes(5000, seed++);
+      ASSERT_EQ(file->write(data.data(), data.size(), 0), static_cast<int>(data.size()));
+      ASSERT_EQ(e->secure2(), 0) << name;
+      file->close();
+      l.volume->freeFile(file->file_no_);
+    }
+    l.volume.reset();
+    files_ = static_cast<int>(FatImage(pristine_).descriptorValue(0, kCount));
     ASSERT_GE(files_, 4);
   }
-  // A copy of the pristine card.
   std::unique_ptr<CardImage> copy() {
-    auto card = std::make_unique<CardImage>(spec());
+    auto card = std::make_unique<CardImage>(smallClusterCard(64));
     EXPECT_TRUE(card->ok() && card->copyFrom(pristine_));
     return card;
   }
 
-  CardImage pristine_{spec()};
+  CardImage pristine_{smallClusterCard(64)};
   int files_ = 0;
 };
 
-}  // namespace
-
-// One change to the card that a cut or damage leaves in a reserved folder, and what the load
-// must make of the group it touches (-1: none): the recording under `name`, or ("") a free
-// reserved file. Every other recording keeps its name and bytes, the folder is never made anew,
-// and what the load put right is on the card: the next load finds nothing to repair.
+// One change a cut or damage leaves in the folder, and what the load must make of the group it
+// touches (-1: none): the recording under `name`, or ("") a free reserved file. Every other
+// recording keeps its name and bytes, the folder is never made anew, and the next load finds
+// nothing to repair.
 struct GroupCase {
   std::string what;
   int group;
@@ -132,7 +107,7 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
     Publication p;
     p.name = name;
     {
-      Loaded l = velt::test::loadCard(*card);
+      Loaded l = loadCard(*card);
       ASSERT_EQ(l.error, 0) << l.log;
       auto e = l.volume->newEntry(l.volume->findEntry("/REC"), name, false);
       ASSERT_NE(e, nullptr);
@@ -151,7 +126,8 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
 
   std::vector<GroupCase> cases = {
       {"untouched", -1, "", [](Img, F) {}},
-      {"saved counts wrong, folder moved", -1, "", [](Img img, F f) {
+      {"saved counts wrong, folder moved", -1, "",
+       [](Img img, F f) {
          img.setDescriptorField(0, kUsed, 5);
          img.setDescriptorField(0, kStart, f.record.cluster + 7);
        }},
@@ -166,7 +142,8 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
       cases.push_back({p.name + " published writes " + std::to_string(mask), 2, expect,
                        [p, mask](Img img, F f) {
                          for (int i = 0; i < 4; ++i)
-                           img.putRecord(f.slot(2, i), (mask & (1 << i)) ? p.after[i] : p.before[i]);
+                           img.putRecord(f.slot(2, i),
+                                         (mask & (1 << i)) ? p.after[i] : p.before[i]);
                        }});
     }
   }
@@ -186,35 +163,32 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
                          : kind == 0            ? clip_short
                          : slot == 2            ? "C.AVI"
                                                 : "c.avi";
-      cases.push_back({(kind == 0 ? "recording" : kind == 1 ? "recording behind fillers" : "free file") + at,
-                       group, name, [d, group, slot](Img img, F f) { d(img, f.slot(group, slot)); }});
+      cases.push_back({(kind == 0   ? "recording"
+                        : kind == 1 ? "recording behind fillers"
+                                    : "free file") +
+                           at,
+                       group, name,
+                       [d, group, slot](Img img, F f) { d(img, f.slot(group, slot)); }});
     }
   }
-  auto firstCluster = [](Img img, int64_t sfn) {
-    std::string r = img.record(sfn);
-    return (velt::test::getLe(r, 20, 2) << 16) | velt::test::getLe(r, 26, 2);
-  };
-  cases.push_back({"loop in a free file's chain", 3, "", [firstCluster](Img img, F f) {
+  cases.push_back({"loop in a free file's chain", 3, "", [](Img img, F f) {
                      auto chain = img.chain(firstCluster(img, f.sfn(3)));
                      img.setFat(chain[5], chain[2]);
                    }});
-  cases.push_back({"free file's chain runs into a recording's", 3, "", [firstCluster](Img img, F f) {
+  cases.push_back({"free file's chain runs into a recording's", 3, "", [](Img img, F f) {
                      auto chain = img.chain(firstCluster(img, f.sfn(3)));
                      img.setFat(chain[5], firstCluster(img, f.sfn(0)) + 9);
                    }});
-  cases.push_back({"free file pointing at a recording's chain", 3, "",
-                   [firstCluster](Img img, F f) {
+  cases.push_back({"free file pointing at a recording's chain", 3, "", [](Img img, F f) {
                      std::string r = img.record(f.sfn(3));
-                     velt::test::putLe(&r, 26, firstCluster(img, f.sfn(1)) & 0xFFFF, 2);
-                     velt::test::putLe(&r, 20, firstCluster(img, f.sfn(1)) >> 16, 2);
+                     putLe(&r, 26, firstCluster(img, f.sfn(1)) & 0xFFFF, 2);
+                     putLe(&r, 20, firstCluster(img, f.sfn(1)) >> 16, 2);
                      img.putRecord(f.sfn(3), r);
                    }});
-  cases.push_back({"recording whose chain ends early", 0, "", [firstCluster](Img img, F f) {
-                     img.setFat(img.chain(firstCluster(img, f.sfn(0)))[7], 0);
-                   }});
-  cases.push_back({"damaged dot record", 3, "", [](Img img, F f) {
-                     img.putRecord(f.slots[0], std::string(32, '\0'));
-                   }});
+  cases.push_back({"recording whose chain ends early", 0, "",
+                   [](Img img, F f) { img.setFat(img.chain(firstCluster(img, f.sfn(0)))[7], 0); }});
+  cases.push_back({"damaged dot record", 3, "",
+                   [](Img img, F f) { img.putRecord(f.slots[0], std::string(32, '\0')); }});
   cases.push_back({"records behind the reserved files", 3, "", [this](Img img, F f) {
                      std::string dir = img.record(f.sfn(0));
                      dir[0] = 'S';
@@ -229,7 +203,7 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
     ASSERT_TRUE(card->copyFrom(pristine_));
     FatImage img(*card);
     c.change(img, folderOf(img));
-    Loaded l = velt::test::loadCard(*card);
+    Loaded l = loadCard(*card);
     ASSERT_EQ(l.error, 0) << l.log;
     EXPECT_EQ(l.log.find("try to create it now"), std::string::npos) << l.log;
     auto folder = l.volume->findEntry("/REC");
@@ -248,22 +222,20 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
       EXPECT_EQ(table[g].used_, g == c.group ? !c.name.empty() : g < 2) << g;
       EXPECT_EQ(table[g].dir_ent_disk_off, folderOf(img).sfn(g)) << g;
     }
-    EXPECT_EQ(folder->velt_folder_->used, std::count_if(table.begin(), table.end(), [](auto& rf) {
-                return rf.used_;
-              }));
+    EXPECT_EQ(folder->velt_folder_->used,
+              std::count_if(table.begin(), table.end(), [](auto& rf) { return rf.used_; }));
     for (const velt::ReservedFile& rf : table) {
       EXPECT_EQ(img.chain(rf.start_cluster).size(), kFileBytes / img.clusterBytes());
     }
     l.volume.reset();
 
-    Loaded again = velt::test::loadCard(*card);
+    Loaded again = loadCard(*card);
     ASSERT_EQ(again.error, 0) << again.log;
     for (const char* repair :
          {"modified, flush now", "unusable", "restored", "ended at", "mismatch", "FATAL"}) {
       EXPECT_EQ(again.log.find(repair), std::string::npos) << repair << "\n" << again.log;
     }
-    EXPECT_TRUE(velt::test::fsckShowsOnlyReservedFiles(
-        *card, velt::test::expectedReservedReport(*again.volume, *card)));
+    EXPECT_TRUE(fsckShowsOnlyReservedFiles(*card, expectedReservedReport(*again.volume, *card)));
     again.volume.reset();
     for (int g = 0; g < 2; ++g) {
       if (g != c.group) {
@@ -281,8 +253,7 @@ TEST_F(ReservedLoad, ExclusiveModeWritesNothingAndAMissingFolderIsMadeAgain) {
   // the free reserved files' chains stay behind, reached by nothing.
   auto r = card->mtools("mdeltree ::/REC");
   ASSERT_EQ(r.status, 0) << r.err;
-  const uint32_t lost = (velt::test::getLe(img.record(old.sfn(files_ - 1)), 20, 2) << 16) |
-                        velt::test::getLe(img.record(old.sfn(files_ - 1)), 26, 2);
+  const uint32_t lost = firstCluster(img, old.sfn(files_ - 1));
   ASSERT_NE(img.fat(lost), 0u);
 
   // Exclusive mode reports a missing folder, or a damaged one, and writes nothing.
@@ -290,14 +261,14 @@ TEST_F(ReservedLoad, ExclusiveModeWritesNothingAndAMissingFolderIsMadeAgain) {
   FatImage(*damaged).putRecord(old.slot(0, 1), std::string(32, '\0'));
   for (CardImage* c : {card.get(), damaged.get()}) {
     const std::string before = c->contents();
-    Loaded x = velt::test::loadCard(*c, velt::kVELTOpExclusive);
+    Loaded x = loadCard(*c, kVELTOpExclusive);
     EXPECT_NE(x.error, 0) << x.log;
     EXPECT_EQ(x.log.find("try to create it now"), std::string::npos) << x.log;
     x.volume.reset();
     EXPECT_TRUE(c->contents() == before) << "exclusive mode wrote to the card";
   }
 
-  Loaded l = velt::test::loadCard(*card);
+  Loaded l = loadCard(*card);
   ASSERT_EQ(l.error, 0) << l.log;
   EXPECT_NE(l.log.find("VELT reserved folder \"/REC\" not found\n"), std::string::npos);
   EXPECT_NE(l.log.find("VELT reserved folder \"/REC\" not found, try to create it now..."),
@@ -309,5 +280,8 @@ TEST_F(ReservedLoad, ExclusiveModeWritesNothingAndAMissingFolderIsMadeAgain) {
   EXPECT_EQ(folder->velt_reserved_files_.size(), static_cast<size_t>(files_));
   l.volume.reset();
   EXPECT_EQ(img.descriptorValue(0, kUsed), 0u);
-  EXPECT_TRUE(velt::test::fsckShowsOnlyReservedFiles(*card));
+  EXPECT_TRUE(fsckShowsOnlyReservedFiles(*card));
 }
+
+}  // namespace
+}  // namespace velt::test
