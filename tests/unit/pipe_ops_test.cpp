@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fake_driver.h"
@@ -24,11 +25,6 @@ uint8_t pattern(int64_t i) {
   return static_cast<uint8_t>((i * 7 + (i >> 8)) & 0xFF);
 }
 
-bool sameHeader(const DirectHeader& a, const DirectHeader& b) {
-  return a.length == b.length && a.fd == b.fd && a.op == b.op && a.offset == b.offset &&
-         a.param == b.param;
-}
-
 }  // namespace
 
 TEST(PipeWire, HeaderWriteParameterAndSpliceBytes) {
@@ -41,7 +37,9 @@ TEST(PipeWire, HeaderWriteParameterAndSpliceBytes) {
   EXPECT_EQ(0, memcmp(bytes, expect, sizeof(expect)));
   for (const DirectHeader& r : {h, DirectHeader{0xFFFFFFFF, INT32_MIN, 0xFFFFFFFF, INT64_MIN, 1}}) {
     encodeDirectHeader(r, bytes);
-    EXPECT_TRUE(hasDirectMarker(bytes) && sameHeader(decodeDirectHeader(bytes), r));
+    const DirectHeader b = decodeDirectHeader(bytes);
+    EXPECT_TRUE(hasDirectMarker(bytes) && b.length == r.length && b.fd == r.fd && b.op == r.op &&
+                b.offset == r.offset && b.param == r.param);
   }
   static_assert(directWriteParam(16, kDirectFlagSecure) == 0x00080010);
   EXPECT_EQ(directWriteNewSizeOffset(0x00080010), 16u);
@@ -142,21 +140,18 @@ struct Queues {
 TEST(PipeQueue, EachRequestGoesToItsQueue) {
   Queues q;
   const auto C = &q.v.control_requests_, N = &q.v.normal_requests_, E = &q.v.event_requests_;
-  const struct {
-    uint32_t op;
-    int32_t param;
-    std::list<VELTWorkItem*>* queue;
-  } rows[] = {{kDirectOpOpen, 3, C},        {kDirectOpCreate, 0, C},
-              {kDirectOpClose, 0, N},       {kDirectOpClose, kDirectFlagEvent, E},
-              {kDirectOpWriteEvent, 0, E},  {kDirectOpReadEvent, 0, E},
-              {kDirectOpSpliceEvent, 0, E}, {kDirectOpWrite, 0, N},
-              {kDirectOpError, 0, N},       {kDirectOpRead, 0, N},
-              {kDirectOpGetRealSize, 0, N}, {kDirectOpGetSize, 0, N},
-              {kDirectOpSplice, 0, N},      {77, 0, N}};
+  const std::tuple<uint32_t, int32_t, std::list<VELTWorkItem*>*> rows[] = {
+      // op, param, queue{kDirectOpOpen, 3, C},        {kDirectOpCreate, 0, C},
+      {kDirectOpClose, 0, N},       {kDirectOpClose, kDirectFlagEvent, E},
+      {kDirectOpWriteEvent, 0, E},  {kDirectOpReadEvent, 0, E},
+      {kDirectOpSpliceEvent, 0, E}, {kDirectOpWrite, 0, N},
+      {kDirectOpError, 0, N},       {kDirectOpRead, 0, N},
+      {kDirectOpGetRealSize, 0, N}, {kDirectOpGetSize, 0, N},
+      {kDirectOpSplice, 0, N},      {77, 0, N}};
   int fd = 10;
-  for (const auto& r : rows) {
-    q.queue(++fd, r.op, 0, r.param, 0);
-    EXPECT_TRUE(!r.queue->empty() && r.queue->back()->fd_ == fd) << "op " << r.op;
+  for (const auto& [op, param, queue] : rows) {
+    q.queue(++fd, op, 0, param, 0);
+    EXPECT_TRUE(!queue->empty() && queue->back()->fd_ == fd) << "op " << op;
   }
   uint32_t normal = 0, event = 0;
   q.v.getDirectQueueLengths(&normal, &event);
@@ -181,15 +176,9 @@ TEST(PipeQueue, ContiguousWritesMergeIntoOneCardWrite) {
   }
   EXPECT_EQ(q.fetch(), nullptr);
 
-  const struct {
-    const char* what;
-    int32_t fd;
-    uint32_t op;
-    int64_t offset;
-    uint32_t first_size;
-    size_t queued;     // items in the first write's queue afterwards
-    bool first_ready;  // ready bit set on the first write
-  } rows[] = {
+  // A write of `first` bytes at 0, then one of 1,000: the items queued afterwards, and whether
+  // the first write was made ready.
+  const std::tuple<const char*, int32_t, uint32_t, int64_t, uint32_t, size_t, bool> rows[] = {
       {"contiguous", 5, kDirectOpWrite, 1000, 1000, 1, false},
       {"gap", 5, kDirectOpWrite, 1001, 1000, 2, true},
       {"overlap", 5, kDirectOpWrite, 999, 1000, 2, true},
@@ -198,46 +187,40 @@ TEST(PipeQueue, ContiguousWritesMergeIntoOneCardWrite) {
       {"merged length 0xFFFFF", 5, kDirectOpWrite, 0xFFFFF - 1000, 0xFFFFF - 1000, 1, false},
       {"merged length 0x100000", 5, kDirectOpWrite, 0xFFFFF - 999, 0xFFFFF - 999, 2, true},
   };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.what);
+  for (const auto& [what, fd, op, offset, size, queued, ready] : rows) {
     Queues q;
-    VELTWorkItem* first = q.queue(5, kDirectOpWrite, 0, 0, r.first_size, 1);
-    q.queue(r.fd, r.op, r.offset, 0, 1000, 2);
-    EXPECT_EQ(q.v.normal_requests_.size(), r.queued);
-    EXPECT_EQ((first->param_ & kDirectFlagReady) != 0, r.first_ready);
-    const bool merged = r.queued == 1 && r.op == kDirectOpWrite;
-    EXPECT_EQ(first->size_, r.first_size + (merged ? 1000 : 0));
+    VELTWorkItem* first = q.queue(5, kDirectOpWrite, 0, 0, size, 1);
+    q.queue(fd, op, offset, 0, 1000, 2);
+    EXPECT_EQ(q.v.normal_requests_.size(), queued) << what;
+    EXPECT_EQ((first->param_ & kDirectFlagReady) != 0, ready) << what;
+    const bool merged = queued == 1 && op == kDirectOpWrite;
+    EXPECT_EQ(first->size_, size + (merged ? 1000 : 0)) << what;
   }
 }
 
 TEST(PipeQueue, GrowingWritesWaitTheirWindow) {
-  const struct {
-    const char* what;
-    uint64_t age;  // microseconds since the last append
-    int32_t flags;
-    bool stop, taken;
-    bool trickle = false;  // appended every 10 ms until then: only its age since creation counts
-  } rows[] = {
-      {"10 ms old", 10000, 0, false, false},
-      {"just inside the window", kDirectGrowUs - 1, 0, false, false},
-      {"window over", kDirectGrowUs, 0, false, true},
-      {"ready", 0, kDirectFlagReady, false, true},
-      {"stopping", 0, 0, true, true},
+  // Microseconds since the last append, flags, stopping, taken, and whether it was appended
+  // to every 10 ms until then (a trickle: only its age since creation counts).
+  const std::tuple<const char*, uint64_t, int32_t, bool, bool, bool> rows[] = {
+      {"10 ms old", 10000, 0, false, false, false},
+      {"just inside the window", kDirectGrowUs - 1, 0, false, false, false},
+      {"window over", kDirectGrowUs, 0, false, true, false},
+      {"ready", 0, kDirectFlagReady, false, true, false},
+      {"stopping", 0, 0, true, true, false},
       {"trickle at its maximum age", 1000000, 0, false, true, true},
       {"trickle just below it", 999999, 0, false, false, true},
   };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.what);
+  for (const auto& [what, age, flags, stop, taken, trickle] : rows) {
     for (uint32_t op : {kDirectOpWrite, kDirectOpWriteEvent}) {
       Queues q;
-      q.queue(5, op, 0, r.flags, 100);
-      for (uint64_t t = 10000; r.trickle && t + 10000 <= r.age; t += 10000) {
+      q.queue(5, op, 0, flags, 100);
+      for (uint64_t t = 10000; trickle && t + 10000 <= age; t += 10000) {
         q.now += 10000;
         q.queue(5, op, static_cast<int64_t>(100 * t / 10000), 0, 100);
       }
-      q.now = 1000000 + r.age;
-      q.v.direct_stop_ = r.stop;
-      EXPECT_EQ(q.fetch() != nullptr, r.taken) << "op " << op;
+      q.now = 1000000 + age;
+      q.v.direct_stop_ = stop;
+      EXPECT_EQ(q.fetch() != nullptr, taken) << what << ", op " << op;
     }
   }
 }
@@ -245,31 +228,20 @@ TEST(PipeQueue, GrowingWritesWaitTheirWindow) {
 TEST(PipeQueue, AGrowingWriteHoldsBackOnlyTheRequestsOfItsOwnFile) {
   // A growing write of file 5, then the requests listed: the files taken while the write still
   // grows, then those taken once it is due, in order.
-  const struct {
-    const char* what;
-    std::vector<std::pair<int32_t, uint32_t>> behind;  // fd, op
-    const char *now, *later;
-  } rows[] = {
-      {"other files go past", {{6, kDirectOpGetSize}, {7, kDirectOpRead}}, "6 7", "5"},
-      {"a request about the file ends its growth",
-       {{5, kDirectOpGetSize}, {6, kDirectOpGetSize}},
-       "5 5 6",
-       ""},
-      {"a growing write of another file holds back that file only",
-       {{6, kDirectOpWrite}, {7, kDirectOpClose}},
-       "7",
-       "5 6"},
-      {"nothing goes past to a splice", {{6, kDirectOpSplice}, {7, kDirectOpGetSize}}, "", "5 6 7"},
+  const std::tuple<int32_t, uint32_t, int32_t, uint32_t, const char*, const char*> rows[] = {
+      {6, kDirectOpGetSize, 7, kDirectOpRead, "6 7", "5"},      // other files go past
+      {5, kDirectOpGetSize, 6, kDirectOpGetSize, "5 5 6", ""},  // a request ends its growth
+      {6, kDirectOpWrite, 7, kDirectOpClose, "7", "5 6"},  // another growing file: that one only
+      {6, kDirectOpSplice, 7, kDirectOpGetSize, "", "5 6 7"},  // nothing goes past to a splice
   };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.what);
+  for (const auto& [fd1, op1, fd2, op2, now, later] : rows) {
     Queues q;
     q.queue(5, kDirectOpWrite, 0, 0, 10);
-    int64_t offset = 1000;
-    for (auto [fd, op] : r.behind) q.queue(fd, op, offset += 1000, 0, 16);
-    EXPECT_EQ(q.taken(), r.now);
+    q.queue(fd1, op1, 2000, 0, 16);
+    q.queue(fd2, op2, 3000, 0, 16);
+    EXPECT_EQ(q.taken(), now) << fd1 << " " << op1 << ", " << fd2 << " " << op2;
     q.now += kDirectGrowUs;
-    EXPECT_EQ(q.taken(), r.later);
+    EXPECT_EQ(q.taken(), later) << fd1 << " " << op1 << ", " << fd2 << " " << op2;
   }
   // A continuation sent after a read about its file is not merged in front of the read; a close
   // ends the growth of the continuation, not that of another file's write.
