@@ -42,9 +42,9 @@ struct PowerCut {};  // thrown out of a workload once the card has lost power
 
 // What the workload was promised, kept as it runs.
 struct Promises {
-  std::map<std::string, std::string> synced;     // path -> bytes fsync confirmed (a prefix)
-  std::map<std::string, std::string> published;  // reserved-folder recordings
-  std::set<std::string> present, absent;         // a rename returned: new name there, old gone
+  // path -> bytes that fsync, a commit or a publication confirmed (a prefix of the file)
+  std::map<std::string, std::string> synced;
+  std::set<std::string> present, absent;  // a rename returned: new name there, old gone
   struct InFlight {
     std::string from, to;
     bool replaces;  // `to` existed: until the rename is done both names stand
@@ -58,7 +58,6 @@ struct Promises {
     synced.erase(path);
     present.erase(path);
     absent.erase(path);
-    published.erase(path);
   }
 };
 
@@ -113,7 +112,6 @@ class Session {
     fuse_file_info fi = info(f);
     check(VELTFuse::__fsync(f.path.c_str(), 0, &fi), "fsync " + f.path);
     p.synced[f.path] = f.data;
-    if (volume_->isInVELTFolder(volume_->findEntry(f.path.c_str()))) p.published[f.path] = f.data;
   }
   void close(Open& f) {
     fuse_file_info fi = info(f);
@@ -177,7 +175,7 @@ class Session {
     check();
     if (reply != nullptr && reply->param_ < 0) throw std::runtime_error("channel write " + path);
     *data += bytes;
-    if (publish) p.published[path] = *data;
+    if (publish) p.synced[path] = *data;
   }
   void channelClose(int fd) {
     run(fd, kDirectOpClose, 0, 0, nullptr, 0);
@@ -398,9 +396,6 @@ std::string judge(const std::shared_ptr<CardBytes>& card, const CardImage& image
   if (v == nullptr) return problems + "the card does not load: " + std::to_string(error) + "\n";
   for (const auto& [path, want] : p.synced) {
     if (!holds(*v, path, want)) problems += path + ": fsync'd content lost or changed\n";
-  }
-  for (const auto& [path, want] : p.published) {
-    if (!holds(*v, path, want)) problems += path + ": published recording lost or changed\n";
   }
   for (const auto& [path, wants] : p.versions) {
     std::string got;

@@ -4,42 +4,41 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "fs/velt_dirent.h"
 
 namespace velt_test {
 
+namespace {
+
+// The sectors a request moves: the next queued answer (<= 0: a failure), at most `count`.
+int answer(std::deque<int>* answers, int count) {
+  if (answers->empty()) return count;
+  const int n = answers->front();
+  answers->pop_front();
+  return std::min(n, count);
+}
+
+}  // namespace
+
 int FakeDriver::readSectors(uint32_t start, int count, void* buffer) {
   requests.push_back({'r', start, count});
-  int answer = count;
-  if (!read_answers_.empty()) {
-    answer = read_answers_.front();
-    read_answers_.pop_front();
-  }
-  if (answer < 1) return answer;
-  if (answer > count) answer = count;
-  size_t from = static_cast<size_t>(start) * 512;
-  size_t bytes = static_cast<size_t>(answer) * 512;
-  if (from + bytes > data_.size()) return -1;
+  const int n = answer(&read_answers_, count);
+  const size_t from = static_cast<size_t>(start) * 512, bytes = static_cast<size_t>(n) * 512;
+  if (n < 1 || from + bytes > data_.size()) return n < 1 ? n : -1;
   memcpy(buffer, data_.data() + from, bytes);
-  return answer;
+  return n;
 }
 
 int FakeDriver::writeSectors(uint32_t start, int count, const void* buffer) {
   requests.push_back({'w', start, count});
-  int answer = count;
-  if (!write_answers_.empty()) {
-    answer = write_answers_.front();
-    write_answers_.pop_front();
-  }
-  if (answer < 1) return answer;
-  if (answer > count) answer = count;
-  size_t from = static_cast<size_t>(start) * 512;
-  size_t bytes = static_cast<size_t>(answer) * 512;
-  if (from + bytes > data_.size()) return -1;
+  const int n = answer(&write_answers_, count);
+  const size_t from = static_cast<size_t>(start) * 512, bytes = static_cast<size_t>(n) * 512;
+  if (n < 1 || from + bytes > data_.size()) return n < 1 ? n : -1;
   memcpy(data_.data() + from, buffer, bytes);
-  return answer;
+  return n;
 }
 
 FakeVolume::FakeVolume(uint32_t sectors) {

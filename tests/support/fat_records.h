@@ -71,7 +71,6 @@ class FatImage {
   int64_t fsinfoOffset(bool backup = false) const {
     return part_ + static_cast<int64_t>(backup ? backup_ + 1 : fsinfo_) * bps_;
   }
-  uint32_t fsinfoFree() const { return getLe(read(fsinfoOffset() + 488, 4), 0, 4); }
   // Field of reserved-folder descriptor `i` of the format information (offset in the descriptor).
   int64_t descriptorField(int i, int field, bool backup = false) const {
     return fsinfoOffset(backup) + 4 + 36 + 52 * i + field;
