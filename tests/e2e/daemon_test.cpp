@@ -25,10 +25,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string q(const std::string& s) {
-  return shellQuote(s);
-}
-
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }

@@ -22,14 +22,16 @@ inline unsigned envNumber(const char* name, unsigned fallback) {
                                           : fallback;
 }
 
+inline std::string q(const std::string& s) {
+  return shellQuote(s);
+}
+
 inline std::string cardKindParamName(const ::testing::TestParamInfo<CardKind>& info) {
   return info.param == CardKind::kPlain ? "plain" : "velt";
 }
 
 class MountedCard {
  public:
-  static constexpr const char* kReservedFolder = "REC";
-
   // Makes the card and mounts it; false with the reason in error() when either fails.
   bool start(CardKind kind, const std::vector<std::string>& args = {}) {
     kind_ = kind;
@@ -42,7 +44,7 @@ class MountedCard {
     if (kind == CardKind::kVelt) {
       ShellResult r = runShell("VELT_ROOT=" + shellQuote(card_->root()) + " " +
                                shellQuote(std::string(VELT_BINARY_DIR) + "/mkfs.velt") + " " +
-                               card_->devicePath() + " " + kReservedFolder + ":5:4");
+                               card_->devicePath() + " REC:5:4");
       if (r.status != 0) return error_ = "mkfs.velt: " + r.out + r.err, false;
     }
     std::filesystem::create_directories(mountPoint());

@@ -18,10 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string q(const std::string& s) {
-  return shellQuote(s);
-}
-
 // Runs a shell command that must succeed without a word on standard error.
 std::string mustRun(const std::string& command) {
   ShellResult r = runShell(command);

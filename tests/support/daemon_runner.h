@@ -88,9 +88,7 @@ class DaemonRunner {
   // The next start keeps the program's name in the mount table.
   void keepDefaultName() { default_name_ = true; }
 
-  bool running() const { return pid_ > 0; }
   pid_t pid() const { return pid_; }
-  const std::string& mountPoint() const { return mount_point_; }
   // Everything the daemon wrote so far.
   std::string out() const { return readFileBytes(logs_.path() + "/stdout"); }
   std::string err() const { return readFileBytes(logs_.path() + "/stderr"); }
