@@ -139,7 +139,6 @@ TEST(PipeChannel, HostileClientIsAnsweredOrIgnoredAndTheNextClientIsServed) {
                   static_cast<int32_t>(r.header.param) == -EBADF);
       answered.push_back(r.header.fd);
     }
-    std::sort(fds.begin(), fds.end());
     EXPECT_TRUE(std::is_permutation(answered.begin(), answered.end(), fds.begin(), fds.end()));
     EXPECT_EQ(log.count("data sync broken!"), junk_blocks);
     EXPECT_EQ(log.count("data synced."), 1 + junk_blocks);
@@ -167,8 +166,7 @@ TEST(PipeChannel, HostileClientIsAnsweredOrIgnoredAndTheNextClientIsServed) {
   // The next client is served from a clean start, and is the only one.
   DirectClient good, second;
   ASSERT_EQ(good.connect(5000), 0);
-  EXPECT_EQ(second.connect(1000), -EBUSY);
-  EXPECT_FALSE(second.connected());
+  EXPECT_TRUE(second.connect(1000) == -EBUSY && !second.connected());
   const int fd = good.create("/after.bin", 0, 5000);
   writePattern(good, fd, 10000, 10000);
   EXPECT_EQ(good.getSize(fd + 1000, false, 5000), -EBADF);
@@ -184,7 +182,6 @@ TEST(PipeChannel, ClientsThatDieLoseNothingRepliesWaitForAReaderAndStopIsBounded
   Channel ch;
   ASSERT_EQ(ch.v->startDirectWriter(), 0);
   EXPECT_EQ(ch.v->startDirectWriter(), -1);
-  EXPECT_EQ(log.count("direct pipe reader already started"), 1);
   struct stat st;
   ASSERT_EQ(stat((ch.dir + "/tmp/veltw").c_str(), &st), 0);
   EXPECT_TRUE(S_ISFIFO(st.st_mode) && (st.st_mode & 0777) == 0666u) << st.st_mode;
@@ -197,12 +194,10 @@ TEST(PipeChannel, ClientsThatDieLoseNothingRepliesWaitForAReaderAndStopIsBounded
     auto h = headerBytes(28, unknown, kDirectOpGetRealSize);
     ASSERT_EQ(write(requests, h.data(), h.size()), 28);
   }
-  auto queued = [&] {
+  EXPECT_TRUE(waitUntil([&] {
     std::lock_guard<std::mutex> lock(ch.v->response_mutex_);
-    return ch.v->responses_.size();
-  };
-  EXPECT_TRUE(waitUntil([&] { return queued() >= 3; }));
-  EXPECT_EQ(queued(), 3u);
+    return ch.v->responses_.size() == 3;
+  }));
   EXPECT_FALSE(ch.v->responder_open_);
   const int64_t total = 3 * kMiB + 1234;
   std::shared_ptr<VELT::File> fuse_file;
