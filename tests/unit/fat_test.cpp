@@ -125,8 +125,7 @@ TEST(Format, GeometryByPartitionSize) {
     p.total_sectors = sectors;
   };
   velt::PBR pbr(&v, 1);
-  // The table's cluster size, halved on small partitions until FAT32's minimum cluster count
-  // is reached; a partition too small even for one-sector clusters is refused.
+  // The table's cluster size, halved until FAT32's minimum cluster count is reached, or refused.
   const uint32_t smallest = velt::PBR::minimumFAT32Sectors();
   struct Row {
     uint64_t sectors;

@@ -30,8 +30,7 @@ std::vector<uint8_t> bytes(size_t n, uint8_t seed) {
 }
 uint8_t patternByte(int64_t i) { return static_cast<uint8_t>(i * 131 + (i >> 9) * 7); }
 
-// A formatted 8 MiB fake card with a root entry, without a cache (every write reaches the
-// driver at once).
+// A formatted 8 MiB fake card with a root entry, without a cache (writes reach the driver).
 struct Card {
   velt_test::FakeVolume f{16384};
   velt::VELT& v = *f.volume;

@@ -33,6 +33,8 @@ TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
     EXPECT_EQ(velt::isValidFileName(name), long_ok) << name;
     EXPECT_EQ(velt::isValidShortName(name), short_ok) << name;
   }
+  // A checksum mtools wrote into the long-name records of this short name.
+  EXPECT_EQ(velt::shortNameChecksum(reinterpret_cast<const uint8_t*>("MYDOCU~1DOC")), 0x9B);
   for (auto [short_name, expected] : {std::pair<const char*, std::string>{"README.TXT", "README  TXT"},
                                       {"ABCDEFGHIJKLM", "ABCDEFGHIJK"}, {"A.TEXT", "A       TEX"},
                                       {"LONGBASE1.TX", "LONGBASETX "}, {"A.B.C", "A.B     C  "},
