@@ -476,14 +476,14 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
       auto fsck = card.fsck("-n");
       EXPECT_EQ(fsck.status, 0) << fsck.out;
     }
-    for (const std::string& f : kFiles) {
-      EXPECT_TRUE(row.changed.count(f) || card.type("/" + f) == contentOf(f)) << f;
-    }
-    if (row.velt && row.changed.count(kRecording) == 0) {
-      EXPECT_TRUE(card.type(std::string("/") + kRecording) == recording);
-    }
-    if (row.velt) {
-      EXPECT_TRUE(card.type(std::string("/") + kLongFile).substr(0, 3000) == contentOf(kLongFile));
+    // Every file the damage spared reads back (of the long file, its start).
+    std::vector<std::string> spared = kFiles;
+    if (row.velt) spared.insert(spared.end(), {kRecording, kLongFile});
+    for (const std::string& f : spared) {
+      if (row.changed.count(f) != 0) continue;
+      std::string got = card.type("/" + f);
+      if (f == kLongFile) got.resize(std::min<size_t>(got.size(), 3000));
+      EXPECT_TRUE(got == (f == kRecording ? recording : contentOf(f))) << f;
     }
   }
 }
