@@ -50,9 +50,14 @@ TEST(FsckVeltTool, FindsAndRepairsWhatTheMountWould) {
              break;
            }
          }
-         auto lfn = lfnRecords("xxxxxxxxxxxxxxx", 0x5A);  // no short name has this checksum
-         img.putRecord(at, lfn[0]);
-         img.putRecord(at + 32, lfn[1]);
+         for (int seq : {0x42, 0x01}) {
+           std::string r(32, '\0');
+           r[0] = static_cast<char>(seq);
+           r[1] = 'x';
+           r[11] = 0x0F;
+           r[13] = 0x5A;  // the checksum of no short name here
+           img.putRecord(at + (seq == 0x01) * 32, r);
+         }
        },
        "/: 2 long-name records without their entry removed"},
       {"free count in FSInfo wrong, checked as a partition alone",
