@@ -204,13 +204,19 @@ static int growEntry(VELT& velt, VELT::DirEntry& entry, int64_t size) {
   return r;
 }
 
+// A recording: taken over in this session, or loaded from the card inside a reserved folder
+// (its record spans the whole reserved file, which it must keep).
+static bool inReservedFolder(VELT& velt, const VELT::DirEntry& entry) {
+  return entry.is_reserved_ || (!entry.is_dir_ && velt.entryToVELTFolder(&entry) != nullptr);
+}
+
 int truncateEntry(VELT& velt, VELT::DirEntry& entry, int64_t size) {
   if (velt.pbr_ == nullptr || velt.pbr_->cluster_length_ == 0) return -ENODEV;
   if (entry.is_dir_) return -EISDIR;
   if (!entry.isArchive()) return -EINVAL;
   if (size < 0) return -EINVAL;
   if (size > 0xFFFFFFFFll) return -EFBIG;
-  if (entry.is_reserved_) {
+  if (inReservedFolder(velt, entry)) {
     // A reserved file keeps its clusters and its whole size on the card; only a fresh start of
     // its recording is allowed: the data written so far counts for nothing.
     if (size != 0) return std::atomic_ref<int64_t>(entry.size_).load() == size ? 0 : -EPERM;
@@ -250,7 +256,7 @@ int allocateEntry(VELT& velt, VELT::DirEntry& entry, int64_t end) {
   const int64_t cluster_length = velt.pbr_->cluster_length_;
   const int64_t clusters = (end + cluster_length - 1) / cluster_length;
   if (entry.loadClusterMap() < 0) return -EIO;
-  if (entry.is_reserved_) {
+  if (inReservedFolder(velt, entry)) {
     // A reserved file has its clusters already; it cannot take more.
     return clusters <= static_cast<int64_t>(entry.cluster_map_.size()) ? 0 : -EPERM;
   }

@@ -74,6 +74,9 @@ class ReservedModel {
       const std::string to = rng() % 2 ? rec_ + prefix + "renamed.avi" : card_.path("out.avi");
       EXPECT_EQ(rename(path.c_str(), to.c_str()), -1) << mine;
       EXPECT_TRUE(errno == EPERM || errno == ENOENT) << mine << ": " << strerror(errno);
+      // A recording keeps its whole reserved file, also once loaded again from the card.
+      EXPECT_EQ(truncate(path.c_str(), 100), -1) << mine;
+      EXPECT_TRUE(errno == EPERM || errno == ENOENT) << mine << ": " << strerror(errno);
     } else if (op == 3) {
       const struct timespec times[2] = {{1500000000, 0}, {1500000000, 0}};
       int r = utimensat(AT_FDCWD, path.c_str(), times, 0);
