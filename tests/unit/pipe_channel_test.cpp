@@ -65,7 +65,7 @@ void expectError(DirectClient& client, int32_t fd, int err, int64_t offset = -1)
 
 template <typename Done>
 bool waitUntil(Done done) {
-  for (const auto end = Clock::now() + std::chrono::seconds(10); !done();) {
+  for (const auto end = Clock::now() + std::chrono::seconds(30); !done();) {
     if (Clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
