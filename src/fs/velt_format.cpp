@@ -1,12 +1,13 @@
 // Laying down the VELT layout on a volume opened for formatting: reserved-folder sizes from the
 // free space, the boot-record mark, the rebuilt root and FAT, the MBR and the boot sectors.
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "fs/velt.h"
@@ -60,10 +61,22 @@ bool sameFile(const std::string& a, const std::string& b) {
   return a == b;
 }
 
+// Empty when it cannot be read whole: a process's files under /proc vanish when it exits, and
+// a read then fails (ESRCH) halfway.
 std::string readWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::string();
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::string();
+  std::string out;
+  char chunk[4096];
+  for (;;) {
+    ssize_t n = read(fd, chunk, sizeof(chunk));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) out.clear();
+    if (n <= 0) break;
+    out.append(chunk, static_cast<size_t>(n));
+  }
+  close(fd);
+  return out;
 }
 
 }  // namespace
