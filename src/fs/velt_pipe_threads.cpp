@@ -351,6 +351,10 @@ int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
     }
     if (target != nullptr) {
       int r = in.payload(target->data_ + at, payload);
+      // Woken only when the write is due: otherwise the worker already waits for it. Decided
+      // under the same lock that ends the filling: once it is released the worker may take the
+      // write and free it.
+      bool due = r <= 0;
       {
         std::lock_guard<std::mutex> lock(v.request_mutex_);
         target->filling_ = false;
@@ -361,12 +365,7 @@ int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
           target->param_ |= param;
           target->updated_ = channelNow(v);
         }
-      }
-      // Woken only when the write is due: otherwise the worker already waits for it.
-      bool due = r <= 0;
-      if (!due) {
-        std::lock_guard<std::mutex> lock(v.request_mutex_);
-        due = !v.__mayGrow(target, channelNow(v));
+        if (!due) due = !v.__mayGrow(target, channelNow(v));
       }
       if (due) v.request_cv_.notify_one();
       return r > 0 ? 0 : -1;
