@@ -51,6 +51,11 @@ constexpr uint8_t kLfnLast = 0x40;  // added to the sequence of the record farth
 // Creation tenths (valid 0 to 199) of a file record that a replacing rename is moving onto another
 // record: where a cut leaves both pointing at one chain, the load keeps the other one.
 constexpr uint8_t kRenameSource = 0xFF;
+// Marks a short-name record deleted; the name's first letter survives in the creation tenths.
+inline void markDeleted(uint8_t* record, const char* short_name) {
+  record[kName] = DIR_ENTRY_DELETED;
+  record[kCreateTenths] = static_cast<uint8_t>(short_name[0]);
+}
 }  // namespace rec
 
 // Name rules, short names and FAT times (velt_dirent_names.cpp).

@@ -618,10 +618,7 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
     return -e;
   }
   child->fillRecord(record);  // byte 12 stays as read
-  record[rec::kName] = DIR_ENTRY_DELETED;
-  // The first letter survives deletion in the creation-time tenths.
-  record[rec::kCreateTenths] =
-      static_cast<uint8_t>(child->short_name_.empty() ? 0 : child->short_name_[0]);
+  rec::markDeleted(record, child->short_name_.c_str());
   child->keepRecord(record);
   if (velt_->write(record, DIR_RECORD_SIZE, child->dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
     int e = errno ? errno : EIO;

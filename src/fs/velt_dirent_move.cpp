@@ -189,8 +189,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
     if (changeEntryMapValue(child, old_off, old_name11[0], DIR_ENTRY_DELETED) < 0) {
       LOGE("moving \"%s\" changeEntryMapValue failed\n", child->getPath().c_str());
     }
-    old_record[rec::kName] = DIR_ENTRY_DELETED;
-    old_record[rec::kCreateTenths] = static_cast<uint8_t>(old_short.empty() ? 0 : old_short[0]);
+    rec::markDeleted(old_record, old_short.c_str());
     int result = 0;
     if (velt_->write(old_record, DIR_RECORD_SIZE, old_off, true) != DIR_RECORD_SIZE) {
       int e = errno ? errno : EIO;
@@ -312,8 +311,7 @@ int VELT::DirEntry::replaceChild(const std::shared_ptr<DirEntry>& child,
     if (changeEntryMapValue(child, src_off, src_name11[0], DIR_ENTRY_DELETED) < 0) {
       LOGE("replacing \"%s\" changeEntryMapValue failed\n", path.c_str());
     }
-    src_record[rec::kName] = DIR_ENTRY_DELETED;
-    src_record[rec::kCreateTenths] = static_cast<uint8_t>(src_short.empty() ? 0 : src_short[0]);
+    rec::markDeleted(src_record, src_short.c_str());
     if (velt_->write(src_record, DIR_RECORD_SIZE, src_off, true) != DIR_RECORD_SIZE) {
       result = failed("deleting the source's record");
     }
