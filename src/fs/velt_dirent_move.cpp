@@ -47,6 +47,14 @@ static void relinkDotDot(VELT* velt, VELT::DirEntry& dir, const VELT::DirEntry& 
   }
 }
 
+// The card offsets of an entry's long-name records, as far as they are known.
+static std::vector<int64_t> longNameOffsets(const VELT::DirEntry& entry) {
+  const int count = std::min<int>(entry.lfn_ent_count_, entry.lfn_disk_offsets_.size());
+  std::vector<int64_t> out;
+  for (int k = 0; k < count; ++k) out.push_back(entry.lfn_disk_offsets_[k]);
+  return out;
+}
+
 // Marks the records at `offsets` (long-name records of this directory) deleted, in the entry
 // map and on the card.
 static void deleteRecordsAt(VELT* velt, VELT::DirEntry& dir, const std::vector<int64_t>& offsets,
@@ -133,9 +141,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
     const int64_t old_off = child->dir_ent_disk_off_;
     const std::string old_name = child->name_;
     const std::string old_short(child->short_name_.c_str());
-    std::vector<int64_t> old_lfn;
-    for (int k = 0; k < std::min<int>(child->lfn_ent_count_, child->lfn_disk_offsets_.size()); ++k)
-      old_lfn.push_back(child->lfn_disk_offsets_[k]);
+    const std::vector<int64_t> old_lfn = longNameOffsets(*child);
     uint8_t old_record[DIR_RECORD_SIZE];
     child->buildRecord(old_record);
     const int32_t old_lfn_count = child->lfn_ent_count_;
@@ -287,15 +293,11 @@ int VELT::DirEntry::replaceChild(const std::shared_ptr<DirEntry>& child,
     // The target's name holds the file now: the entry takes the target's place in the tree.
     const uint32_t old_chain = target->start_cluster_;
     const std::string src_short(child->short_name_.c_str());
-    std::vector<int64_t> src_lfn;
-    for (int k = 0; k < std::min<int>(child->lfn_ent_count_, child->lfn_disk_offsets_.size()); ++k)
-      src_lfn.push_back(child->lfn_disk_offsets_[k]);
+    const std::vector<int64_t> src_lfn = longNameOffsets(*child);
     const std::string dst_name = target->name_;
     const std::string dst_short(target->short_name_.c_str());
     const int32_t dst_lfn_count = target->lfn_ent_count_;
-    std::vector<int64_t> dst_lfn;
-    for (int k = 0; k < std::min<int>(dst_lfn_count, target->lfn_disk_offsets_.size()); ++k)
-      dst_lfn.push_back(target->lfn_disk_offsets_[k]);
+    const std::vector<int64_t> dst_lfn = longNameOffsets(*target);
 
     removeChild(child, false);
     to_parent->removeChild(target, true);
