@@ -10,7 +10,6 @@
 #include <cstring>
 #include <functional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -60,30 +59,7 @@ void fillVelt(const CardImage& card) {
   card.put(std::string("/") + kLongFile, contentOf(kLongFile) + std::string(1536 << 10, 'L'));
   Loaded l = loadCard(card);
   ASSERT_EQ(l.error, 0) << l.log;
-  auto e = l.volume->newEntry(l.volume->findEntry("/REC"), "recording.avi", false);
-  ASSERT_NE(e, nullptr);
-  auto f = l.volume->newFile(false, true, true, e);
-  ASSERT_NE(f, nullptr);
-  const std::string data = contentOf(kRecording);
-  ASSERT_EQ(f->write(data.data(), data.size(), 0), static_cast<int>(data.size()));
-  ASSERT_EQ(e->secure2(), 0);
-  f->close();
-  l.volume->freeFile(f->file_no_);
-}
-
-// Lines by which a load tells that it repaired something.
-std::string repairLines(const std::string& log) {
-  std::string out, line;
-  std::istringstream in(log);
-  while (std::getline(in, line)) {
-    for (const char* mark : {"repair:", "modified, flush now", "mark deleted", "clear damaged"}) {
-      if (line.find(mark) != std::string::npos) {
-        out += line + "\n";
-        break;
-      }
-    }
-  }
-  return out;
+  publishRecording(*l.volume, "/REC", "recording.avi", contentOf(kRecording));
 }
 
 struct Ctx {
@@ -121,38 +97,28 @@ struct Ctx {
     }
     return -1;
   }
-  void setCluster(int64_t sfn, uint32_t c) const {
-    setField(sfn + 20, c >> 16, 2);
-    setField(sfn + 26, c & 0xFFFF, 2);
-  }
-  void setField(int64_t off, uint32_t v, int bytes) const {
-    std::string s(bytes, '\0');
-    putLe(&s, 0, v, bytes);
-    card.writeBytes(off, s);
-  }
   // Makes the root's record of `name` a folder record pointing at the file `file`.
   void folderInto(const std::string& name, const std::string& file) const {
     const int64_t sfn = root(name).sfn;
-    setCluster(sfn, cluster(file));
+    img.setFirstCluster(sfn, cluster(file));
     img.putByte(sfn + 11, 0x10);
-    setField(sfn + 28, 0, 4);
+    img.putField(sfn + 28, 0, 4);
   }
-  // The chain of reserved file `group` of REC (its short-name record's).
+  // The chain of reserved file `group` of REC.
   std::vector<uint32_t> reservedChain(int group) const {
-    const std::string r = img.record(img.records(cluster("REC"))[2 + 4 * group + 3]);
-    return img.chain((getLe(r, 20, 2) << 16) | getLe(r, 26, 2));
+    return img.chain(img.firstCluster(img.records(cluster("REC"))[2 + 4 * group + 3]));
   }
 };
 
+// A row's "what" names the VELT rows ("VELT card": the card holds the recording and the long
+// file, and fsck.fat is judged with its reserved files in mind) and the row served read-only.
 struct Row {
   const char* what;
+  const char* text;  // printed by the first mount (null: anything)
   std::function<void(Ctx&)> damage;
-  const char* text = nullptr;                       // printed by the first mount
+  const char* changed = nullptr;                    // the file the damage itself hit
   int refused = 0;                                  // the mount's result when it refuses the card
-  bool read_only = false;                           // served read-only, nothing written
-  std::set<std::string> changed = {};               // files the damage itself hit
   std::function<void(Ctx&, VELT&)> then = nullptr;  // work done on the mounted card
-  bool velt = false;  // a VELT card with a recording (judged with its reserved files in mind)
 };
 
 // Writes a file of 9000 bytes on the mounted card.
@@ -168,29 +134,31 @@ void writeAFile(Ctx&, VELT& v) {
 }
 
 std::vector<Row> rows() {
+  const char* another = "is another entry's";
+  const char* used = "runs into a cluster already used";
+  const char* no_dotdot = "had no \"..\" record";
   return {
-      {"boot sector with 513 bytes per sector", [](Ctx& c) { c.setField(c.boot() + 11, 513, 2); },
-       "PBR fields out of range"},
-      {"boot sector whose FSInfo sector is 0", [](Ctx& c) { c.setField(c.boot() + 48, 0, 2); },
-       "FSInfo at sector 0"},
-      {"boot sector whose root cluster points into a file",
-       [](Ctx& c) { c.setField(c.boot() + 44, c.cluster("alpha long name file.txt"), 4); },
-       "trying the backup"},
-      {"boot sector without its signature", [](Ctx& c) { c.setField(c.boot() + 510, 0, 2); },
-       "PBR primary damaged"},
-      {"boot sector and its backup without signature",
+      {"boot sector with 513 bytes per sector", "PBR fields out of range",
+       [](Ctx& c) { c.img.putField(c.boot() + 11, 513, 2); }},
+      {"boot sector whose FSInfo sector is 0", "FSInfo at sector 0",
+       [](Ctx& c) { c.img.putField(c.boot() + 48, 0, 2); }},
+      {"boot sector whose root cluster points into a file", "trying the backup",
+       [](Ctx& c) { c.img.putField(c.boot() + 44, c.cluster("alpha long name file.txt"), 4); }},
+      {"boot sector without its signature", "PBR primary damaged",
+       [](Ctx& c) { c.img.putField(c.boot() + 510, 0, 2); }},
+      {"boot sector and its backup without signature", "PBR backup signature failed",
        [](Ctx& c) {
-         for (int64_t sector : {0, 6}) c.setField(c.boot() + sector * 512 + 510, 0, 2);
+         for (int64_t sector : {0, 6}) c.img.putField(c.boot() + sector * 512 + 510, 0, 2);
        },
-       "PBR backup signature failed", kVELTBadPBR},
-      {"boot sector of a FAT16 (root entries)",
+       nullptr, kVELTBadPBR},
+      {"boot sector of a FAT16 (root entries)", "This partition is not type of FAT32!",
        [](Ctx& c) {
-         for (int64_t sector : {0, 6}) c.setField(c.boot() + sector * 512 + 17, 512, 2);
+         for (int64_t sector : {0, 6}) c.img.putField(c.boot() + sector * 512 + 17, 512, 2);
        },
-       "This partition is not type of FAT32!", kVELTBadPBR},
-      {"partition reaching past 2^32 sectors", [](Ctx& c) { c.setField(446 + 12, 0xFFFFFFFFu, 4); },
-       "beyond the 2^32 sectors", kVELTNoFAT32Partition},
-      {"backup FSInfo would land on the first FAT (mkfs.fat -R 8 -b 7)",
+       nullptr, kVELTBadPBR},
+      {"partition reaching past 2^32 sectors", "beyond the 2^32 sectors",
+       [](Ctx& c) { c.img.putField(446 + 12, 0xFFFFFFFFu, 4); }, nullptr, kVELTNoFAT32Partition},
+      {"backup FSInfo would land on the first FAT (mkfs.fat -R 8 -b 7)", nullptr,
        [](Ctx& c) {
          auto r =
              runShell("mkfs.fat -F 32 -s 1 -R 8 -b 7 --offset " + std::to_string(c.boot() / 512) +
@@ -198,57 +166,48 @@ std::vector<Row> rows() {
          ASSERT_EQ(r.status, 0) << r.out;
          fill(c.card);
        },
-       nullptr,
-       0,
-       false,
-       {},
+       nullptr, 0,
        [](Ctx&, VELT& v) {
          ASSERT_NE(v.newEntry(v.root_, "made after mount", true), nullptr);
          v.pbr_->updateFSInfo();  // as the front end's mkdir does
        }},
-      {"FSInfo and its backup without their signatures",
+      {"FSInfo and its backup without their signatures", "FSInfo rebuilt",
        [](Ctx& c) {
          for (bool backup : {false, true}) c.card.writeBytes(c.img.fsinfoOffset(backup), "XXXX");
-       },
-       "FSInfo rebuilt"},
-      {"FAT entries with their reserved top bits set",
+       }},
+      {"FAT entries with their reserved top bits set", nullptr,
        [](Ctx& c) {
          for (uint32_t cl : c.img.chain(c.delta())) c.img.setFat(cl, c.img.fat(cl) | 0xA0000000u);
          for (uint32_t cl : c.chain("charlie.txt")) c.img.setFat(cl, c.img.fat(cl) | 0x30000000u);
        },
-       nullptr,
-       0,
-       false,
-       {},
+       nullptr, 0,
        [](Ctx& c, VELT& v) {
          // The top bits stay when an entry is written again.
          ASSERT_NE(v.newEntry(v.root_, "written after", false), nullptr);
          EXPECT_EQ(v.pbr_->fat1_[c.cluster("charlie.txt")] >> 28, 3u);
        }},
-      {"FAT copies that differ",
+      {"FAT copies that differ", "clear damaged FATs",
        [](Ctx& c) {
-         c.setField(c.img.fatOffset(1, 1000), 0x0FFFFFF8, 4);
-         c.setField(c.img.fatOffset(1, c.cluster("charlie.txt")), 1001, 4);
-       },
-       "clear damaged FATs"},
-      {"first FAT unreadable in one sector, second intact",
+         c.img.putField(c.img.fatOffset(1, 1000), 0x0FFFFFF8, 4);
+         c.img.putField(c.img.fatOffset(1, c.cluster("charlie.txt")), 1001, 4);
+       }},
+      {"first FAT unreadable in one sector, second intact", "taken from FAT2",
        [](Ctx& c) {
          c.card.writeBytes(c.img.fatOffset(0, 0), std::string(512, '\x5A'));
          c.unreadable.insert(static_cast<uint32_t>(c.img.fatOffset(0, 0) / 512));
-       },
-       "taken from FAT2"},
+       }},
       {"first FAT all garbage (served read-only, nothing freed; the checker repairs it)",
+       "served read-only",
        [](Ctx& c) {
          const int64_t bytes = c.img.fatOffset(1, 0) - c.img.fatOffset(0, 0);
          c.card.writeBytes(c.img.fatOffset(0, 0), patternBytes(static_cast<size_t>(bytes), 99));
-       },
-       "served read-only", 0, true},
-      {"folder unreadable in one sector (the mount fails, nothing deleted)",
+       }},
+      {"folder unreadable in one sector (the mount fails, nothing deleted)", "read error",
        [](Ctx& c) {
          c.unreadable.insert(static_cast<uint32_t>(c.img.clusterOffset(c.delta()) / 512));
        },
-       "read error", kVELTNeedFormat},
-      {"lost chains no entry reaches, one a loop",
+       nullptr, kVELTNeedFormat},
+      {"lost chains no entry reaches, one a loop", nullptr,
        [](Ctx& c) {
          const uint32_t last = c.img.clusterCount() - 1;
          c.img.setFat(last - 1, last);
@@ -256,155 +215,99 @@ std::vector<Row> rows() {
          c.img.setFat(1000, 1001);
          c.img.setFat(1001, 1000);
        }},
-      {"folder record pointing at a file of the same folder",
+      {"folder record pointing at a file of the same folder", another,
        [](Ctx& c) { c.folderInto("foxtrot number one.txt", "alpha long name file.txt"); },
-       "is another entry's",
-       0,
-       false,
-       {"foxtrot number one.txt"}},
-      {"folder record pointing at a file deeper down",
+       "foxtrot number one.txt"},
+      {"folder record pointing at a file deeper down", "it is no folder",
        [](Ctx& c) { c.folderInto("alpha long name file.txt", "golf dir/note.txt"); },
-       "it is no folder",
-       0,
-       false,
-       {"alpha long name file.txt"}},
+       "alpha long name file.txt"},
       {"file chain ending in a free FAT entry (the next file written must not take it over)",
-       [](Ctx& c) { c.img.setFat(c.chain("charlie.txt").back(), 0); },
-       "runs into a free cluster",
-       0,
-       false,
-       {},
-       writeAFile},
-      {"file whose first cluster is out of range",
-       [](Ctx& c) { c.setCluster(c.root("README.TXT").sfn, 0x0FFFFF00); },
-       "cut to size 0",
-       0,
-       false,
-       {"README.TXT"}},
-      {"file chain looping back on itself",
+       "runs into a free cluster", [](Ctx& c) { c.img.setFat(c.chain("charlie.txt").back(), 0); },
+       nullptr, 0, writeAFile},
+      {"file whose first cluster is out of range", "cut to size 0",
+       [](Ctx& c) { c.img.setFirstCluster(c.root("README.TXT").sfn, 0x0FFFFF00); }, "README.TXT"},
+      {"file chain looping back on itself", used,
        [](Ctx& c) {
          auto chain = c.chain("bravo has a much longer name here.txt");
          c.img.setFat(chain.back(), chain.front());
-       },
-       "runs into a cluster already used"},
-      {"two files sharing a tail (cross-link)",
+       }},
+      {"two files sharing a tail (cross-link)", used,
        [](Ctx& c) {
          c.img.setFat(c.chain("foxtrot number two.txt")[2], c.chain("foxtrot number one.txt")[3]);
        },
-       "runs into a cluster already used",
-       0,
-       false,
-       {"foxtrot number two.txt"}},
-      {"file chain running into a bad cluster",
+       "foxtrot number two.txt"},
+      {"file chain running into a bad cluster", "runs into a bad cluster",
        [](Ctx& c) { c.img.setFat(c.chain("echo file with long name.txt")[1], 0x0FFFFFF7); },
-       "runs into a bad cluster",
-       0,
-       false,
-       {"echo file with long name.txt"}},
-      {"file size beyond its chain",
-       [](Ctx& c) { c.setField(c.root("charlie.txt").sfn + 28, 100000, 4); },
-       "is beyond its",
-       0,
-       false,
-       {"charlie.txt"}},
-      {"folder pointing at itself",
+       "echo file with long name.txt"},
+      {"file size beyond its chain", "is beyond its",
+       [](Ctx& c) { c.img.putField(c.root("charlie.txt").sfn + 28, 100000, 4); }, "charlie.txt"},
+      {"folder pointing at itself", another,
        [](Ctx& c) {
          std::string r = c.img.record(c.entry(c.delta(), "DEEPER").sfn);
          r.replace(0, 11, "SELF       ");
          const int64_t slot = c.freeSlot(c.delta());
          c.img.putRecord(slot, r);
-         c.setCluster(slot, c.delta());
-       },
-       "is another entry's"},
-      {"folder pointing at its parent",
-       [](Ctx& c) { c.setCluster(c.entry(c.delta(), "DEEPER").sfn, c.delta()); },
-       "is another entry's",
-       0,
-       false,
-       {"delta dir/deeper/leaf.txt"}},
-      {"two records sharing one chain (a rename cut short)",
+         c.img.setFirstCluster(slot, c.delta());
+       }},
+      {"folder pointing at its parent", another,
+       [](Ctx& c) { c.img.setFirstCluster(c.entry(c.delta(), "DEEPER").sfn, c.delta()); },
+       "delta dir/deeper/leaf.txt"},
+      {"two records sharing one chain (a rename cut short)", "is a second record",
        [](Ctx& c) {
          std::string r = c.img.record(c.root("README.TXT").sfn);
          r.replace(0, 11, "README2 TXT");
          c.img.putRecord(c.freeSlot(c.img.rootCluster()), r);
-       },
-       "is a second record"},
-      {"long name with a record missing",
+       }},
+      {"long name with a record missing", "invalid LFN order number seq 1",
        [](Ctx& c) {
          auto e = c.root("bravo has a much longer name here.txt");
          c.img.putRecord(e.lfn[1], c.img.record(e.lfn[0]));
          c.img.putByte(e.lfn[0], 0xE5);
        },
-       "invalid LFN order number seq 1",
-       0,
-       false,
-       {"bravo has a much longer name here.txt"}},
-      {"long name whose checksum does not match",
+       "bravo has a much longer name here.txt"},
+      {"long name whose checksum does not match", "LFN checksum error",
        [](Ctx& c) {
          for (int64_t off : c.root("alpha long name file.txt").lfn)
            c.img.putByte(off + 13, c.img.byteAt(off + 13) ^ 0x5A);
        },
-       "LFN checksum error",
-       0,
-       false,
-       {"alpha long name file.txt"}},
-      {"long name left behind its deleted name record",
+       "alpha long name file.txt"},
+      {"long name left behind its deleted name record", "orphaned long-name records",
        [](Ctx& c) { c.img.putByte(c.root("echo file with long name.txt").sfn, 0xE5); },
-       "orphaned long-name records",
-       0,
-       false,
-       {"echo file with long name.txt"}},
-      {"dot records pointing elsewhere",
+       "echo file with long name.txt"},
+      {"dot records pointing elsewhere", "pointed at cluster",
        [](Ctx& c) {
-         c.setCluster(c.img.records(c.delta())[1], 4321);
-         c.setCluster(c.img.records(c.deeper())[0], 99);
-       },
-       "pointed at cluster"},
-      {"folder without its dot records (a mkdir cut short)",
+         c.img.setFirstCluster(c.img.records(c.delta())[1], 4321);
+         c.img.setFirstCluster(c.img.records(c.deeper())[0], 99);
+       }},
+      {"folder without its dot records (a mkdir cut short)", no_dotdot,
        [](Ctx& c) {
          for (int i : {0, 1}) c.img.putRecord(c.img.records(c.deeper())[i], std::string(32, '\0'));
-       },
-       "had no \"..\" record"},
-      {"dot record with a file's attributes",
-       [](Ctx& c) { c.img.putByte(c.img.records(c.delta())[0] + 11, 0x20); },
-       "had no \".\" record"},
-      {"dot-dot record taken for a long-name record",
-       [](Ctx& c) { c.img.putByte(c.img.records(c.deeper())[1] + 11, 0x0F); },
-       "had no \"..\" record"},
-      {"name record in the dot-dot slot (the folder's records shifted)",
+       }},
+      {"dot record with a file's attributes", "had no \".\" record",
+       [](Ctx& c) { c.img.putByte(c.img.records(c.delta())[0] + 11, 0x20); }},
+      {"dot-dot record taken for a long-name record", no_dotdot,
+       [](Ctx& c) { c.img.putByte(c.img.records(c.deeper())[1] + 11, 0x0F); }},
+      {"name record in the dot-dot slot (the folder's records shifted)", "moved to slot",
        [](Ctx& c) {
          auto leaf = c.entry(c.deeper(), "leaf.txt");
          c.img.putRecord(c.img.records(c.deeper())[1], c.img.record(leaf.sfn));
          for (int64_t off : leaf.lfn) c.img.putByte(off, 0xE5);
          c.img.putByte(leaf.sfn, 0xE5);
-       },
-       "moved to slot"},
-      {"records flagged as having no short name (a file's, a dot record)",
+       }},
+      {"records flagged as having no short name (a file's, a dot record)", "flag cleared",
        [](Ctx& c) {
          c.img.putByte(c.root("README.TXT").sfn + 12, 0x20);
          c.img.putByte(c.img.records(c.deeper())[1] + 12, 0x20);
-       },
-       "flag cleared"},
-      {"FAT entry 0 damaged in the first copy",
-       [](Ctx& c) { c.setField(c.img.fatOffset(0, 0), 0x0FFFFF00, 4); }, "FAT entry 0 was"},
-      {"FAT entry 1 without its clean flags", [](Ctx& c) { c.img.setFat(1, 0x03FFFFFF); },
-       "FAT entry 1 was"},
+       }},
+      {"FAT entry 0 damaged in the first copy", "FAT entry 0 was",
+       [](Ctx& c) { c.img.putField(c.img.fatOffset(0, 0), 0x0FFFFF00, 4); }},
+      {"FAT entry 1 without its clean flags", "FAT entry 1 was",
+       [](Ctx& c) { c.img.setFat(1, 0x03FFFFFF); }},
       {"recording's chain running into a long file's (VELT card)",
-       [](Ctx& c) { c.img.setFat(c.reservedChain(0)[5], c.chain(kLongFile)[100]); },
        "recording in reserved file 1 is damaged",
-       0,
-       false,
-       {kRecording},
-       nullptr,
-       true},
-      {"free reserved file's chain running into a long file's (VELT card)",
-       [](Ctx& c) { c.img.setFat(c.reservedChain(1)[3], c.chain(kLongFile)[100]); },
-       "gets a new one",
-       0,
-       false,
-       {},
-       nullptr,
-       true},
+       [](Ctx& c) { c.img.setFat(c.reservedChain(0)[5], c.chain(kLongFile)[100]); }, kRecording},
+      {"free reserved file's chain running into a long file's (VELT card)", "gets a new one",
+       [](Ctx& c) { c.img.setFat(c.reservedChain(1)[3], c.chain(kLongFile)[100]); }},
   };
 }
 
@@ -423,7 +326,9 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
   for (const Row& row : rows()) {
     if (only != nullptr && strstr(row.what, only) == nullptr) continue;
     SCOPED_TRACE(row.what);
-    ASSERT_TRUE(card.copyFrom(row.velt ? pristine_velt : pristine));
+    const bool is_velt = strstr(row.what, "VELT card") != nullptr;
+    const bool read_only = strstr(row.what, "served read-only") != nullptr;
+    ASSERT_TRUE(card.copyFrom(is_velt ? pristine_velt : pristine));
     Ctx ctx{card, FatImage(card)};
     ASSERT_NO_FATAL_FAILURE(row.damage(ctx));
 
@@ -444,7 +349,7 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
       continue;
     }
     ASSERT_EQ(error, 0) << log;
-    EXPECT_EQ(v->read_only_.load(), row.read_only);
+    EXPECT_EQ(v->read_only_.load(), read_only);
     if (row.then) {
       ASSERT_NO_FATAL_FAILURE(row.then(ctx, *v));
     }
@@ -456,7 +361,7 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
       if (memcmp(disk->data() + at, damaged.data() + at, n) != 0)
         card.writeBytes(at, std::string(disk->begin() + at, disk->begin() + at + n));
     }
-    if (row.read_only) {
+    if (read_only) {
       EXPECT_TRUE(unchanged()) << "a card served read-only was written";
       // The checker is the way out: after it, the card mounts read-write like any other.
       auto repair =
@@ -468,19 +373,13 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
     ASSERT_EQ(again.error, 0) << again.log;
     EXPECT_FALSE(again.volume->read_only_.load());
     EXPECT_EQ(repairLines(again.log), "") << "the second mount repaired again";
-    if (row.velt) {
-      EXPECT_TRUE(fsckShowsOnlyReservedFiles(card, expectedReservedReport(*again.volume, card)));
-    }
+    EXPECT_TRUE(fsckShowsOnlyReservedFiles(card, expectedReservedReport(*again.volume, card)));
     again.volume.reset();
-    if (!row.velt) {
-      auto fsck = card.fsck("-n");
-      EXPECT_EQ(fsck.status, 0) << fsck.out;
-    }
     // Every file the damage spared reads back (of the long file, its start).
     std::vector<std::string> spared = kFiles;
-    if (row.velt) spared.insert(spared.end(), {kRecording, kLongFile});
+    if (is_velt) spared.insert(spared.end(), {kRecording, kLongFile});
     for (const std::string& f : spared) {
-      if (row.changed.count(f) != 0) continue;
+      if (row.changed != nullptr && f == row.changed) continue;
       std::string got = card.type("/" + f);
       if (f == kLongFile) got.resize(std::min<size_t>(got.size(), 3000));
       EXPECT_TRUE(got == (f == kRecording ? recording : contentOf(f))) << f;

@@ -134,18 +134,6 @@ int writeFile(const std::string& path, int64_t offset, const std::string& bytes,
   return closeFile(path, fi);
 }
 
-// Lines by which a load tells that it repaired something.
-std::string repairs(const std::string& log) {
-  std::istringstream in(log);
-  std::string out;
-  for (std::string line; std::getline(in, line);) {
-    for (const char* mark : {"repair:", "modified, flush now", "mark deleted", "clear damaged"}) {
-      if (line.find(mark) != std::string::npos) out += line + "\n";
-    }
-  }
-  return out;
-}
-
 // The card as the FAT tools see it, against the model: every file by its long name (`mdir -b`
 // lists some folders, not all) and its bytes.
 void judge(const CardImage& card, const Model& model) {
@@ -314,7 +302,7 @@ TEST(DirentCard, RandomOperationsLeaveACardTheFatToolsAgreeWith) {
       Loaded l = loadCard(card);
       ASSERT_EQ(l.error, 0) << l.log;
       if (round > 0) {
-        EXPECT_EQ(repairs(l.log), "") << "the load repaired a card we wrote";
+        EXPECT_EQ(repairLines(l.log), "") << "the load repaired a card we wrote";
         ASSERT_NO_FATAL_FAILURE(compareLoaded(*l.volume, m));
       }
       VELTFuse::setVolume(l.volume);

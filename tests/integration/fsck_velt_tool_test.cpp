@@ -18,12 +18,6 @@ std::string checksum(const std::string& path) {
   return runShell("md5sum < " + shellQuote(path)).out;
 }
 
-std::string le32Bytes(uint32_t v) {
-  std::string s(4, '\0');
-  putLe(&s, 0, v, 4);
-  return s;
-}
-
 TEST(FsckVeltTool, FindsAndRepairsWhatTheMountWould) {
   using Damage = std::function<void(const CardImage&, const FatImage&)>;
   struct Row {
@@ -61,9 +55,8 @@ TEST(FsckVeltTool, FindsAndRepairsWhatTheMountWould) {
        },
        "/: 2 long-name records without their entry removed"},
       {"free count in FSInfo wrong, checked as a partition alone",
-       [](const CardImage& card, const FatImage& img) {
-         card.writeBytes(img.fsinfoOffset() + 488, le32Bytes(12345));
-         card.writeBytes(img.fsinfoOffset(true) + 488, le32Bytes(12345));
+       [](const CardImage&, const FatImage& img) {
+         for (bool backup : {false, true}) img.putField(img.fsinfoOffset(backup) + 488, 12345, 4);
        },
        "FSInfo: free cluster count 12345 -> ", true},
   };

@@ -24,13 +24,6 @@ std::string checksum(const CardImage& card) {
   return runShell("md5sum < " + shellQuote(card.image())).out;
 }
 
-CardImage makeCard(bool fat32, int64_t size_mb) {
-  CardSpec spec;
-  spec.size_mb = size_mb;
-  spec.format = fat32;
-  return CardImage(spec);
-}
-
 // mtools as a user runs it: nothing relaxes its checks of the boot sector.
 ShellResult userMtools(const CardImage& card, const std::string& tool, const std::string& rest) {
   return runShell("env -u MTOOLS_SKIP_CHECK " + tool + " -i " + shellQuote(card.mtoolsImage()) +
@@ -46,55 +39,34 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
     const char* what;
     int64_t size_mb;
     Start start;
-    const char* args;
-    const char* boot;  // mark and label in the boot sector
-    uint32_t folders;
+    const char* args;                // each NAME:PERCENT:MB makes a folder
+    const char* boot;                // mark and label in the boot sector
     std::vector<std::string> lines;  // of the summary
   } rows[] = {
+      // clang-format off
       // 40% of 255 MiB in 8 MiB files, 20% in 4 MiB files; 1% cannot hold one 64 MiB file.
-      {"256 MiB, blank, three folders, label, mode P",
-       256,
-       kBlank,
-       "-L CAM -m P /dev/mmcblk0p1 REC:40:8 EVT:20:4 TINY:1:64",
-       "VELT1.0PCAM        ",
-       3,
+      {"256 MiB, blank, three folders, label, mode P", 256, kBlank,
+       "-L CAM -m P /dev/mmcblk0p1 REC:40:8 EVT:20:4 TINY:1:64", "VELT1.0PCAM        ",
        {"       REC   40%     8 MB #12  \n", "       EVT   20%     4 MB #12  \n",
         "      TINY    1%    64 MB #0   \n"}},
       // Both halves are taken of the whole free space, not of what the first one left.
-      {"1100 MiB, partition table only, two halves",
-       1100,
-       kPartitioned,
-       "/dev/mmcblk0p1 A:50:8 B:50:8",
-       "VELT1.0NNO NAME    ",
-       2,
+      {"1100 MiB, partition table only, two halves", 1100, kPartitioned,
+       "/dev/mmcblk0p1 A:50:8 B:50:8", "VELT1.0NNO NAME    ",
        {"disk size 1152385024 bytes (1099.00 MB, 1.07 GB)\n",
         "root size 0 bytes (0.00 MB, 0.00 GB)\n", "         A   50%     8 MB #68  \n",
         "         B   50%     8 MB #68  \n", "    (free)          11 MB\n"}},
-      {"2 GiB FAT32, root files kept",
-       2048,
-       kFat32,
-       "-k --mode n /dev/mmcblk0p1 rec:10:8",
-       "VELT1.0NNO NAME    ",
-       1,
-       {"       rec   10%     8 MB #25  \n"}},
-      {"2 GiB FAT32, formatted anew without folders",
-       2048,
-       kFat32,
-       "/dev/mmcblk0p1",
-       "VELT1.0NNO NAME    ",
-       0,
-       {}},
-      {"32 GiB, sparse",
-       32768,
-       kPartitioned,
-       "/dev/mmcblk0p1 REC:10:64",
-       "VELT1.0NNO NAME    ",
-       1,
+      {"2 GiB FAT32, root files kept", 2048, kFat32, "-k --mode n /dev/mmcblk0p1 rec:10:8",
+       "VELT1.0NNO NAME    ", {"       rec   10%     8 MB #25  \n"}},
+      {"2 GiB FAT32, formatted anew without folders", 2048, kFat32, "/dev/mmcblk0p1",
+       "VELT1.0NNO NAME    ", {}},
+      {"32 GiB, sparse", 32768, kPartitioned, "/dev/mmcblk0p1 REC:10:64", "VELT1.0NNO NAME    ",
        {"       REC   10%    64 MB #51  \n"}},
+      // clang-format on
   };
   for (const Row& c : rows) {
     SCOPED_TRACE(c.what);
-    CardImage card = makeCard(c.start == kFat32, c.size_mb);
+    CardImage card(CardSpec{.size_mb = c.size_mb, .format = c.start == kFat32});
+    const uint32_t folders = std::count(c.args, c.args + strlen(c.args), ':') / 2;
     ASSERT_TRUE(card.ok()) << card.error();
     if (c.start == kBlank) card.writeBytes(0, std::string(512, '\0'));
     if (c.start == kFat32) {
@@ -128,8 +100,8 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
     ASSERT_NE(l.volume, nullptr) << l.error << l.log;
     const PBR& pbr = *l.volume->pbr_;
     EXPECT_GE(pbr.num_clusters_ - 2, FAT32_MIN_CLUSTERS);
-    ASSERT_EQ(l.volume->format_info_.folder_count, c.folders);
-    for (uint32_t i = 0; i < c.folders; ++i) {
+    ASSERT_EQ(l.volume->format_info_.folder_count, folders);
+    for (uint32_t i = 0; i < folders; ++i) {
       const ReservedFolderDesc& desc = l.volume->format_info_.folders[i];
       auto folder = l.volume->findEntry((std::string("/") + desc.name).c_str());
       ASSERT_NE(folder, nullptr);
@@ -165,14 +137,12 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
 
 // Every refusal: exit code 1, one line on standard error, nothing on the card changed.
 TEST(MkfsVeltTool, RefusalsChangeNothing) {
-  CardImage card = makeCard(false, 64);
-  ASSERT_TRUE(card.ok()) << card.error();
-  // 32 MiB leaves a partition of 31 MiB: fewer than 65525 clusters even of one sector.
-  CardImage small = makeCard(false, 32);
-  ASSERT_TRUE(small.ok()) << small.error();
-  // Any program named velt.fuse with this card's VELT_ROOT stands for the daemon.
-  CardImage served = makeCard(false, 64);
-  ASSERT_TRUE(served.ok()) << served.error();
+  // 32 MiB leaves a partition of 31 MiB: fewer than 65525 clusters even of one sector. Any
+  // program named velt.fuse with the served card's VELT_ROOT stands for the daemon.
+  CardImage card(CardSpec{.size_mb = 64, .format = false}),
+      small(CardSpec{.size_mb = 32, .format = false}),
+      served(CardSpec{.size_mb = 64, .format = false});
+  ASSERT_TRUE(card.ok() && small.ok() && served.ok()) << card.error();
   const std::string fake = served.dir() + "/velt.fuse";
   ASSERT_EQ(runShell("cp \"$(command -v sleep)\" " + shellQuote(fake)).status, 0);
   const pid_t pid = atoi(runShell("VELT_ROOT=" + shellQuote(served.root()) + " " +
@@ -219,7 +189,8 @@ TEST(MkfsVeltTool, RefusalsChangeNothing) {
 
 // The in-use check behind the refusal, on made-up mount tables and process directories.
 TEST(MkfsVeltTool, InUseCheckFindsMountsAndDaemonsOfTheSameCard) {
-  CardImage card = makeCard(false, 64), other = makeCard(false, 64);
+  CardImage card(CardSpec{.size_mb = 64, .format = false}),
+      other(CardSpec{.size_mb = 64, .format = false});
   ASSERT_TRUE(card.ok() && other.ok()) << card.error();
   CardImage::RootScope scope(card);
   struct Row {

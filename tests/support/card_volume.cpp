@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sstream>
+
+#include "fs/velt_file.h"
 
 namespace velt::test {
 
@@ -45,6 +48,33 @@ int formatCard(const CardImage& card, const FormatInfo& info, uint32_t mode, con
   std::string printed = testing::internal::GetCapturedStdout();
   if (out != nullptr) *out = printed;
   return result;
+}
+
+std::string repairLines(const std::string& log) {
+  std::istringstream in(log);
+  std::string out;
+  for (std::string line; std::getline(in, line);) {
+    for (const char* mark : {"repair:", "modified, flush now", "mark deleted", "clear damaged",
+                             "unusable", "restored", "ended at", "mismatch", "FATAL"}) {
+      if (line.find(mark) != std::string::npos) {
+        out += line + "\n";
+        break;
+      }
+    }
+  }
+  return out;
+}
+
+void publishRecording(VELT& v, const char* folder, const std::string& name,
+                      const std::string& data) {
+  auto e = v.newEntry(v.findEntry(folder), name.c_str(), false);
+  ASSERT_NE(e, nullptr) << name;
+  auto f = v.newFile(false, true, true, e);
+  ASSERT_NE(f, nullptr) << name;
+  ASSERT_EQ(f->write(data.data(), data.size(), 0), static_cast<int>(data.size())) << name;
+  ASSERT_EQ(e->secure2(), 0) << name;
+  f->close();
+  v.freeFile(f->file_no_);
 }
 
 int clusterRuns(const VELT::DirEntry& e) {

@@ -33,6 +33,13 @@ FormatInfo formatInfo(std::initializer_list<FolderSpec> folders, uint32_t flags 
 int formatCard(const CardImage& card, const FormatInfo& info, uint32_t mode = kVELTFormatModeN,
                const char* label = nullptr, int extra = 0, std::string* out = nullptr);
 
+// The lines of a load's log by which it tells that it repaired something ("": nothing).
+std::string repairLines(const std::string& log);
+
+// Creates `name` in the reserved folder `folder` ("/REC"), writes `data` into it and publishes it.
+void publishRecording(VELT& v, const char* folder, const std::string& name,
+                      const std::string& data);
+
 // Number of contiguous runs in an entry's cluster map.
 int clusterRuns(const VELT::DirEntry& e);
 

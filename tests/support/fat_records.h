@@ -42,7 +42,7 @@ class FatImage {
     return getLe(read(fatOffset(copy, c), 4), 0, 4) & 0x0FFFFFFF;
   }
   void setFat(uint32_t c, uint32_t v) const {
-    for (uint32_t i = 0; i < fats_; ++i) putWord(fatOffset(i, c), v);
+    for (uint32_t i = 0; i < fats_; ++i) putField(fatOffset(i, c), v, 4);
   }
   // Stops at a free or reserved entry, an end mark, or after as many links as the volume has.
   std::vector<uint32_t> chain(uint32_t first) const {
@@ -66,6 +66,21 @@ class FatImage {
     putRecord(off, std::string(1, static_cast<char>(v)));
   }
   uint8_t byteAt(int64_t off) const { return static_cast<uint8_t>(read(off, 1)[0]); }
+  // A little-endian field of `bytes` bytes at a card offset.
+  void putField(int64_t off, uint32_t v, int bytes) const {
+    std::string s(bytes, '\0');
+    putLe(&s, 0, v, bytes);
+    card_->writeBytes(off, s);
+  }
+  // The first cluster a short-name record names, and changing it.
+  uint32_t firstCluster(int64_t sfn) const {
+    const std::string r = record(sfn);
+    return (getLe(r, 20, 2) << 16) | getLe(r, 26, 2);
+  }
+  void setFirstCluster(int64_t sfn, uint32_t c) const {
+    putField(sfn + 20, c >> 16, 2);
+    putField(sfn + 26, c & 0xFFFF, 2);
+  }
 
   // FSInfo (primary and backup hold the same after any write of ours).
   int64_t fsinfoOffset(bool backup = false) const {
@@ -76,7 +91,7 @@ class FatImage {
     return fsinfoOffset(backup) + 4 + 36 + 52 * i + field;
   }
   void setDescriptorField(int i, int field, uint32_t v) const {
-    for (bool backup : {false, true}) putWord(descriptorField(i, field, backup), v);
+    for (bool backup : {false, true}) putField(descriptorField(i, field, backup), v, 4);
   }
   uint32_t descriptorValue(int i, int field) const {
     return getLe(read(descriptorField(i, field), 4), 0, 4);
@@ -110,7 +125,7 @@ class FatImage {
         continue;
       }
       e.sfn = off;
-      e.cluster = (getLe(r, 20, 2) << 16) | getLe(r, 26, 2);
+      e.cluster = firstCluster(off);
       if (e.lfn.empty()) e.name = shortName(off);
       out.push_back(e);
       e = Entry();
@@ -149,11 +164,6 @@ class FatImage {
     if (card_ != nullptr) return card_->readBytes(off, n);
     if (off < 0 || static_cast<size_t>(off) + n > bytes_->size()) return std::string(n, '\0');
     return std::string(bytes_->begin() + off, bytes_->begin() + off + static_cast<int64_t>(n));
-  }
-  void putWord(int64_t off, uint32_t v) const {
-    std::string s(4, '\0');
-    putLe(&s, 0, v, 4);
-    card_->writeBytes(off, s);
   }
 
   const CardImage* card_ = nullptr;
