@@ -85,7 +85,8 @@ int writeZeros(VELT& velt, VELT::DirEntry& entry, int64_t from, int64_t to, int6
     const int64_t n = std::min<int64_t>(to - *reached, VELT_BUFFER_SIZE);
     auto writeRun = [&](int64_t, int64_t card_off, int64_t length, bool) -> int {
       errno = 0;
-      if (velt.write(zeroBlock(), static_cast<uint32_t>(length), card_off, true) == length) return 0;
+      if (velt.write(zeroBlock(), static_cast<uint32_t>(length), card_off, true) == length)
+        return 0;
       return -EIO;
     };
     int64_t partial = 0;
@@ -435,7 +436,8 @@ int VELT::File::write(const void* buf, size_t size, int64_t off) {
       velt_->pbr_ != nullptr && velt_->pbr_->cluster_length_ > 0) {
     // A write beyond the end leaves a hole that must read as zeros, as must the rest of the
     // last cluster, which still holds whatever the card had there.
-    const int64_t old_size = std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire);
+    const int64_t old_size =
+        std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire);
     if (off > old_size) {
       {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -581,6 +583,10 @@ int VELT::File::close() {
     // New data and its chain reach the card before the record that points at them.
     if (uncommitted && velt_->sync() != 0) result = -EIO;
     std::lock_guard lock(entry_->files_mutex_);
+    // Unlisted in the same step as the record is written: a deletion either finds the file
+    // open (EBUSY) or comes after the record, which it then marks deleted for good.
+    entry_->files_.get().remove_if(
+        [this](const std::shared_ptr<File>& f) { return f.get() == this; });
     // The write time was taken by the writes themselves (a utimens since then stands); the
     // close stamps the access date and writes size, first cluster and times.
     if (entry_->update2(true, false) < 0 && result == 0) result = -EIO;

@@ -12,13 +12,13 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <exception>
 #include <new>
 #include <string>
@@ -267,6 +267,24 @@ void dropNames(VELT& velt, const std::vector<std::string>& names, bool gone = fa
   if (gone) nameDropper().drop(names);
 }
 
+bool inReservedFolder(VELT& velt, const VELT::DirEntry& entry) {
+  return entry.is_reserved_ || (!entry.is_dir_ && velt.entryToVELTFolder(&entry) != nullptr);
+}
+
+// Whether the kernel may keep the file's data in its page cache for an open through `path`.
+// Only an ordinary file opened through its stored spelling: every change made behind that
+// node (channel writes, writes through other spellings, deletion) drops its pages
+// (VELT::invalidateKernelCache), and each open starts with none (no keep_cache), so what is
+// missed is bounded by the open. Other spellings are other kernel nodes: reading them uncached
+// leaves one node per file to keep coherent. Recordings in reserved folders stay uncached:
+// takeover, recycling, restart and publication change them under the entry's files_mutex_,
+// which a cached read of the same node would wait on while the kernel holds its pages locked.
+// Writes stay write-through (no writeback cache), so fsync keeps its meaning.
+bool kernelCaches(VELT& velt, const VELT::DirEntry& entry, const char* path) {
+  return !entry.is_dir_ && path != nullptr && isStoredSpelling(entry, path) &&
+         !inReservedFolder(velt, entry);
+}
+
 // What a callback works on: the volume and, as the call needs them, the entry its path names
 // and the open file of its handle. When one is missing, `error` is the callback's answer.
 struct Call {
@@ -302,8 +320,7 @@ Call onPath(const char* path, int no_volume, bool changes = false) {
 }
 
 // The volume and the open file of the call's handle, or `no_handle` for an unknown handle.
-Call onHandle(const struct fuse_file_info* fi, int no_volume, int no_handle,
-              bool changes = false) {
+Call onHandle(const struct fuse_file_info* fi, int no_volume, int no_handle, bool changes = false) {
   Call c = onVolume(no_volume, changes);
   if (c.error == 0) {
     c.file = fi != nullptr ? c.velt->getFile(static_cast<int>(fi->fh)) : nullptr;
@@ -505,6 +522,7 @@ int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
       }
     }
     fi->fh = file->file_no_;
+    fi->direct_io = kernelCaches(*c.velt, *c.entry, path) ? 0 : 1;
     return 0;
   });
 }
@@ -527,7 +545,7 @@ int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
   });
 }
 
-int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t offset,
+int VELTFuse::__write(const char* path, const char* buf, size_t size, off_t offset,
                       struct fuse_file_info* fi) {
   return guarded(__func__, [&] {
     Call c = onHandle(fi, -EINVAL, -ENOENT, true);
@@ -539,7 +557,14 @@ int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t 
       std::lock_guard lock(entry->files_mutex_);
       offset = entry->size_;
     }
-    return c.file->write(buf, size, offset);
+    int r = c.file->write(buf, size, offset);
+    // Written through another spelling (an uncached node): the stored spelling's node may hold
+    // pages. Its own writes never notify, so this waits at most for its calls in flight.
+    if (r > 0 && entry != nullptr && path != nullptr && !isStoredSpelling(*entry, path) &&
+        !inReservedFolder(*c.velt, *entry)) {
+      c.velt->invalidateKernelCache(entry);
+    }
+    return r;
   });
 }
 
@@ -662,6 +687,7 @@ int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info*
     if (!file) return lastError(-ENOMEM);
     file->setUsage(true, true);
     fi->fh = file->file_no_;
+    fi->direct_io = kernelCaches(velt, *entry, path) ? 0 : 1;
     return 0;
   });
 }
@@ -915,17 +941,17 @@ int VELTFuse::__fallocate(const char* /*path*/, int mode, off_t offset, off_t le
 // ---- Volume lifetime ----
 
 void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
-  // Every read and write reaches the callbacks with the caller's own size and offset; file data
-  // is not cached in the kernel. Inode numbers are the entries' own (one per entry, whatever
-  // spelling reached it); removed files are removed, never hidden under another name; the
-  // truncation of an open comes with the open itself.
+  // Whether file data is cached in the kernel is decided per open (kernelCaches). Inode numbers are
+  // the entries' own (one per entry, whatever spelling reached it); removed files are removed,
+  // never hidden under another name; the truncation of an open comes with the open itself.
   cfg->use_ino = 1;
   cfg->hard_remove = 1;
   if (conn != nullptr && (conn->capable & FUSE_CAP_ATOMIC_O_TRUNC)) {
     conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
   }
-  cfg->direct_io = 1;
+  cfg->direct_io = 0;
   cfg->kernel_cache = 0;
+  cfg->auto_cache = 0;
   cfg->nullpath_ok = 0;
   // Names and attributes are cached for a second: the kernel sees every change made through the
   // mount, and the volume reports the others (kernel_invalidate_ below). Names that do not
@@ -955,10 +981,12 @@ void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
   setVolume(velt);
   if (struct fuse_context* context = fuse_get_context(); context != nullptr && context->fuse) {
     struct fuse* fuse = context->fuse;
-    // Drops only cached attributes (no dentry or directory lock), so it is safe from any thread.
-    velt->setKernelInvalidate([fuse](const std::string& path) {
-      fuse_invalidate_path(fuse, path.c_str());
-    });
+    // Drops the node's cached attributes and pages (no dentry or directory lock). Dropping pages
+    // waits for the node's reads and writes in flight, so it is called from no read or write
+    // of a cached node and with none of the locks their callbacks take (VELT::
+    // invalidateKernelCache).
+    velt->setKernelInvalidate(
+        [fuse](const std::string& path) { fuse_invalidate_path(fuse, path.c_str()); });
     if (options_.mount_path != nullptr) {
       nameDropper().start(fuse_get_session(fuse), options_.mount_path);
     }
