@@ -1,0 +1,80 @@
+// The FUSE transport alone, for the read benchmark: one file, /data, that is a window of an
+// image file, served with the daemon's mount settings (per-open page caching without
+// keep_cache, 1 s name and attribute timeouts, no negative caching, the library's default
+// max_read/max_write, the multi-threaded loop). Its reads are single preads.
+//
+//   window_fuse IMAGE OFFSET LENGTH [FUSE options] MOUNTPOINT
+#define FUSE_USE_VERSION 35
+#include <errno.h>
+#include <fcntl.h>
+#include <fuse.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static int image_fd = -1;
+static off_t window_offset, window_length;
+
+static void* init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
+  (void)conn;
+  cfg->use_ino = 1;
+  cfg->direct_io = 0;
+  cfg->kernel_cache = 0;
+  cfg->entry_timeout = 1.0;
+  cfg->attr_timeout = 1.0;
+  cfg->negative_timeout = 0;
+  return NULL;
+}
+
+static int getattr(const char* path, struct stat* st, struct fuse_file_info* fi) {
+  (void)fi;
+  memset(st, 0, sizeof(*st));
+  if (strcmp(path, "/") == 0) {
+    st->st_mode = S_IFDIR | 0755;
+    st->st_nlink = 2;
+    st->st_ino = 1;
+  } else if (strcmp(path, "/data") == 0) {
+    st->st_mode = S_IFREG | 0444;
+    st->st_nlink = 1;
+    st->st_ino = 2;
+    st->st_size = window_length;
+  } else {
+    return -ENOENT;
+  }
+  return 0;
+}
+
+static int open_file(const char* path, struct fuse_file_info* fi) {
+  if (strcmp(path, "/data") != 0) return -ENOENT;
+  fi->direct_io = 0;  // as the daemon opens an ordinary file through its stored name
+  return 0;
+}
+
+static int read_file(const char* path, char* buf, size_t size, off_t off,
+                     struct fuse_file_info* fi) {
+  (void)path;
+  (void)fi;
+  if (off >= window_length) return 0;
+  if ((off_t)size > window_length - off) size = (size_t)(window_length - off);
+  ssize_t n = pread(image_fd, buf, size, window_offset + off);
+  return n < 0 ? -errno : (int)n;
+}
+
+int main(int argc, char* argv[]) {
+  if (argc < 5) {
+    fprintf(stderr, "usage: %s IMAGE OFFSET LENGTH [FUSE options] MOUNTPOINT\n", argv[0]);
+    return 1;
+  }
+  image_fd = open(argv[1], O_RDONLY);
+  if (image_fd < 0) {
+    perror(argv[1]);
+    return 1;
+  }
+  window_offset = strtoll(argv[2], NULL, 0);
+  window_length = strtoll(argv[3], NULL, 0);
+  static const struct fuse_operations ops = {
+      .getattr = getattr, .open = open_file, .read = read_file, .init = init};
+  argv[3] = argv[0];
+  return fuse_main(argc - 3, argv + 3, &ops, NULL);
+}
