@@ -356,11 +356,7 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
     testing::internal::CaptureStdout();
     v.reset();
     testing::internal::GetCapturedStdout();
-    for (size_t at = 0; at < damaged.size(); at += 65536) {  // what the mount wrote
-      const size_t n = std::min<size_t>(65536, damaged.size() - at);
-      if (memcmp(disk->data() + at, damaged.data() + at, n) != 0)
-        card.writeBytes(at, std::string(disk->begin() + at, disk->begin() + at + n));
-    }
+    card.putContents(*disk);  // what the mount wrote
     if (read_only) {
       EXPECT_TRUE(unchanged()) << "a card served read-only was written";
       // The checker is the way out: after it, the card mounts read-write like any other.

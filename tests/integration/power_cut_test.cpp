@@ -372,20 +372,6 @@ bool holds(VELT& v, const std::string& path, const std::string& want) {
   return readFile(v, path, &got) && got.compare(0, want.size(), want) == 0;
 }
 
-// The card's bytes into its image file, sparse: only the blocks holding something are written.
-void putImage(const CardBytes& bytes, const CardImage& image) {
-  const int fd = open(image.image().c_str(), O_WRONLY | O_TRUNC);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(ftruncate(fd, static_cast<off_t>(bytes.size())), 0);
-  static const std::vector<uint8_t> kZeros(65536, 0);
-  for (size_t at = 0; at < bytes.size(); at += kZeros.size()) {
-    const size_t n = std::min(kZeros.size(), bytes.size() - at);
-    if (memcmp(bytes.data() + at, kZeros.data(), n) == 0) continue;
-    ASSERT_EQ(pwrite(fd, bytes.data() + at, n, static_cast<off_t>(at)), static_cast<ssize_t>(n));
-  }
-  ::close(fd);
-}
-
 // Checks the card after a cut; what is wrong, or empty.
 std::string judge(const std::shared_ptr<CardBytes>& card, const CardImage& image, const Promises& p,
                   bool run_fsck) {
@@ -431,7 +417,7 @@ std::string judge(const std::shared_ptr<CardBytes>& card, const CardImage& image
   v.reset();  // unload
   if (run_fsck) {
     // On a VELT card fsck.fat also reports what the reserved files are by design.
-    putImage(*card, image);
+    image.putContents(*card);
     ::testing::AssertionResult r = fsckShowsOnlyReservedFiles(image);
     if (!r) problems += std::string("fsck.fat after the load: ") + r.message() + "\n";
   }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "card_volume.h"
+#include "fat_records.h"
 #include "fs/velt_file.h"
 #include "velt_fsck.h"
 
@@ -39,11 +40,9 @@ TEST(ReservedFolder, TakeoverChoosesTheLowestFreeThenTheOldestIdleFile) {
     v.flush();
     return card.readBytes(offset, size);
   };
-  auto usedOnCard = [&] {  // the folder's count as FSInfo holds it
-    FormatInfo info;
-    info.decode(reinterpret_cast<const uint8_t*>(onCard(card.partitionOffset() + 512, 512).data()) +
-                4);
-    return info.folders[0].used;
+  auto usedOnCard = [&] {  // the folder's count as the format information on the card holds it
+    v.flush();
+    return FatImage(card).descriptorValue(0, 24);
   };
   const PBR& pbr = *v.pbr_;
   const int64_t fat_at = pbr.sectorOffset(pbr.reserved_sectors_);
@@ -64,7 +63,7 @@ TEST(ReservedFolder, TakeoverChoosesTheLowestFreeThenTheOldestIdleFile) {
   const std::string r = onCard(files[0]->dir_ent_disk_off_, DIR_RECORD_SIZE);
   EXPECT_EQ(static_cast<uint8_t>(r[0]), DIR_ENTRY_DELETED);
   EXPECT_EQ(static_cast<uint8_t>(r[11]), 0x22);
-  EXPECT_EQ(usedOnCard(), 3);
+  EXPECT_EQ(usedOnCard(), 3u);
   // Data goes into the reserved file's own clusters; the filler slots of a published group stay
   // taken in the slot map.
   const std::string data = patternBytes(3 * pbr.cluster_length_ + 1000, 3);
@@ -80,13 +79,13 @@ TEST(ReservedFolder, TakeoverChoosesTheLowestFreeThenTheOldestIdleFile) {
   // A deletion gives the file back with its chain; the lowest free file is taken next.
   ASSERT_EQ(folder->delChild(files[1]), 0);
   EXPECT_FALSE(table[1].used_);
-  EXPECT_EQ(usedOnCard(), 2);
+  EXPECT_EQ(usedOnCard(), 2u);
   files[1] = create(std::string(35, 'n') + ".avi");  // 39 units: three records
   ASSERT_NE(files[1], nullptr);
   EXPECT_EQ(slotOf(files[1]), 1);
   files.push_back(create("d.avi"));
   ASSERT_NE(files.back(), nullptr);
-  EXPECT_EQ(usedOnCard(), 4);
+  EXPECT_EQ(usedOnCard(), 4u);
 
   // Full. Files 2 and 3 are the oldest, taken in the same second.
   const uint32_t times[4] = {300, 100, 100, 200};

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -62,10 +63,9 @@ ShellResult CardImage::fsck(const std::string& flags) const {
   // card's extents with the space in front of the partition cut away costs nothing even on a
   // large sparse card; where the file system cannot cut, dd copies the partition.
   std::string part = dir_.path() + "/partition.img";
-  ShellResult copy = runShell("cp --sparse=always " + shellQuote(image()) + " " +
-                              shellQuote(part) + " && fallocate -c -o 0 -l " +
-                              std::to_string(partition_offset_) + " " + shellQuote(part) +
-                              " 2>/dev/null");
+  ShellResult copy = runShell("cp --sparse=always " + shellQuote(image()) + " " + shellQuote(part) +
+                              " && fallocate -c -o 0 -l " + std::to_string(partition_offset_) +
+                              " " + shellQuote(part) + " 2>/dev/null");
   if (copy.status != 0) {
     copy = runShell("dd if=" + shellQuote(image()) + " of=" + shellQuote(part) +
                     " bs=1M iflag=skip_bytes skip=" + std::to_string(partition_offset_) +
@@ -97,6 +97,19 @@ void CardImage::writeBytes(int64_t offset, const std::string& bytes) const {
 
 std::string CardImage::contents() const {
   return readBytes(0, static_cast<size_t>(spec_.size_mb) << 20);
+}
+
+void CardImage::putContents(const std::vector<uint8_t>& bytes) const {
+  const int fd = open(image().c_str(), O_WRONLY | O_TRUNC);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(ftruncate(fd, static_cast<off_t>(bytes.size())), 0);
+  static const std::vector<uint8_t> kZeros(65536, 0);
+  for (size_t at = 0; at < bytes.size(); at += kZeros.size()) {
+    const size_t n = std::min(kZeros.size(), bytes.size() - at);
+    if (memcmp(bytes.data() + at, kZeros.data(), n) == 0) continue;
+    ASSERT_EQ(pwrite(fd, bytes.data() + at, n, static_cast<off_t>(at)), static_cast<ssize_t>(n));
+  }
+  close(fd);
 }
 
 bool CardImage::copyFrom(const CardImage& other) const {

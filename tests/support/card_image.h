@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "daemon_runner.h"
 
@@ -42,8 +43,9 @@ class CardImage {
   // Reads or writes bytes of the image at an absolute offset.
   std::string readBytes(int64_t offset, size_t size) const;
   void writeBytes(int64_t offset, const std::string& bytes) const;
-  // The whole image.
+  // The whole image, and replacing it (sparse: only blocks holding something are written).
   std::string contents() const;
+  void putContents(const std::vector<uint8_t>& bytes) const;
   // Makes this image a copy of `other`'s (same spec); false when the copy fails.
   bool copyFrom(const CardImage& other) const;
 
