@@ -1,9 +1,17 @@
-// Which reserved file a creation in a reserved folder takes over, and what deletion gives back.
-// Publication, bytes, names as other readers see them and what the folder refuses are the random
-// model tests' (tests/e2e/reserved_test.cpp) and the power-cut sweeps'.
+// Reserved folders. Which reserved file a creation takes over and what deletion gives back;
+// publication, bytes, names as other readers see them and what the folder refuses are the random
+// model tests' (tests/e2e/reserved_test.cpp) and the power-cut sweeps'. Then the folder checked at
+// load time, on a VELT card whose folder REC holds two published recordings ("clip number one of
+// the day.avi" with three long-name records, "c.avi" with one behind two fillers) and free 1 MiB
+// files: publications cut short, damaged records, chains and folders each cost at most the
+// reserved file they touch; a missing folder is made again.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <functional>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,6 +22,252 @@
 
 namespace velt::test {
 namespace {
+
+constexpr int kCount = 20, kUsed = 24, kStart = 28;  // descriptor fields of the format info
+constexpr uint32_t kFileBytes = 1u << 20;
+
+// The folder's records on the card: slot i of group g is slots[2 + 4 g + i].
+struct Folder {
+  FatImage::Entry record;  // the folder's own entry in the root
+  std::vector<int64_t> slots;
+  int64_t slot(int group, int i) const { return slots[2 + 4 * group + i]; }
+  int64_t sfn(int group) const { return slot(group, 3); }
+};
+
+Folder folderOf(const FatImage& img) {
+  Folder f{*img.find(img.rootCluster(), "REC"), {}};
+  f.slots = img.records(f.record.cluster);
+  return f;
+}
+
+class ReservedLoad : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(pristine_.ok()) << pristine_.error();
+    ASSERT_EQ(formatCard(pristine_, formatInfo({{"REC", 10, 1}})), 0);
+    Loaded l = loadCard(pristine_);
+    ASSERT_EQ(l.error, 0) << l.log;
+    unsigned seed = 1;
+    for (const char* name : {"clip number one of the day.avi", "c.avi"})
+      ASSERT_NO_FATAL_FAILURE(
+          publishRecording(*l.volume, "/REC", name, patternBytes(5000, seed++)));
+    l.volume.reset();
+    files_ = static_cast<int>(FatImage(pristine_).descriptorValue(0, kCount));
+    ASSERT_GE(files_, 4);
+  }
+  std::unique_ptr<CardImage> copy() {
+    auto card = std::make_unique<CardImage>(smallClusterCard(64));
+    EXPECT_TRUE(card->ok() && card->copyFrom(pristine_));
+    return card;
+  }
+
+  CardImage pristine_{smallClusterCard(64)};
+  int files_ = 0;
+};
+
+// One change a cut or damage leaves in the folder, and what the load must make of the group it
+// touches (-1: none): the recording under `name`, or ("") a free reserved file. Every other
+// recording keeps its name and bytes, the folder is never made anew, and the next load finds
+// nothing to repair.
+struct GroupCase {
+  std::string what;
+  int group;
+  std::string name;
+  std::function<void(const FatImage&, const Folder&)> change;
+};
+
+// Records of group `group` before and after publishing `name`, which takes that group over.
+struct Publication {
+  std::string name, short_name;
+  std::string before[4], after[4];
+};
+
+TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
+  using Img = const FatImage&;
+  using F = const Folder&;
+  // Recordings of the pristine card and their bytes as another FAT reader sees them.
+  const std::vector<std::string> recordings = {"clip number one of the day.avi", "c.avi"};
+  std::map<std::string, std::string> bytes;
+  for (const auto& name : recordings) bytes[name] = pristine_.type("/REC/" + name);
+  const std::string clip_short = "CLIPNU~1.AVI";
+
+  // Publications of a three-record name and of a one-record name behind two fillers, in group 2.
+  std::vector<Publication> publications;
+  for (const char* name : {"new recording number two.avi", "n.avi"}) {
+    auto card = copy();
+    Publication p;
+    p.name = name;
+    {
+      Loaded l = loadCard(*card);
+      ASSERT_EQ(l.error, 0) << l.log;
+      auto e = l.volume->newEntry(l.volume->findEntry("/REC"), name, false);
+      ASSERT_NE(e, nullptr);
+      p.short_name = e->short_name_;
+      l.volume->flush();
+      FatImage img(*card);
+      Folder f = folderOf(img);
+      for (int i = 0; i < 4; ++i) p.before[i] = img.record(f.slot(2, i));
+      ASSERT_EQ(e->secure2(), 0);
+    }
+    FatImage img(*card);
+    Folder f = folderOf(img);
+    for (int i = 0; i < 4; ++i) p.after[i] = img.record(f.slot(2, i));
+    publications.push_back(p);
+  }
+
+  std::vector<GroupCase> cases = {
+      {"untouched", -1, "", [](Img, F) {}},
+      {"saved counts wrong, folder moved", -1, "",
+       [](Img img, F f) {
+         img.setDescriptorField(0, kUsed, 5);
+         img.setDescriptorField(0, kStart, f.record.cluster + 7);
+       }},
+  };
+  // Publication cut short: any subset of its four record writes reached the card.
+  for (const Publication& p : publications) {
+    const int own = p.name.size() > 13 ? 3 : 1;  // records the name itself needs
+    for (int mask = 0; mask < 16; ++mask) {
+      bool named = true;
+      for (int i = 3 - own; i < 3; ++i) named = named && (mask & (1 << i));
+      std::string expect = !(mask & 8) ? "" : named ? p.name : p.short_name;
+      cases.push_back({p.name + " published writes " + std::to_string(mask), 2, expect,
+                       [p, mask](Img img, F f) {
+                         for (int i = 0; i < 4; ++i)
+                           img.putRecord(f.slot(2, i),
+                                         (mask & (1 << i)) ? p.after[i] : p.before[i]);
+                       }});
+    }
+  }
+  // One damaged record of a recording (group 0), of one behind fillers (group 1), of a free one.
+  const std::vector<std::pair<std::string, std::function<void(Img, int64_t)>>> damages = {
+      {"zeroed", [](Img img, int64_t off) { img.putRecord(off, std::string(32, '\0')); }},
+      {"overwritten", [](Img img, int64_t off) { img.putRecord(off, std::string(32, '\xA7')); }},
+      {"made a folder", [](Img img, int64_t off) { img.putByte(off + 11, 0x10); }},
+  };
+  // Each slot of each kind of group, the kinds of damage taking turns.
+  for (int slot = 0; slot < 4; ++slot) {
+    for (int kind = 0; kind < 3; ++kind) {
+      const auto& [how, d] = damages[(slot + kind) % damages.size()];
+      const std::string at = " slot " + std::to_string(slot) + " " + how;
+      const int group = kind == 2 ? 3 : kind;
+      std::string name = slot == 3 || kind == 2 ? ""
+                         : kind == 0            ? clip_short
+                         : slot == 2            ? "C.AVI"
+                                                : "c.avi";
+      cases.push_back({(kind == 0   ? "recording"
+                        : kind == 1 ? "recording behind fillers"
+                                    : "free file") +
+                           at,
+                       group, name,
+                       [d, group, slot](Img img, F f) { d(img, f.slot(group, slot)); }});
+    }
+  }
+  cases.push_back({"loop in a free file's chain", 3, "", [](Img img, F f) {
+                     auto chain = img.chain(img.firstCluster(f.sfn(3)));
+                     img.setFat(chain[5], chain[2]);
+                   }});
+  cases.push_back({"free file's chain runs into a recording's", 3, "", [](Img img, F f) {
+                     auto chain = img.chain(img.firstCluster(f.sfn(3)));
+                     img.setFat(chain[5], img.firstCluster(f.sfn(0)) + 9);
+                   }});
+  cases.push_back({"free file pointing at a recording's chain", 3, "", [](Img img, F f) {
+                     std::string r = img.record(f.sfn(3));
+                     putLe(&r, 26, img.firstCluster(f.sfn(1)) & 0xFFFF, 2);
+                     putLe(&r, 20, img.firstCluster(f.sfn(1)) >> 16, 2);
+                     img.putRecord(f.sfn(3), r);
+                   }});
+  cases.push_back({"recording whose chain ends early", 0, "",
+                   [](Img img, F f) { img.setFat(img.chain(img.firstCluster(f.sfn(0)))[7], 0); }});
+  cases.push_back({"damaged dot record", 3, "",
+                   [](Img img, F f) { img.putRecord(f.slots[0], std::string(32, '\0')); }});
+  cases.push_back({"records behind the reserved files", 3, "", [this](Img img, F f) {
+                     std::string dir = img.record(f.sfn(0));
+                     dir[0] = 'S';
+                     dir[11] = 0x10;
+                     ASSERT_LT(static_cast<size_t>(2 + 4 * files_), f.slots.size());
+                     img.putRecord(f.slots[2 + 4 * files_], dir);
+                   }});
+
+  auto card = copy();
+  for (const GroupCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_TRUE(card->copyFrom(pristine_));
+    FatImage img(*card);
+    c.change(img, folderOf(img));
+    Loaded l = loadCard(*card);
+    ASSERT_EQ(l.error, 0) << l.log;
+    EXPECT_EQ(l.log.find("try to create it now"), std::string::npos) << l.log;
+    auto folder = l.volume->findEntry("/REC");
+    ASSERT_NE(folder, nullptr);
+    ASSERT_EQ(folder->velt_reserved_files_.size(), static_cast<size_t>(files_));
+    std::set<std::string> names;
+    for (const auto& child : folder->children_) names.insert(child->name_);
+    std::set<std::string> expected = {".", ".."};
+    for (int g = 0; g < 2; ++g) {
+      if (g != c.group) expected.insert(recordings[g]);
+    }
+    if (!c.name.empty()) expected.insert(c.name);
+    EXPECT_EQ(names, expected) << l.log;
+    const auto& table = folder->velt_reserved_files_;
+    for (int g = 0; g < files_; ++g) {
+      EXPECT_EQ(table[g].used_, g == c.group ? !c.name.empty() : g < 2) << g;
+      EXPECT_EQ(table[g].dir_ent_disk_off, folderOf(img).sfn(g)) << g;
+      EXPECT_EQ(img.chain(table[g].start_cluster).size(), kFileBytes / img.clusterBytes()) << g;
+    }
+    EXPECT_EQ(folder->velt_folder_->used,
+              std::count_if(table.begin(), table.end(), [](auto& rf) { return rf.used_; }));
+    l.volume.reset();
+
+    Loaded again = loadCard(*card);
+    ASSERT_EQ(again.error, 0) << again.log;
+    EXPECT_EQ(repairLines(again.log), "") << "the second load repaired again";
+    EXPECT_TRUE(fsckShowsOnlyReservedFiles(*card, expectedReservedReport(*again.volume, *card)));
+    again.volume.reset();
+    for (int g = 0; g < 2; ++g) {
+      if (g != c.group) {
+        EXPECT_EQ(card->type("/REC/" + recordings[g]), bytes[recordings[g]]);
+      }
+    }
+  }
+}
+
+TEST_F(ReservedLoad, ExclusiveModeWritesNothingAndAMissingFolderIsMadeAgain) {
+  auto card = copy();
+  FatImage img(*card);
+  Folder old = folderOf(img);
+  // Another FAT tool removes the folder: it sees the two published files and nothing else, so
+  // the free reserved files' chains stay behind, reached by nothing.
+  auto r = card->mtools("mdeltree ::/REC");
+  ASSERT_EQ(r.status, 0) << r.err;
+  const uint32_t lost = img.firstCluster(old.sfn(files_ - 1));
+  ASSERT_NE(img.fat(lost), 0u);
+
+  // Exclusive mode reports a missing folder, or a damaged one, and writes nothing.
+  auto damaged = copy();
+  FatImage(*damaged).putRecord(old.slot(0, 1), std::string(32, '\0'));
+  for (CardImage* c : {card.get(), damaged.get()}) {
+    const std::string before = c->contents();
+    Loaded x = loadCard(*c, kVELTOpExclusive);
+    EXPECT_NE(x.error, 0) << x.log;
+    EXPECT_EQ(x.log.find("try to create it now"), std::string::npos) << x.log;
+    x.volume.reset();
+    EXPECT_TRUE(c->contents() == before) << "exclusive mode wrote to the card";
+  }
+
+  Loaded l = loadCard(*card);
+  ASSERT_EQ(l.error, 0) << l.log;
+  EXPECT_NE(l.log.find("VELT reserved folder \"/REC\" not found\n"), std::string::npos);
+  EXPECT_NE(l.log.find("VELT reserved folder \"/REC\" not found, try to create it now..."),
+            std::string::npos);
+  EXPECT_NE(l.log.find("       REC   10%     1 MB #" + std::to_string(files_)), std::string::npos)
+      << l.log;
+  auto folder = l.volume->findEntry("/REC");
+  ASSERT_NE(folder, nullptr);
+  EXPECT_EQ(folder->velt_reserved_files_.size(), static_cast<size_t>(files_));
+  l.volume.reset();
+  EXPECT_EQ(img.descriptorValue(0, kUsed), 0u);
+  EXPECT_TRUE(fsckShowsOnlyReservedFiles(*card));
+}
 
 // The lowest free file, else the oldest idle one (equal times: the lower index), never an open
 // one; none of it allocates a cluster. On a 1100 MiB card, REC holds four 64 MiB files.
@@ -42,7 +296,7 @@ TEST(ReservedFolder, TakeoverChoosesTheLowestFreeThenTheOldestIdleFile) {
   };
   auto usedOnCard = [&] {  // the folder's count as the format information on the card holds it
     v.flush();
-    return FatImage(card).descriptorValue(0, 24);
+    return FatImage(card).descriptorValue(0, kUsed);
   };
   const PBR& pbr = *v.pbr_;
   const int64_t fat_at = pbr.sectorOffset(pbr.reserved_sectors_);

@@ -1,27 +1,43 @@
-// The mkfs.velt tool: the cards it formats (judged by fsck.fat, by mtools with no overrides and
-// by a load), the summary it prints, and its refusals, which leave the card as it was.
+// The programs mkfs.velt and fsck.velt. mkfs.velt: the cards it formats (judged by fsck.fat, by
+// mtools with no overrides and by a load), the summary it prints, and its refusals, which leave the
+// card as it was. fsck.velt: what it finds on damaged cards, its exit codes and refusals, that -n
+// writes nothing, and that a card it repaired passes fsck.fat and checks clean the next time.
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "card_volume.h"
+#include "fat_records.h"
 #include "velt_fsck.h"
 
 namespace velt::test {
 namespace {
 
-ShellResult runTool(const CardImage& card, const std::string& args) {
+ShellResult mkfsVelt(const CardImage& card, const std::string& args) {
   return runShell("VELT_ROOT=" + shellQuote(card.root()) + " " +
                   shellQuote(std::string(VELT_BINARY_DIR) + "/mkfs.velt") + " " + args);
 }
 
-std::string checksum(const CardImage& card) {
-  return runShell("md5sum < " + shellQuote(card.image())).out;
+ShellResult fsckVelt(const std::string& args) {
+  return runShell(shellQuote(std::string(VELT_BINARY_DIR) + "/fsck.velt") + " " + args);
+}
+
+// A card of `size_mb`, formatted FAT32 or with a partition table only.
+CardSpec cardOf(int64_t size_mb, bool fat32 = false) {
+  CardSpec spec;
+  spec.size_mb = size_mb;
+  spec.format = fat32;
+  return spec;
+}
+
+std::string checksum(const std::string& path) {
+  return runShell("md5sum < " + shellQuote(path)).out;
 }
 
 // mtools as a user runs it: nothing relaxes its checks of the boot sector.
@@ -65,7 +81,7 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
   };
   for (const Row& c : rows) {
     SCOPED_TRACE(c.what);
-    CardImage card(CardSpec{.size_mb = c.size_mb, .format = c.start == kFat32});
+    CardImage card(cardOf(c.size_mb, c.start == kFat32));
     const uint32_t folders = std::count(c.args, c.args + strlen(c.args), ':') / 2;
     ASSERT_TRUE(card.ok()) << card.error();
     if (c.start == kBlank) card.writeBytes(0, std::string(512, '\0'));
@@ -74,7 +90,7 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
       card.mkdir("/OLD");
       card.put("/OLD/gone.bin", patternBytes(100000, 1));
     }
-    ShellResult r = runTool(card, c.args);
+    ShellResult r = mkfsVelt(card, c.args);
     ASSERT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_EQ(r.err, "");  // the summary and nothing of the library's diagnostics
     EXPECT_NE(r.out.find("mkfs.velt: \"/dev/mmcblk0p1\" formatted as VELT"), std::string::npos)
@@ -139,9 +155,7 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
 TEST(MkfsVeltTool, RefusalsChangeNothing) {
   // 32 MiB leaves a partition of 31 MiB: fewer than 65525 clusters even of one sector. Any
   // program named velt.fuse with the served card's VELT_ROOT stands for the daemon.
-  CardImage card(CardSpec{.size_mb = 64, .format = false}),
-      small(CardSpec{.size_mb = 32, .format = false}),
-      served(CardSpec{.size_mb = 64, .format = false});
+  CardImage card(cardOf(64)), small(cardOf(32)), served(cardOf(64));
   ASSERT_TRUE(card.ok() && small.ok() && served.ok()) << card.error();
   const std::string fake = served.dir() + "/velt.fuse";
   ASSERT_EQ(runShell("cp \"$(command -v sleep)\" " + shellQuote(fake)).status, 0);
@@ -151,7 +165,7 @@ TEST(MkfsVeltTool, RefusalsChangeNothing) {
   ASSERT_GT(pid, 0);
   auto refused = [](const CardImage& card, const std::string& args, const std::string& message) {
     SCOPED_TRACE(args);
-    ShellResult r = runTool(card, args);
+    ShellResult r = mkfsVelt(card, args);
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err.rfind("mkfs.velt: ", 0), 0u) << r.err;
@@ -160,7 +174,9 @@ TEST(MkfsVeltTool, RefusalsChangeNothing) {
       EXPECT_EQ(r.err, message);
     }
   };
-  const std::string before[3] = {checksum(card), checksum(small), checksum(served)};
+  const CardImage* cards[] = {&card, &small, &served};
+  std::vector<std::string> before;
+  for (const CardImage* c : cards) before.push_back(checksum(c->image()));
   const char* p = "/dev/mmcblk0p1 ";
   for (std::string args : {"", "/dev/sda1", "/dev/mmcblk0p01", "/dev/mmcblk0",
                            "/dev/mmcblk0p2",  // no such node in the sandbox
@@ -182,15 +198,12 @@ TEST(MkfsVeltTool, RefusalsChangeNothing) {
           "mkfs.velt: \"/dev/mmcblk0p1\" is in use (served by velt.fuse (pid " +
               std::to_string(pid) + ")); unmount it first\n");
   kill(pid, SIGTERM);
-  EXPECT_EQ(checksum(card), before[0]);
-  EXPECT_EQ(checksum(small), before[1]);
-  EXPECT_EQ(checksum(served), before[2]);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(checksum(cards[i]->image()), before[i]);
 }
 
 // The in-use check behind the refusal, on made-up mount tables and process directories.
 TEST(MkfsVeltTool, InUseCheckFindsMountsAndDaemonsOfTheSameCard) {
-  CardImage card(CardSpec{.size_mb = 64, .format = false}),
-      other(CardSpec{.size_mb = 64, .format = false});
+  CardImage card(cardOf(64)), other(cardOf(64));
   ASSERT_TRUE(card.ok() && other.ok()) << card.error();
   CardImage::RootScope scope(card);
   struct Row {
@@ -232,6 +245,171 @@ TEST(MkfsVeltTool, InUseCheckFindsMountsAndDaemonsOfTheSameCard) {
     EXPECT_EQ(VELT::isCardInUse("/dev/mmcblk0p1", &where, mounts.c_str(), proc.c_str()),
               *c.where != '\0');
     EXPECT_EQ(where, c.where);
+  }
+}
+
+TEST(FsckVeltTool, FindsAndRepairsWhatTheMountWould) {
+  using Damage = std::function<void(const CardImage&, const FatImage&)>;
+  struct Row {
+    const char* what;
+    Damage damage;
+    const char* finding;           // a line fsck.velt prints; null for a clean card
+    bool partition_alone = false;  // checked as a partition image instead of the whole card
+  } rows[] = {
+      {"clean", [](const CardImage&, const FatImage&) {}, nullptr},
+      {"chain looping back to its start",
+       [](const CardImage&, const FatImage& img) {
+         auto a_bin = img.find(img.rootCluster(), "a.bin");
+         const uint32_t a = (a_bin ? a_bin : img.find(img.rootCluster(), "A.BIN"))->cluster;
+         img.setFat(a + 2, a);
+       },
+       "FAT 1:"},
+      {"long-name records without their entry",
+       [](const CardImage&, const FatImage& img) {
+         // Two records of a long name after the last entry of the root, then nothing.
+         int64_t at = 0;
+         for (int64_t off : img.records(img.rootCluster())) {
+           if (img.byteAt(off) == 0) {
+             at = off;
+             break;
+           }
+         }
+         for (int seq : {0x42, 0x01}) {
+           std::string r(32, '\0');
+           r[0] = static_cast<char>(seq);
+           r[1] = 'x';
+           r[11] = 0x0F;
+           r[13] = 0x5A;  // the checksum of no short name here
+           img.putRecord(at + (seq == 0x01) * 32, r);
+         }
+       },
+       "/: 2 long-name records without their entry removed"},
+      {"free count in FSInfo wrong, checked as a partition alone",
+       [](const CardImage&, const FatImage& img) {
+         for (bool backup : {false, true}) img.putField(img.fsinfoOffset(backup) + 488, 12345, 4);
+       },
+       "FSInfo: free cluster count 12345 -> ", true},
+  };
+  for (const Row& c : rows) {
+    SCOPED_TRACE(c.what);
+    CardImage card(smallClusterCard(128));
+    ASSERT_TRUE(card.ok()) << card.error();
+    card.put("/a.bin", patternBytes(5 * 512, 1));
+    card.put("/b.bin", patternBytes(5 * 512, 2));
+    card.mkdir("/DIR");
+    card.put("/DIR/c.txt", "kept\n");
+    c.damage(card, FatImage(card));
+
+    const std::string part_mb = std::to_string(card.partitionOffset() >> 20);
+    std::string target = card.image();
+    if (c.partition_alone) {
+      target = card.dir() + "/partition.img";
+      ASSERT_EQ(runShell("dd if=" + shellQuote(card.image()) + " of=" + shellQuote(target) +
+                         " bs=1M skip=" + part_mb + " status=none")
+                    .status,
+                0);
+    }
+    const std::string before = checksum(target);
+    ShellResult look = fsckVelt("-n " + shellQuote(target));
+    EXPECT_EQ(checksum(target), before) << "-n wrote to the card";
+    EXPECT_EQ(look.err, "");
+    EXPECT_EQ(look.out.find("\x1b["), std::string::npos) << "diagnostics without -v: " << look.out;
+    if (c.finding == nullptr) {
+      EXPECT_EQ(look.status, 0) << look.out;
+      EXPECT_NE(look.out.find(": clean FAT32 card, 3 files, 1 folders,"), std::string::npos)
+          << look.out;
+      continue;
+    }
+    EXPECT_EQ(look.status, 4) << look.out;
+    EXPECT_NE(look.out.find(c.finding), std::string::npos) << look.out;
+    EXPECT_NE(look.out.find("Leaving the card unchanged"), std::string::npos) << look.out;
+
+    ShellResult repair = fsckVelt(shellQuote(target));
+    EXPECT_EQ(repair.status, 1) << repair.out << repair.err;
+    EXPECT_NE(repair.out.find(c.finding), std::string::npos) << repair.out;
+    EXPECT_NE(repair.out.find(": repaired, "), std::string::npos) << repair.out;
+    EXPECT_EQ(fsckVelt("-n " + shellQuote(target)).status, 0) << "a second check finds work";
+
+    // Another implementation agrees; the files nobody damaged are intact.
+    if (c.partition_alone) {
+      ASSERT_EQ(runShell("dd if=" + shellQuote(target) + " of=" + shellQuote(card.image()) +
+                         " bs=1M seek=" + part_mb + " conv=notrunc status=none")
+                    .status,
+                0);
+    }
+    ShellResult fat = card.fsck("-n");
+    EXPECT_EQ(fat.status, 0) << fat.out << fat.err;
+    EXPECT_EQ(card.type("/DIR/c.txt"), "kept\n");
+    EXPECT_EQ(card.type("/b.bin"), patternBytes(5 * 512, 2));
+  }
+}
+
+// Random damage to the FAT and the folders: whatever it is, -n writes nothing, the verdict is one
+// of the checker's, and a card it repaired checks clean the next time.
+TEST(FsckVeltTool, RandomDamageIsRepairedOnce) {
+  CardImage base(smallClusterCard(64)), card(smallClusterCard(64));
+  ASSERT_TRUE(base.ok() && card.ok()) << base.error();
+  for (const char* dir : {"/A", "/B"}) {
+    base.mkdir(dir);
+    for (int f = 1; f <= 4; ++f) {
+      base.put(std::string(dir) + "/a long file name " + std::to_string(f) + ".bin",
+               patternBytes(700 * f * f, f));
+    }
+  }
+  base.put("/root.txt", patternBytes(5000, 9));
+  const FatImage img(base);
+  uint32_t x = 12345;
+  auto next = [&x] { return x = x * 1103515245u + 12345u, x >> 8; };
+  int repaired = 0;
+  for (int round = 0; round < 24; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    ASSERT_TRUE(card.copyFrom(base));
+    for (int k = 0; k < 8; ++k) {
+      // The first FAT sectors, or the first sectors of the data area (root and folders).
+      const int64_t at = next() % 2 ? img.fatOffset(0, 0) + next() % 1024
+                                    : img.clusterOffset(2) + next() % (40 * 512);
+      card.writeBytes(at, std::string(1, static_cast<char>(next())));
+    }
+    const std::string before = checksum(card.image());
+    ShellResult look = fsckVelt("-n " + shellQuote(card.image()));
+    EXPECT_EQ(checksum(card.image()), before) << "-n wrote to the card";
+    EXPECT_TRUE(look.status == 0 || look.status == 4) << look.status << look.out << look.err;
+    ShellResult repair = fsckVelt(shellQuote(card.image()));
+    if (look.out.find("the card does not load") != std::string::npos) {
+      // Nothing the load could repair: the card stays as it was.
+      EXPECT_EQ(repair.status, 4) << repair.out;
+      EXPECT_EQ(checksum(card.image()), before);
+      continue;
+    }
+    EXPECT_EQ(repair.status, look.status == 0 ? 0 : 1) << repair.out << repair.err;
+    EXPECT_EQ(fsckVelt("-n " + shellQuote(card.image())).status, 0);
+    repaired += repair.status == 1;
+  }
+  EXPECT_GT(repaired, 12) << "the damage hardly ever mattered";
+}
+
+TEST(FsckVeltTool, RefusesWhatItCannotCheck) {
+  TempDir dir;
+  const std::string junk = dir.path() + "/junk.img";
+  writeFileBytes(junk, std::string(1 << 20, 'x'));
+  struct Row {
+    std::string args, message;
+  } rows[] = {
+      {"", "fsck.velt: no card given (see --help)\n"},
+      {"-n -a x", "fsck.velt: -n and -a exclude each other\n"},
+      {"-p 5 x", "fsck.velt: partition \"5\" must be 1 to 4\n"},
+      {"-z x", "fsck.velt: unknown option -z (see --help)\n"},
+      {"/nonexistent/card.img",
+       "fsck.velt: cannot open \"/nonexistent/card.img\": No such file or directory\n"},
+      {"-n " + shellQuote(junk), "fsck.velt: \"" + junk +
+                                     "\" holds neither a partition table with a FAT32 partition "
+                                     "nor a FAT32 boot sector\n"},
+  };
+  for (const Row& c : rows) {
+    SCOPED_TRACE(c.args);
+    ShellResult r = fsckVelt(c.args);
+    EXPECT_EQ(r.status, 8);
+    EXPECT_EQ(r.err, c.message);
   }
 }
 
