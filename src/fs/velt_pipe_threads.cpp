@@ -17,8 +17,12 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <list>
+#include <memory>
 #include <new>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "fs/velt.h"
 #include "fs/velt_pipe.h"
@@ -322,6 +326,34 @@ void drainReplyPipe(const std::string& path) {
   ::close(fd);
 }
 
+// Drops what only a client that went away could collect: its queued and parked reads and the
+// replies not sent yet. Its other requests stay queued.
+void dropClientReads(VELT& v) {
+  std::vector<VELTWorkItem*> dropped;
+  {
+    std::lock_guard<std::mutex> lock(v.request_mutex_);
+    for (std::list<VELTWorkItem*>* queue : {&v.normal_requests_, &v.event_requests_}) {
+      for (auto it = queue->begin(); it != queue->end();) {
+        if (*it != nullptr && isDirectReadOp((*it)->op_)) {
+          dropped.push_back(*it);
+          it = queue->erase(it);
+        } else {
+          ++it;
+        }
+      }
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(v.response_mutex_);
+    dropped.insert(dropped.end(), v.responses_.begin(), v.responses_.end());
+    v.responses_.clear();
+  }
+  for (VELTWorkItem* item : dropped) delete item;
+  std::list<std::shared_ptr<VELT::File>> files;
+  v.getDirectFiles(files);
+  for (const std::shared_ptr<VELT::File>& file : files) direct::takePendingRead(v, *file, false);
+}
+
 // Reads one record's payload and hands it to the queues: 0, or -1 when the connection ended.
 int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
   const uint32_t payload = h.length - kDirectHeaderSize;
@@ -442,12 +474,19 @@ void VELT::pipe_reader() {
     while (!direct_stop_) {
       // Back-pressure: while the channel holds too much, the client's writes wait in the pipe.
       // A client that has gone away sends nothing more, so what it left is read regardless.
-      if (!hung_up && direct_buffers_->held() > direct_held_max_) {
+      if (direct_buffers_->held() > direct_held_max_) {
         if (!paused) {
           paused = true;
           ++direct_pauses_;
         }
-        hung_up = in.hungUp(kPauseWaitMs);
+        if (!hung_up) {
+          hung_up = in.hungUp(kPauseWaitMs);
+        } else {
+          std::this_thread::sleep_for(std::chrono::milliseconds(kPauseWaitMs));
+        }
+        // A client that has gone away reads no replies: its reads go, its writes stay queued
+        // and make room as the worker puts them on the card.
+        if (hung_up) dropClientReads(*this);
         continue;
       }
       paused = false;
@@ -495,6 +534,11 @@ void VELT::pipe_reader() {
         } catch (const std::exception&) {
           LOGE("got exception when creating direct response\n");
         }
+        if (in.skip(h.length - kDirectHeaderSize) <= 0) break;
+        continue;
+      }
+      // Still gone (a next client may have opened the pipe meanwhile): nobody awaits the read.
+      if (hung_up && isDirectReadOp(h.op) && (hung_up = in.hungUp(0))) {
         if (in.skip(h.length - kDirectHeaderSize) <= 0) break;
         continue;
       }
