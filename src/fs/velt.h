@@ -154,6 +154,8 @@ class VELT : public std::enable_shared_from_this<VELT> {
   int updateCache(uint32_t sector, const void* src);
   // Drops a sector's copy (a write that does not cache its sectors makes the copy stale).
   void dropCache(uint32_t sector);
+  int __updateCache(uint32_t sector, const void* src);  // caller holds cache_mutex_
+  void __dropCache(uint32_t sector);                    // caller holds cache_mutex_
   void dumpCache(int line);
 
   // Buffered I/O on absolute card offsets.
@@ -165,7 +167,9 @@ class VELT : public std::enable_shared_from_this<VELT> {
   int __flush();
   int flush();
   void resetWriteBuffer();  // caller holds io_mutex_
-  void cacheBufferSectors(int64_t first, int64_t count, bool cache);  // caller holds io_mutex_
+  // Stores (cache) or drops the copies of sectors [first, first + count), whose new content is
+  // at src; caller holds io_mutex_.
+  void cacheSectors(int64_t first, int64_t count, const uint8_t* src, bool cache);
   bool fetchSector(int64_t sector, uint8_t* dst);  // caller holds io_mutex_
   // Writes out the pending write buffer, then has the backing store put everything written so
   // far on the card: the barrier between steps whose order must survive a power cut. 0, or -1

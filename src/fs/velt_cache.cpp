@@ -153,6 +153,10 @@ int VELT::lookupCache(uint32_t sector, void* dst) {
 
 int VELT::updateCache(uint32_t sector, const void* src) {
   std::lock_guard<std::mutex> lock(cache_mutex_);
+  return __updateCache(sector, src);
+}
+
+int VELT::__updateCache(uint32_t sector, const void* src) {
   if (cache_pool_ == nullptr) return -1;
   bool corrupted = false;
   CacheEntry* entry = walkChain(*this, sector, corrupted);
@@ -220,6 +224,23 @@ int VELT::updateCache(uint32_t sector, const void* src) {
 
 void VELT::dropCache(uint32_t sector) {
   std::lock_guard<std::mutex> lock(cache_mutex_);
+  __dropCache(sector);
+}
+
+void VELT::cacheSectors(int64_t first, int64_t count, const uint8_t* src, bool cache) {
+  // One lock for the whole run: a megabyte is two thousand sectors.
+  std::lock_guard<std::mutex> lock(cache_mutex_);
+  for (int64_t i = 0; i < count && cache_pool_ != nullptr; ++i) {
+    const uint32_t sector = static_cast<uint32_t>(first + i);
+    if (cache && src != nullptr) {
+      __updateCache(sector, src + i * VELT_SECTOR_SIZE);
+    } else {
+      __dropCache(sector);
+    }
+  }
+}
+
+void VELT::__dropCache(uint32_t sector) {
   if (cache_pool_ == nullptr) return;
   bool corrupted = false;
   CacheEntry* e = walkChain(*this, sector, corrupted);

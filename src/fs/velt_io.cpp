@@ -2,7 +2,9 @@
 // writes gather in a 1 MiB buffer placed on a 64 KiB boundary, so that a stream reaches the card
 // as large aligned writes, while a small write costs only the sectors it changes. The buffer
 // stays pending across contiguous writes and goes to the card when it is full, when a write does
-// not continue it, and at an explicit flush.
+// not continue it, and at an explicit flush. A write of a whole buffer's worth or more that
+// starts on the boundary while nothing is pending goes to the card from the caller's memory in
+// the same 1 MiB pieces, without the copy.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -215,21 +217,26 @@ int VELT::flush() {
   return __flush();
 }
 
-// Stores or drops the sectors [first, first + count) of the write buffer in the sector cache.
-void VELT::cacheBufferSectors(int64_t first, int64_t count, bool cache) {
-  {
-    // Without a cache there is nothing to update or drop (a cache made meanwhile starts empty).
-    std::lock_guard<std::mutex> lock(cache_mutex_);
-    if (cache_pool_ == nullptr) return;
-  }
-  for (int64_t s = first; s < first + count; ++s) {
-    if (cache) {
-      updateCache(static_cast<uint32_t>(s),
-                  write_buffer_ + (s - write_start_sector_) * VELT_SECTOR_SIZE);
-    } else {
-      dropCache(static_cast<uint32_t>(s));
+// Writes whole sectors from src straight to the card (the write buffer is empty), keeping the
+// sector cache in step; false (errno EIO) when the driver failed.
+static bool writeDirect(VELT& v, int64_t first, int count, const uint8_t* src, bool cache) {
+  int done = 0;
+  while (done < count) {
+    const int ask = std::min(count - done, kBufferSectors);
+    const int result =
+        v.driver_->writeSectors(static_cast<uint32_t>(first + done), ask, src + done * VELT_SECTOR_SIZE);
+    if (result != ask) {
+      // What the card holds there is unknown now: no copy of it may be trusted.
+      v.cacheSectors(first + done, ask, nullptr, false);
+      LOGE("write.io_write error\n");
+      errno = EIO;
+      return false;
     }
+    writeStats().note(ask);
+    done += ask;
   }
+  v.cacheSectors(first, count, src, cache);
+  return true;
 }
 
 // Current content of one sector into dst, from the cache or the card; false on a driver failure.
@@ -268,6 +275,15 @@ int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache) {
   while (remaining > 0) {
     const int64_t sector = off / VELT_SECTOR_SIZE;
     const int in_sector = static_cast<int>(off % VELT_SECTOR_SIZE);
+    if (write_start_sector_ < 0 && off % kWriteAlign == 0 &&
+        remaining >= static_cast<int64_t>(VELT_BUFFER_SIZE)) {
+      const int64_t n = remaining - remaining % kWriteAlign;
+      if (!writeDirect(*this, sector, static_cast<int>(n / VELT_SECTOR_SIZE), src, cache)) return -1;
+      off += n;
+      src += n;
+      remaining -= n;
+      continue;
+    }
     if (write_start_sector_ < 0) {
       // A new buffer on the 64 KiB boundary at or below off; nothing before off is read.
       write_start_sector_ = (off - off % kWriteAlign) / VELT_SECTOR_SIZE;
@@ -283,7 +299,8 @@ int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache) {
     }
     const int64_t n = std::min<int64_t>(static_cast<int64_t>(VELT_BUFFER_SIZE) - write_ptr_, remaining);
     memcpy(write_buffer_ + write_ptr_, src, static_cast<size_t>(n));
-    cacheBufferSectors(sector, (in_sector + n) / VELT_SECTOR_SIZE, cache);
+    cacheSectors(sector, (in_sector + n) / VELT_SECTOR_SIZE,
+                 write_buffer_ + (sector - write_start_sector_) * VELT_SECTOR_SIZE, cache);
     write_ptr_ += static_cast<uint32_t>(n);
     off += n;
     src += n;
@@ -306,7 +323,7 @@ int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache) {
       const uint32_t from = write_ptr_ % VELT_SECTOR_SIZE;
       memcpy(tail + from, sector_buffer_ + from, VELT_SECTOR_SIZE - from);
     }
-    cacheBufferSectors(tail_sector, 1, cache);
+    cacheSectors(tail_sector, 1, tail, cache);
   }
   return static_cast<int>(len);
 }

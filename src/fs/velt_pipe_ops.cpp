@@ -77,16 +77,13 @@ int writeRequest(VELT::File& file, VELTWorkItem* request) {
         NERIO_ASSERT_TEXT("request->offset_ == file->direct_offset_");
       }
     }
-    // Clusters allocated for this request reach the FAT together, right after the data,
-    // instead of one FAT write per cluster.
+    // Clusters allocated for this request stay in the FAT's dirty sectors instead of one FAT
+    // write per cluster or per request: as for a file written through the mount, the chain
+    // reaches the card before anything points at it (a commit, a secured write, the close).
     PBR* pbr = file.velt_ != nullptr ? file.velt_->pbr_ : nullptr;
     if (pbr != nullptr) pbr->lockFAT();
     result = file.write(request->data_, request->size_, request->offset_);
-    if (pbr != nullptr) {
-      // The last count written off writes the deferred FAT and FSInfo, whoever deferred them.
-      pbr->unlockFAT(true);
-      pbr->flushFATs();
-    }
+    if (pbr != nullptr) pbr->unlockFAT(false);
     if (result < 0) return result;
   }
   if ((static_cast<uint32_t>(request->param_) & kDirectFlagSecure) != 0) {
