@@ -583,10 +583,6 @@ int VELT::File::close() {
     // New data and its chain reach the card before the record that points at them.
     if (uncommitted && velt_->sync() != 0) result = -EIO;
     std::lock_guard lock(entry_->files_mutex_);
-    // Unlisted in the same step as the record is written: a deletion either finds the file
-    // open (EBUSY) or comes after the record, which it then marks deleted for good.
-    entry_->files_.get().remove_if(
-        [this](const std::shared_ptr<File>& f) { return f.get() == this; });
     // The write time was taken by the writes themselves (a utimens since then stands); the
     // close stamps the access date and writes size, first cluster and times.
     if (entry_->update2(true, false) < 0 && result == 0) result = -EIO;

@@ -21,6 +21,7 @@
 #include <deque>
 #include <exception>
 #include <new>
+#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -283,6 +284,15 @@ bool inReservedFolder(VELT& velt, const VELT::DirEntry& entry) {
 bool kernelCaches(VELT& velt, const VELT::DirEntry& entry, const char* path) {
   return !entry.is_dir_ && path != nullptr && isStoredSpelling(entry, path) &&
          !inReservedFolder(velt, entry);
+}
+
+// A release writes its file's record after the file has left its entry's list of open files,
+// and a deletion finding the list empty meanwhile would have its deleted record written over
+// (a live record pointing at freed clusters). Releases share this gate; deletions and renames,
+// which may replace a file, take it alone and so wait for the releases under way.
+std::shared_mutex& releaseGate() {
+  static std::shared_mutex gate;
+  return gate;
 }
 
 // What a callback works on: the volume and, as the call needs them, the entry its path names
@@ -608,6 +618,7 @@ int VELTFuse::__release(const char* /*path*/, struct fuse_file_info* fi) {
   return guarded(__func__, [&] {
     Call c = onHandle(fi, -ENODEV, -EBADF);
     if (c.error != 0) return c.error;
+    std::shared_lock gate(releaseGate());
     publishReservedFile(*c.file);
     int result = c.file->close();
     return result == -1 ? 0 : result;
@@ -703,7 +714,20 @@ static int removeEntry(const char* function, const char* path, bool dir, int no_
     std::vector<std::string> names = otherNames(*c.velt, *entry, path);
     DirEntryPtr parent = entry->parent_->shared_from_this();
     if (!parent) return -ENOENT;
-    int r = parent->delChild(entry);
+    // The release of a handle closed just before may not have reached us yet (the kernel
+    // sends it after close() has returned): a file that stays busy for half a second is open.
+    auto listed = [&entry] {
+      std::lock_guard lock(entry->files_mutex_);
+      return !entry->files_.empty();
+    };
+    for (int tries = 0; !is_dir && tries < 250 && listed(); ++tries) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    int r;
+    {
+      std::unique_lock gate(releaseGate());
+      r = parent->delChild(entry);
+    }
     if (r == 0) dropNames(*c.velt, names, true);
     return r;
   });
@@ -719,6 +743,7 @@ int VELTFuse::__rmdir(const char* path) {
 
 int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
   return guarded(__func__, [&] {
+    std::unique_lock gate(releaseGate());
     Call c = onVolume(-ENODEV, true);
     if (c.error != 0) return c.error;
     VELT& velt = *c.velt;
