@@ -1,8 +1,8 @@
-// Directory entries over a fake card: the records createChild writes, failed creations, concurrent
-// creators, deletion, moves and their refusals, entries read from a record.
+// Directory entries over a fake card: what createChild gives a new entry, failed and refused
+// creations, deletions and moves, concurrent creators, entries read from a record. Records,
+// moves and deletions that succeed are judged by fsck.fat and mtools in the integration model.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <set>
@@ -19,76 +19,34 @@ using velt::VELT;
 using Card = velt_test::FakeCard;
 using Entry = std::shared_ptr<VELT::DirEntry>;
 
-namespace {
-
-uint8_t u8(const std::string& s, size_t i) { return static_cast<uint8_t>(s[i]); }
-const uint8_t* bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
-uint32_t clusterOf(const std::string& r) {
-  return (static_cast<uint32_t>(velt::le16(bytes(r) + 20)) << 16) | velt::le16(bytes(r) + 26);
-}
-int slotOf(VELT::DirEntry& dir, const Entry& e) {
-  return dir.diskOffsetToEntryIndex(e->dir_ent_disk_off_);
-}
-// The short-name record at `slot` of `dir` and the long-name record before it read deleted, on
-// the card and in the slot map; the deleted record keeps its cluster.
-void expectDeleted(Card& c, VELT::DirEntry& dir, int slot, uint32_t cluster) {
-  for (int k : {slot - 1, slot}) {
-    EXPECT_EQ(u8(c.slot(dir, k), 0), velt::DIR_ENTRY_DELETED) << "slot " << k;
-    EXPECT_EQ(dir.entry_map_[k], velt::DIR_ENTRY_DELETED) << "slot " << k;
-  }
-  EXPECT_EQ(clusterOf(c.slot(dir, slot)), cluster);
-}
-
-}  // namespace
-
-TEST(DirentChildren, RecordsOfNewFilesAndDirectories) {
+// Short names, attributes (a leading dot hides) and a new directory's own cluster.
+TEST(DirentChildren, NewEntriesTakeTheirShortNameAttributesAndClusters) {
   Card c;
   struct Row {
     const char* name;
     bool is_dir;
     const char* short_name;
-    std::vector<uint8_t> sequences;  // long-name records in slot order
     uint8_t attr;
   } rows[] = {
-      {"README.TXT", false, "README.TXT", {}, 0x20},
-      {"readme.txt", false, "READ~1.TXT", {0x41}, 0x20},
-      {"abcdefghijklmn", false, "ABCDEF~1", {0x42, 0x01}, 0x20},
-      {".veltq", false, "~1.VEL", {0x41}, 0x26},
-      {".cfg", true, "~1.CFG", {0x41}, 0x12},
-      {"DATA", true, "DATA", {}, 0x10},
+      {"README.TXT", false, "README.TXT", 0x20}, {"readme.txt", false, "READ~1.TXT", 0x20},
+      {".veltq", false, "~1.VEL", 0x26},         {".cfg", true, "~1.CFG", 0x12},
+      {"DATA", true, "DATA", 0x10},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.name);
-    auto& map = c.root->entry_map_;
-    const int first = static_cast<int>(std::find(map.begin(), map.end(), 0) - map.begin());
     Entry e = c.create(r.name, r.is_dir);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(e->short_name_, r.short_name);
     EXPECT_EQ(e->attr_, r.attr);
-    const int short_slot = first + static_cast<int>(r.sequences.size());
-    EXPECT_EQ(slotOf(*c.root, e), short_slot);
-    uint8_t name11[11];
-    velt::shortNameToName83(r.short_name, name11);
-    for (size_t i = 0; i < r.sequences.size(); ++i) {
-      std::string lfn = c.slot(*c.root, first + static_cast<int>(i));
-      EXPECT_EQ(u8(lfn, 0), r.sequences[i]);
-      EXPECT_EQ(u8(lfn, 13), velt::shortNameChecksum(name11));
-    }
-    std::string sfn = c.slot(*c.root, short_slot);
-    uint8_t built[32];
-    e->buildRecord(built);
-    EXPECT_EQ(0, memcmp(sfn.data(), built, 32));
     // A directory gets its cluster at once, an empty file none until its first write.
     EXPECT_EQ(e->start_cluster_ != 0, r.is_dir);
-    EXPECT_TRUE(!r.is_dir || velt::isEOC(c.pbr->fat1_[e->start_cluster_]));
-    EXPECT_EQ(map[short_slot], name11[0]);
     EXPECT_LE(std::abs(e->modified_ - time(nullptr)), 5);
   }
 }
 
 TEST(DirentChildren, ACreationThatFindsNoClusterGivesBackItsSlots) {
-  // No free cluster for a directory: the long-name record was written, so the slots are marked
-  // deleted on the card (a free record would hide what follows) and in the map.
+  // The long-name record was written, so the slots are marked deleted on the card (a free
+  // record would hide the record further on) and in the map.
   Card full;
   int err = 0;
   Entry after = full.create("z");
@@ -104,51 +62,9 @@ TEST(DirentChildren, ACreationThatFindsNoClusterGivesBackItsSlots) {
   EXPECT_EQ(err, -ENOSPC);
   for (int k : {fs, fs + 1}) {
     EXPECT_EQ(full.root->entry_map_[k], velt::DIR_ENTRY_DELETED);
-    EXPECT_EQ(u8(full.slot(*full.root, k), 0), velt::DIR_ENTRY_DELETED);
+    EXPECT_EQ(static_cast<uint8_t>(full.slot(*full.root, k)[0]), velt::DIR_ENTRY_DELETED);
   }
   EXPECT_EQ(full.root->getChildCount(), 1);
-}
-
-TEST(DirentChildren, MovesAndDeletionMarkTheOldRecordsDeleted) {
-  Card c;
-  Entry a = c.create("a.txt");
-  Entry other = c.create("other", true);
-  Entry sub = c.create("sub", true);
-  ASSERT_TRUE(a && other && sub);
-  ASSERT_EQ(a->allocClusters(2, false), 0);
-  a->size_ = a->real_size_ = c.pbr->cluster_length_ + 10;
-  ASSERT_EQ(a->update2(false, true), 0);
-  const uint32_t first = a->start_cluster_, second = c.pbr->fat1_[first];
-  int old_slot = slotOf(*c.root, a);
-  ASSERT_EQ(c.root->moveChild(a, c.root, "b.txt"), 0);
-  expectDeleted(c, *c.root, old_slot, first);
-  EXPECT_EQ(a->short_name_, "B.TXT");
-  EXPECT_EQ(c.rec(a->dir_ent_disk_off_).substr(0, 11), "B       TXT");
-  EXPECT_EQ(clusterOf(c.rec(a->dir_ent_disk_off_)), first);
-  // Into another directory, with an open file that follows.
-  auto file = std::make_shared<VELT::File>(c.v, 9, false, false, true, a.get());
-  ASSERT_EQ(a->addFile(file), 0);
-  old_slot = slotOf(*c.root, a);
-  ASSERT_EQ(c.root->moveChild(a, other, "moved.txt"), 0);
-  expectDeleted(c, *c.root, old_slot, first);
-  EXPECT_EQ(c.root->findChild("b.txt"), nullptr);
-  EXPECT_EQ(other->findChild("MOVED.TXT"), a);
-  EXPECT_EQ(file->entry_, a.get());
-  EXPECT_EQ(slotOf(*other, a), 3);  // after ".", ".." and the long-name record
-  EXPECT_EQ(a->removeFile(file), 0);
-  // A directory moved below another one: its ".." follows.
-  ASSERT_EQ(c.root->moveChild(sub, other, "sub"), 0);
-  EXPECT_EQ(clusterOf(c.slot(*sub, 1)), other->start_cluster_);
-  const uint32_t free_before = c.pbr->free_cluster_count_;
-  old_slot = slotOf(*other, a);
-  ASSERT_EQ(other->delChild(a), 0);
-  expectDeleted(c, *other, old_slot, first);
-  EXPECT_EQ(c.slot(*other, old_slot).substr(1, 10), "OVED   TXT");
-  EXPECT_EQ(c.pbr->fat1_[first], 0u);
-  EXPECT_EQ(c.pbr->fat1_[second], 0u);
-  EXPECT_EQ(c.pbr->free_cluster_count_, free_before + 2);
-  EXPECT_EQ(a->parent_, nullptr);
-  EXPECT_EQ(other->findChild("moved.txt"), nullptr);
 }
 
 TEST(DirentChildren, RefusedCreationsDeletionsAndMovesLeaveTheCardUnchanged) {

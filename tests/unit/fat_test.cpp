@@ -1,4 +1,5 @@
-// The in-memory FAT over a fake card: allocation, the counted lock, chain walks.
+// The in-memory FAT over a fake card: allocation, the counted lock and the sectors it writes,
+// the format's geometry. Chains that loop are the damaged-card table's.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,7 +12,7 @@ using velt::FAT_EOC;
 using velt_test::DriverRequest;
 using velt_test::FakeVolume;
 
-TEST(Fat, AllocationWrapsAndLoopingChainsEnd) {
+TEST(Fat, AllocationWrapsAndReportsAShortfall) {
   FakeVolume f(131072);  // 64 MiB: partition at 2048, 32 sectors a cluster, 2 FATs of 32 sectors
   ASSERT_TRUE(f.formatInMemory());
   auto* pbr = f.volume->pbr_;
@@ -24,16 +25,6 @@ TEST(Fat, AllocationWrapsAndLoopingChainsEnd) {
   EXPECT_EQ(pbr->allocCluster(false), 4);
   pbr->next_free_cluster_number_ = 0xFFFFFFFFu;
   EXPECT_EQ(pbr->allocCluster(false), 5);
-  // A chain that loops ends every walk with an error, and freeing it frees each cluster once.
-  pbr->fat1_[30] = 31;
-  pbr->fat1_[31] = 32;
-  pbr->fat1_[32] = 30;
-  EXPECT_FALSE(pbr->checkClusterChains(30, 1));
-  EXPECT_EQ(pbr->getClusterCount(30), -1);
-  EXPECT_EQ(pbr->setClusterChainUsed(30), -1);
-  EXPECT_EQ(pbr->freeClusterChains(30, false), 0);
-  EXPECT_EQ(pbr->fat1_[30], 0u);
-  EXPECT_EQ(pbr->fat1_[32], 0u);
   // A nearly full table: every free cluster taken but 10, 20, 30, 40 and 50.
   for (uint32_t c = 3; c < pbr->num_clusters_; ++c) {
     if (c % 10 == 0 && c <= 50) continue;
@@ -46,14 +37,10 @@ TEST(Fat, AllocationWrapsAndLoopingChainsEnd) {
   // Only 20, 30, 40, 50 are free: asking for 6 links those four and reports the shortfall.
   uint32_t out[6] = {};
   EXPECT_EQ(pbr->allocClusters(first, 6, false, out), static_cast<int64_t>(FAT_EOC));
-  EXPECT_EQ(out[0], 20u);
-  EXPECT_EQ(out[3], 50u);
-  EXPECT_EQ(out[4], FAT_EOC);
-  EXPECT_EQ(out[5], FAT_EOC);
-  EXPECT_EQ(pbr->fat1_[10], 20u);
-  EXPECT_EQ(pbr->fat1_[20], 30u);
-  EXPECT_EQ(pbr->fat1_[50], FAT_EOC);
+  EXPECT_EQ(std::vector<uint32_t>(out, out + 6),
+            (std::vector<uint32_t>{20, 30, 40, 50, FAT_EOC, FAT_EOC}));
   EXPECT_EQ(pbr->getClusterCount(10), 5);
+  EXPECT_EQ(pbr->fat1_[50], FAT_EOC);
   EXPECT_TRUE(pbr->isClusterUsed(50));
 }
 
@@ -94,9 +81,6 @@ TEST(Fat, ChangedSectorsReachEveryCopyAsMergedRuns) {
     auto rest = writes();
     EXPECT_LE(rest.size(), 2u);
     for (const auto& r : rest) EXPECT_TRUE(r.start == 2048 + 1 || r.start == 2048 + 7) << r.start;
-    const uint8_t* card = f.driver->data_.data();
-    EXPECT_EQ(0, memcmp(card + size_t{fat1} * 512, card + size_t{fat2} * 512, 32 * 512));
-    for (uint32_t k : c.clusters) EXPECT_EQ(velt::le32(card + fat2 * 512ul + 4 * k), FAT_EOC);
   }
   // A change made under the lock and never flushed reaches both copies at the last release.
   pbr->lockFAT();

@@ -157,24 +157,12 @@ TEST(VolumeCore, DevicePathRules) {
 // their own files, only on a card with a sound format record.
 TEST(VolumeCore, PathsAndReservedFolders) {
   velt_test::FakeCard c;
-  auto add = [&](const std::shared_ptr<Entry>& parent, const char* name, const char* short_name,
-                 bool dir = false) {
-    auto e = std::make_shared<Entry>(c.v);
-    e->name_ = name;
-    e->short_name_ = short_name;
-    e->attr_ = dir ? velt::kAttrDirectory : velt::kAttrArchive;
-    e->is_dir_ = dir;
-    e->parent_ = parent.get();
-    parent->children_.push_back(e);
-    return e;
-  };
-  auto rec = add(c.root, "rec", "REC", true);
-  auto sub = add(rec, "Sub Folder", "SUBFOL~1", true);
-  auto deep = add(sub, "file.txt", "FILE.TXT");
-  auto in_rec = add(rec, "Long Name.txt", "LONGNA~1.TXT");
-  auto events = add(c.root, "EVENTS", "EVENTS", true);
-  auto other = add(c.root, "other", "OTHER", true);
-  auto top = add(c.root, "Rec", "REC");  // a root file named like a folder
+  auto rec = c.create("rec", true);
+  auto sub = c.create("Sub Folder", true, rec);  // SUBFOL~1
+  auto deep = c.create("file.txt", false, sub);
+  auto in_rec = c.create("Long Name.txt", false, rec);  // LONGNA~1.TXT
+  auto events = c.create("events");                     // a file named like a folder
+  auto other = c.create("other", true);
   const std::pair<const char*, std::shared_ptr<Entry>> paths[] = {
       {"/", c.root},
       {"", c.root},
@@ -184,6 +172,7 @@ TEST(VolumeCore, PathsAndReservedFolders) {
       {"/rec/longna~1.TXT", in_rec},
       {"/rec/Long Name.txt/x", nullptr},
       {"/rec/../EVENTS", nullptr},
+      {"/EVENTS", events},
       {"/rec/file.txt", nullptr},
       {"/re", nullptr},
   };
@@ -201,8 +190,8 @@ TEST(VolumeCore, PathsAndReservedFolders) {
   strcpy(fi.folders[2].name, "OTHER");  // beyond folder_count: not a folder
   c.pbr->is_velt_partition_ = true;
   const std::pair<std::shared_ptr<Entry>, velt::ReservedFolderDesc*> rows[] = {
-      {rec, &fi.folders[0]}, {in_rec, &fi.folders[0]}, {sub, nullptr},   {deep, nullptr},
-      {events, &fi.folders[1]}, {other, nullptr},      {top, nullptr},   {c.root, nullptr}};
+      {rec, &fi.folders[0]}, {in_rec, &fi.folders[0]}, {sub, nullptr},
+      {deep, nullptr},       {events, nullptr},        {other, nullptr}, {c.root, nullptr}};
   for (const auto& [entry, want] : rows) {
     EXPECT_EQ(c.v->entryToVELTFolder(entry), want) << entry->name_;
     EXPECT_EQ(c.v->isInVELTFolder(entry), want != nullptr) << entry->name_;
