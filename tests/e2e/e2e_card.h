@@ -47,12 +47,12 @@ class MountedCard {
                                card_->devicePath() + " REC:5:4");
       if (r.status != 0) return error_ = "mkfs.velt: " + r.out + r.err, false;
     }
-    std::filesystem::create_directories(mountPoint());
+    std::filesystem::create_directories(path());
     return mount(args);
   }
 
   bool mount(const std::vector<std::string>& args = {}) {
-    if (daemon_.start(card_->root(), mountPoint(), args)) return true;
+    if (daemon_.start(card_->root(), path(), args)) return true;
     daemon_.stop();
     error_ = "velt.fuse did not mount\nstdout:\n" + daemon_.out() + "\nstderr:\n" + daemon_.err();
     return false;
@@ -75,10 +75,9 @@ class MountedCard {
     }
   }
 
-  std::string mountPoint() const { return card_->dir() + "/mnt"; }
-  // An absolute path inside the mount.
+  // The mount point, or an absolute path inside the mount.
   std::string path(const std::string& relative = "") const {
-    return relative.empty() ? mountPoint() : mountPoint() + "/" + relative;
+    return card_->dir() + "/mnt" + (relative.empty() ? "" : "/" + relative);
   }
   // An mtools command ("mdir -/ ::/", "mtype ::/a") on the card's partition.
   ShellResult mtools(const std::string& command) const {

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
@@ -53,7 +54,7 @@ class ReservedModel {
   explicit ReservedModel(MountedCard& card) : card_(card), rec_(card.path("REC") + "/") {}
 
   std::map<std::string, std::string> recordings;  // published recordings and their bytes
-  int creations = 0;                              // this round's: each may recycle a recording
+  std::atomic<int> creations{0};                  // this round's: each may recycle a recording
 
   // What both kinds of writer do besides recording: attempts the folder refuses, and touching,
   // restarting and deleting one's own recordings (which a recycling may have taken meanwhile).
@@ -84,7 +85,8 @@ class ReservedModel {
     } else {
       int r = unlink(path.c_str());
       EXPECT_TRUE(r == 0 || errno == ENOENT) << mine << ": " << strerror(errno);
-      locked([&] { recordings.erase(mine); });
+      std::lock_guard lock(mutex_);
+      recordings.erase(mine);
     }
   }
 
@@ -97,7 +99,7 @@ class ReservedModel {
       EXPECT_EQ(errno, ENOSPC) << name << ": " << strerror(errno);  // every file open
       return;
     }
-    created();
+    ++creations;
     int reader = open(path.c_str(), O_RDONLY);
     ASSERT_GE(reader, 0) << name << ": " << strerror(errno);
     EXPECT_EQ(unlink(path.c_str()), -1);  // an open file stays
@@ -127,7 +129,7 @@ class ReservedModel {
       EXPECT_EQ(fd, -ENOSPC) << name;
       return;
     }
-    created();
+    ++creations;
     std::string bytes;
     for (int i = 0, pieces = 1 + static_cast<int>(rng() % 4); i < pieces; ++i) {
       std::string piece = randomPiece(rng);
@@ -176,31 +178,23 @@ class ReservedModel {
           << it->first;
       ++it;
     }
-    EXPECT_LE(missing, creations) << "recordings lost without a recycling";
+    EXPECT_LE(missing, creations.load()) << "recordings lost without a recycling";
     for (const auto& name : listed) EXPECT_EQ(recordings.count(name), 1u) << "stray " << name;
     return listed;
   }
 
  private:
-  template <class F>
-  void locked(F f) {
-    std::lock_guard lock(mutex_);
-    f();
-  }
   void add(const std::string& name, const std::string& bytes) {
-    locked([&] { recordings[name] = bytes; });
-  }
-  void created() {
-    locked([&] { ++creations; });
+    std::lock_guard lock(mutex_);
+    recordings[name] = bytes;
   }
   // A published recording this writer made (its prefix), or "".
   std::string pick(std::mt19937& rng, const std::string& prefix) {
     std::vector<std::string> own;
-    locked([&] {
-      for (const auto& entry : recordings) {
-        if (entry.first.rfind(prefix, 0) == 0) own.push_back(entry.first);
-      }
-    });
+    std::lock_guard lock(mutex_);
+    for (const auto& entry : recordings) {
+      if (entry.first.rfind(prefix, 0) == 0) own.push_back(entry.first);
+    }
     return own.empty() ? "" : own[rng() % own.size()];
   }
 

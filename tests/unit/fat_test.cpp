@@ -1,5 +1,5 @@
 // The in-memory FAT over a fake card: allocation, the counted lock and the sectors it writes,
-// the format's geometry. Chains that loop are the damaged-card table's.
+// the format's geometry.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +12,7 @@ using velt::FAT_EOC;
 using velt_test::DriverRequest;
 using velt_test::FakeVolume;
 
-TEST(Fat, AllocationWrapsAndReportsAShortfall) {
+TEST(Fat, AllocationWrapsLoopingChainsEndAndAShortfallIsReported) {
   FakeVolume f(131072);  // 64 MiB: partition at 2048, 32 sectors a cluster, 2 FATs of 32 sectors
   ASSERT_TRUE(f.formatInMemory());
   auto* pbr = f.volume->pbr_;
@@ -25,6 +25,17 @@ TEST(Fat, AllocationWrapsAndReportsAShortfall) {
   EXPECT_EQ(pbr->allocCluster(false), 4);
   pbr->next_free_cluster_number_ = 0xFFFFFFFFu;
   EXPECT_EQ(pbr->allocCluster(false), 5);
+  // A chain that loops ends every walk with an error, and freeing it frees each cluster once.
+  pbr->fat1_[30] = 31;
+  pbr->fat1_[31] = 32;
+  pbr->fat1_[32] = 30;
+  EXPECT_FALSE(pbr->checkClusterChains(30, 1));
+  EXPECT_EQ(pbr->getClusterCount(30), -1);
+  EXPECT_EQ(pbr->setClusterChainUsed(30), -1);
+  const uint32_t free_before = pbr->free_cluster_count_;
+  EXPECT_EQ(pbr->freeClusterChains(30, false), 0);
+  EXPECT_EQ(pbr->fat1_[30] | pbr->fat1_[31] | pbr->fat1_[32], 0u);
+  EXPECT_EQ(pbr->free_cluster_count_, free_before + 3);
   // A nearly full table: every free cluster taken but 10, 20, 30, 40 and 50.
   for (uint32_t c = 3; c < pbr->num_clusters_; ++c) {
     if (c % 10 == 0 && c <= 50) continue;
