@@ -189,7 +189,8 @@ time_t fatToTime(uint16_t date, uint16_t time) {
 static struct tm fatCalendar(time_t t) {
   struct tm tm;
   memset(&tm, 0, sizeof(tm));
-  localtime_r(&t, &tm);
+  // A time too far off for the calendar (its year overflows) is at one end of the range.
+  if (localtime_r(&t, &tm) == nullptr) tm.tm_year = t < 0 ? 0 : 300;
   if (tm.tm_year < 80) {
     tm.tm_year = 80;
     tm.tm_mon = 0;

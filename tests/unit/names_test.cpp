@@ -79,7 +79,8 @@ TEST(FatTime, DatesAtTheEdgesOfTheRange) {
                                    localTime(2000, 1, 1, 12, 34, 56), 0x2821, 0x645C},
                                {localTime(2107, 12, 31, 23, 59, 59), 0xFF9F, 0xBF7D},
                                {localTime(1979, 12, 31, 23, 59, 58), 0x0021, 0x0000},
-                               {localTime(2108, 1, 1, 0, 0, 0), 0xFF9F, 0xBF7D}}) {
+                               {localTime(2108, 1, 1, 0, 0, 0), 0xFF9F, 0xBF7D},
+                               {time_t{1} << 60, 0xFF9F, 0xBF7D}}) {
     EXPECT_EQ(velt::timeToFatDate(t), date) << t;
     EXPECT_EQ(velt::timeToFatTime(t), time) << t;
   }
