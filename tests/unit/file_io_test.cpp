@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <tuple>
 #include <vector>
 
@@ -144,7 +145,7 @@ TEST(BufferedWrite, ReadsSeeThePendingBufferEvenWhenTheCacheCannotHoldIt) {
                       f.driver->data_.data() + 0x10000 + 300 + data.size(), 300));
 }
 
-TEST(BufferedWrite, FailuresAndStaleCachedCopies) {
+TEST(BufferedWrite, FailuresStaleCopiesAndTheUnload) {
   FakeVolume f(8192);
   auto& v = *f.volume;
   ASSERT_EQ(v.createCache(1 << 20), 0);
@@ -166,6 +167,13 @@ TEST(BufferedWrite, FailuresAndStaleCachedCopies) {
   std::vector<uint8_t> out(512);
   ASSERT_EQ(v.read(out.data(), 512, 0), 512);
   EXPECT_EQ(out, other);
+  // The unload writes out what is pending.
+  ASSERT_EQ(v.write(data.data(), 1024, 0x8000, true), 1024);
+  {
+    std::lock_guard<std::mutex> lock(v.mutex_);
+    v.unload();
+  }
+  EXPECT_EQ(0, memcmp(f.disk->data() + 0x8000, data.data(), data.size()));
   // Without a cache, a partial sector needs the sector's content; a failed read fails the write.
   FakeVolume g(8192);
   g.driver->queueReadAnswer(0);
