@@ -226,7 +226,9 @@ static bool writeDirect(VELT& v, int64_t first, int count, const uint8_t* src, b
     const int result =
         v.driver_->writeSectors(static_cast<uint32_t>(first + done), ask, src + done * VELT_SECTOR_SIZE);
     if (result != ask) {
-      // What the card holds there is unknown now: no copy of it may be trusted.
+      // The pieces before this one are on the card; what it holds in this one is unknown now,
+      // so no copy of it may be trusted.
+      v.cacheSectors(first, done, src, cache);
       v.cacheSectors(first + done, ask, nullptr, false);
       LOGE("write.io_write error\n");
       errno = EIO;

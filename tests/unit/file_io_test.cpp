@@ -167,6 +167,16 @@ TEST(BufferedWrite, FailuresStaleCopiesAndTheUnload) {
   std::vector<uint8_t> out(512);
   ASSERT_EQ(v.read(out.data(), 512, 0), 512);
   EXPECT_EQ(out, other);
+  // A large aligned write goes to the card piece by piece: when a later piece fails, the cached
+  // copies of the pieces before it show what they now hold on the card.
+  std::vector<uint8_t> big = bytes(2 << 20, 5), seen(512);
+  ASSERT_EQ(v.write(other.data(), 512, 0x100000, true), 512);
+  ASSERT_EQ(v.flush(), 0);
+  f.driver->queueWriteAnswer(2048);
+  f.driver->queueWriteAnswer(-1);
+  EXPECT_EQ(v.write(big.data(), static_cast<uint32_t>(big.size()), 0x100000, true), -1);
+  ASSERT_EQ(v.read(seen.data(), 512, 0x100000), 512);
+  EXPECT_EQ(0, memcmp(seen.data(), big.data(), 512));
   // The unload writes out what is pending.
   ASSERT_EQ(v.write(data.data(), 1024, 0x8000, true), 1024);
   {
