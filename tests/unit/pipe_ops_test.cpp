@@ -96,10 +96,9 @@ struct Queues {
   }
   // A request as the receiver makes it, stamped with the channel clock, queued.
   VELTWorkItem* queue(int32_t fd, uint32_t op, int64_t offset, int32_t param, uint32_t size,
-                      uint8_t fill = 0, uint32_t new_size_offset = 0) {
+                      uint8_t fill = 0) {
     auto* r = new VELTWorkItem(fd, op, offset, param, size);
     if (size > 0) memset(r->data_, fill, size);
-    r->new_size_offset_ = new_size_offset;
     r->created_ = r->updated_ = now;
     std::lock_guard<std::mutex> lock(v.request_mutex_);
     v.__queueRequest(r);
