@@ -1,7 +1,7 @@
 // Cards made by sfdisk, mkfs.fat and mtools, loaded through the library: the geometry it reads
 // against what fsck.fat reports, and the tree, names, sizes and bytes against what
 // mtools wrote; what the partition table and the VELT mark make the load refuse; what an
-// exclusive load does with a damaged tree and with an existing mount of the partition.
+// exclusive load does with an existing mount of the partition.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -202,74 +201,6 @@ TEST(CardLayout, PartitionTableAndVeltMarkDecideWhatLoads) {
     EXPECT_EQ(l.volume->getSignature(sig, sizeof(sig)), 12);
     EXPECT_STREQ(sig, "sig-of-card!");
     l.volume.reset();
-  }
-}
-
-// Damage that a load in mount mode repairs (rows of the damaged-card table), met in exclusive
-// mode: refused, or loaded without repairing; the card is never written.
-TEST(CardLayout, ExclusiveLoadNeverWritesADamagedTree) {
-  CardImage pristine(smallClusterCard(64));
-  ASSERT_TRUE(pristine.ok()) << pristine.error();
-  ASSERT_EQ(formatCard(pristine, FormatInfo()), 0);
-  pristine.mkdir("/delta dir");
-  for (const char* f :
-       {"alpha long name file.txt", "bravo has a much longer name here.txt", "charlie.txt",
-        "README.TXT", "delta dir/inner file.txt", "echo file with long name.txt"})
-    pristine.put(std::string("/") + f, patternBytes(3000, 1));
-  const char* bravo = "bravo has a much longer name here.txt";
-  struct Row {
-    const char* what;
-    bool refused;  // kVELTNeedFormat, else loaded with the entry skipped
-    std::function<void(const FatImage&)> damage;
-  } rows[] = {
-      {"long-name order missing", false,
-       [&](const FatImage& img) {
-         auto e = *img.find(img.rootCluster(), bravo);
-         img.putRecord(e.lfn[1], img.record(e.lfn[0]));
-         img.putByte(e.lfn[0], 0xE5);
-       }},
-      {"long name without its short-name record before an empty record", false,
-       [](const FatImage& img) {
-         img.putRecord(img.entries(img.rootCluster()).back().sfn, std::string(32, '\0'));
-       }},
-      {"long-name checksum mismatch", true,
-       [&](const FatImage& img) {
-         const auto e = *img.find(img.rootCluster(), bravo);
-         for (int64_t off : e.lfn) img.putByte(off + 13, img.byteAt(off + 13) ^ 0x5A);
-       }},
-      {"comma in a short name", true,
-       [](const FatImage& img) {
-         img.putByte(img.find(img.rootCluster(), "README.TXT")->sfn + 4, ',');
-       }},
-      {"folder whose chain runs into a bad cluster", true,
-       [](const FatImage& img) {
-         img.setFat(img.find(img.rootCluster(), "delta dir")->cluster, 0x0FFFFFF7);
-       }},
-      {"file size beyond its chain", true,
-       [](const FatImage& img) {
-         const int64_t sfn = img.find(img.rootCluster(), "README.TXT")->sfn;
-         std::string r = img.record(sfn);
-         putLe(&r, 28, 100000, 4);
-         img.putRecord(sfn, r);
-       }},
-  };
-  CardImage card(smallClusterCard(64));
-  ASSERT_TRUE(card.ok());
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.what);
-    ASSERT_TRUE(card.copyFrom(pristine));
-    row.damage(FatImage(card));
-    const std::string before = card.contents();
-    Loaded x = loadCard(card, kVELTOpExclusive);
-    if (row.refused) {
-      EXPECT_EQ(x.error, kVELTNeedFormat) << x.log;
-      EXPECT_EQ(x.volume, nullptr);
-    } else {
-      EXPECT_EQ(x.error, 0) << x.log;
-      EXPECT_NE(x.log.find("skip this entry (not error)"), std::string::npos) << x.log;
-    }
-    x.volume.reset();
-    EXPECT_TRUE(card.contents() == before) << "exclusive mode wrote to the card";
   }
 }
 
