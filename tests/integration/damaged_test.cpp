@@ -334,6 +334,7 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
     ASSERT_NO_FATAL_FAILURE(row.damage(xctx));
     const std::string untouched = card.contents();
     Loaded x = loadCard(card, kVELTOpExclusive);
+    EXPECT_TRUE(x.error != 0 || x.log.find("repair:") == std::string::npos) << x.log;
     x.volume.reset();
     EXPECT_TRUE(card.contents() == untouched) << "exclusive mode wrote to the card";
 
