@@ -151,52 +151,67 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
   }
 }
 
-// Every refusal: exit code 1, one line on standard error, nothing on the card changed.
-TEST(MkfsVeltTool, RefusalsChangeNothing) {
+// Every refusal of either tool: its exit code (mkfs.velt 1, fsck.velt 8), one line on standard
+// error, nothing on the card changed.
+TEST(VeltTools, RefusalsPrintOneLineAndChangeNothing) {
   // 32 MiB leaves a partition of 31 MiB: fewer than 65525 clusters even of one sector. Any
   // program named velt.fuse with the served card's VELT_ROOT stands for the daemon.
   CardImage card(cardOf(64)), small(cardOf(32)), served(cardOf(64));
   ASSERT_TRUE(card.ok() && small.ok() && served.ok()) << card.error();
-  const std::string fake = served.dir() + "/velt.fuse";
+  const std::string fake = served.dir() + "/velt.fuse", junk = card.dir() + "/junk.img";
+  writeFileBytes(junk, std::string(1 << 20, 'x'));
   ASSERT_EQ(runShell("cp \"$(command -v sleep)\" " + shellQuote(fake)).status, 0);
   const pid_t pid = atoi(runShell("VELT_ROOT=" + shellQuote(served.root()) + " " +
                                   shellQuote(fake) + " 60 >/dev/null 2>&1 & echo $!")
                              .out.c_str());
   ASSERT_GT(pid, 0);
-  auto refused = [](const CardImage& card, const std::string& args, const std::string& message) {
-    SCOPED_TRACE(args);
-    ShellResult r = mkfsVelt(card, args);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err.rfind("mkfs.velt: ", 0), 0u) << r.err;
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-    if (!message.empty()) {
-      EXPECT_EQ(r.err, message);
-    }
+  struct Row {
+    const CardImage* card;  // mkfs.velt's; null for fsck.velt
+    std::string args, message;
   };
-  const CardImage* cards[] = {&card, &small, &served};
-  std::vector<std::string> before;
-  for (const CardImage* c : cards) before.push_back(checksum(c->image()));
-  const char* p = "/dev/mmcblk0p1 ";
+  std::vector<Row> rows = {
+      {&small, "/dev/mmcblk0p1 REC:40:4",
+       "mkfs.velt: cannot format \"/dev/mmcblk0p1\": the partition is too small for FAT32: "
+       "31744 KiB, it needs at least 33290 KiB\n"},
+      {&served, "/dev/mmcblk0p1 REC:40:16",
+       "mkfs.velt: \"/dev/mmcblk0p1\" is in use (served by velt.fuse (pid " + std::to_string(pid) +
+           ")); unmount it first\n"},
+      {nullptr, "", "fsck.velt: no card given (see --help)\n"},
+      {nullptr, "-n -a x", "fsck.velt: -n and -a exclude each other\n"},
+      {nullptr, "-p 5 x", "fsck.velt: partition \"5\" must be 1 to 4\n"},
+      {nullptr, "-z x", "fsck.velt: unknown option -z (see --help)\n"},
+      {nullptr, "/nonexistent/card.img",
+       "fsck.velt: cannot open \"/nonexistent/card.img\": No such file or directory\n"},
+      {nullptr, "-n " + shellQuote(junk),
+       "fsck.velt: \"" + junk +
+           "\" holds neither a partition table with a FAT32 partition nor a FAT32 boot sector\n"},
+  };
   for (std::string args : {"", "/dev/sda1", "/dev/mmcblk0p01", "/dev/mmcblk0",
                            "/dev/mmcblk0p2",  // no such node in the sandbox
                            "-m", "-m X /dev/mmcblk0p1 REC:40:16", "-L ABCDEFGHIJKL /dev/mmcblk0p1",
                            "-L A:B /dev/mmcblk0p1", "-L '' /dev/mmcblk0p1", "-z /dev/mmcblk0p1",
-                           "--bogus /dev/mmcblk0p1"}) {
-    refused(card, args, "");
-  }
+                           "--bogus /dev/mmcblk0p1"})
+    rows.push_back({&card, args, ""});
   for (std::string folders : {"REC", "REC:40", "REC:40:16:1", "REC:0:16", "REC:101:16", "REC:4x:16",
                               "REC:40:0", "REC:40:4096", ":40:16", "R.C:40:16", "'R*C:40:16'",
                               "ABCDEFGHIJKL:10:16", "A:10:1 B:10:1 C:10:1 D:10:1 E:10:1",
-                              "REC:40:16 rec:10:4", "A:60:16 B:50:16", "REC:40:16 -m"}) {
-    refused(card, p + folders, "");
+                              "REC:40:16 rec:10:4", "A:60:16 B:50:16", "REC:40:16 -m"})
+    rows.push_back({&card, "/dev/mmcblk0p1 " + folders, ""});
+  const CardImage* cards[] = {&card, &small, &served};
+  std::vector<std::string> before;
+  for (const CardImage* c : cards) before.push_back(checksum(c->image()));
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.args);
+    ShellResult r = row.card != nullptr ? mkfsVelt(*row.card, row.args) : fsckVelt(row.args);
+    EXPECT_EQ(r.status, row.card != nullptr ? 1 : 8);
+    if (row.card != nullptr) EXPECT_EQ(r.out, "");
+    if (!row.message.empty()) {
+      EXPECT_EQ(r.err, row.message);
+      continue;
+    }
+    EXPECT_EQ(r.err.rfind("mkfs.velt: ", 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
   }
-  refused(small, "/dev/mmcblk0p1 REC:40:4",
-          "mkfs.velt: cannot format \"/dev/mmcblk0p1\": the partition is too small for FAT32: "
-          "31744 KiB, it needs at least 33290 KiB\n");
-  refused(served, "/dev/mmcblk0p1 REC:40:16",
-          "mkfs.velt: \"/dev/mmcblk0p1\" is in use (served by velt.fuse (pid " +
-              std::to_string(pid) + ")); unmount it first\n");
   kill(pid, SIGTERM);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(checksum(cards[i]->image()), before[i]);
 }
@@ -386,31 +401,6 @@ TEST(FsckVeltTool, RandomDamageIsRepairedOnce) {
     repaired += repair.status == 1;
   }
   EXPECT_GT(repaired, 12) << "the damage hardly ever mattered";
-}
-
-TEST(FsckVeltTool, RefusesWhatItCannotCheck) {
-  TempDir dir;
-  const std::string junk = dir.path() + "/junk.img";
-  writeFileBytes(junk, std::string(1 << 20, 'x'));
-  struct Row {
-    std::string args, message;
-  } rows[] = {
-      {"", "fsck.velt: no card given (see --help)\n"},
-      {"-n -a x", "fsck.velt: -n and -a exclude each other\n"},
-      {"-p 5 x", "fsck.velt: partition \"5\" must be 1 to 4\n"},
-      {"-z x", "fsck.velt: unknown option -z (see --help)\n"},
-      {"/nonexistent/card.img",
-       "fsck.velt: cannot open \"/nonexistent/card.img\": No such file or directory\n"},
-      {"-n " + shellQuote(junk), "fsck.velt: \"" + junk +
-                                     "\" holds neither a partition table with a FAT32 partition "
-                                     "nor a FAT32 boot sector\n"},
-  };
-  for (const Row& c : rows) {
-    SCOPED_TRACE(c.args);
-    ShellResult r = fsckVelt(c.args);
-    EXPECT_EQ(r.status, 8);
-    EXPECT_EQ(r.err, c.message);
-  }
 }
 
 }  // namespace
