@@ -282,13 +282,9 @@ TEST(FsckVeltTool, FindsAndRepairsWhatTheMountWould) {
       {"long-name records without their entry",
        [](const CardImage&, const FatImage& img) {
          // Two records of a long name after the last entry of the root, then nothing.
-         int64_t at = 0;
-         for (int64_t off : img.records(img.rootCluster())) {
-           if (img.byteAt(off) == 0) {
-             at = off;
-             break;
-           }
-         }
+         const auto recs = img.records(img.rootCluster());
+         const int64_t at = *std::find_if(recs.begin(), recs.end(),
+                                          [&](int64_t off) { return img.byteAt(off) == 0; });
          for (int seq : {0x42, 0x01}) {
            std::string r(32, '\0');
            r[0] = static_cast<char>(seq);
