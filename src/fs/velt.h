@@ -259,12 +259,9 @@ class VELT : public std::enable_shared_from_this<VELT> {
                            const char* mounts = "/proc/mounts", const char* proc = "/proc");
 
   // ===== Kernel caches (set by the front end, velt_tree.cpp) =====
-  // Called with the path of an entry whose data, size, visibility or existence changed other
-  // than through the kernel node that path names (the direct channel, publication, recycling,
-  // a write through another spelling), so that the attributes and file pages the kernel cached
-  // for it are dropped. Dropping pages waits for the node's mount reads and writes in flight:
-  // the caller holds no lock that their callbacks take (entry, file, I/O), unless the entry's
-  // data is never cached (a recording in a reserved folder).
+  // Called with the path of an entry whose size, visibility or existence changed other than
+  // through a callback of the front end (the direct channel, publication, recycling), so that
+  // the attributes the kernel cached for it are dropped. Must not block on entry locks.
   void invalidateKernelCache(const DirEntry* entry);
   void invalidateKernelCache(const std::string& path);
   bool hasKernelCache();

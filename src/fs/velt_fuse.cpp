@@ -268,24 +268,6 @@ void dropNames(VELT& velt, const std::vector<std::string>& names, bool gone = fa
   if (gone) nameDropper().drop(names);
 }
 
-bool inReservedFolder(VELT& velt, const VELT::DirEntry& entry) {
-  return entry.is_reserved_ || (!entry.is_dir_ && velt.entryToVELTFolder(&entry) != nullptr);
-}
-
-// Whether the kernel may keep the file's data in its page cache for an open through `path`.
-// Only an ordinary file opened through its stored spelling: every change made behind that
-// node (channel writes, writes through other spellings, deletion) drops its pages
-// (VELT::invalidateKernelCache), and each open starts with none (no keep_cache), so what is
-// missed is bounded by the open. Other spellings are other kernel nodes: reading them uncached
-// leaves one node per file to keep coherent. Recordings in reserved folders stay uncached:
-// takeover, recycling, restart and publication change them under the entry's files_mutex_,
-// which a cached read of the same node would wait on while the kernel holds its pages locked.
-// Writes stay write-through (no writeback cache), so fsync keeps its meaning.
-bool kernelCaches(VELT& velt, const VELT::DirEntry& entry, const char* path) {
-  return !entry.is_dir_ && path != nullptr && isStoredSpelling(entry, path) &&
-         !inReservedFolder(velt, entry);
-}
-
 // A release writes its file's record after the file has left its entry's list of open files,
 // and a deletion finding the list empty meanwhile would have its deleted record written over
 // (a live record pointing at freed clusters). Releases share this gate; deletions and renames,
@@ -532,7 +514,6 @@ int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
       }
     }
     fi->fh = file->file_no_;
-    fi->direct_io = kernelCaches(*c.velt, *c.entry, path) ? 0 : 1;
     return 0;
   });
 }
@@ -555,7 +536,7 @@ int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
   });
 }
 
-int VELTFuse::__write(const char* path, const char* buf, size_t size, off_t offset,
+int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t offset,
                       struct fuse_file_info* fi) {
   return guarded(__func__, [&] {
     Call c = onHandle(fi, -EINVAL, -ENOENT, true);
@@ -567,14 +548,7 @@ int VELTFuse::__write(const char* path, const char* buf, size_t size, off_t offs
       std::lock_guard lock(entry->files_mutex_);
       offset = entry->size_;
     }
-    int r = c.file->write(buf, size, offset);
-    // Written through another spelling (an uncached node): the stored spelling's node may hold
-    // pages. Its own writes never notify, so this waits at most for its calls in flight.
-    if (r > 0 && entry != nullptr && path != nullptr && !isStoredSpelling(*entry, path) &&
-        !inReservedFolder(*c.velt, *entry)) {
-      c.velt->invalidateKernelCache(entry);
-    }
-    return r;
+    return c.file->write(buf, size, offset);
   });
 }
 
@@ -698,7 +672,6 @@ int VELTFuse::__create(const char* path, mode_t /*mode*/, struct fuse_file_info*
     if (!file) return lastError(-ENOMEM);
     file->setUsage(true, true);
     fi->fh = file->file_no_;
-    fi->direct_io = kernelCaches(velt, *entry, path) ? 0 : 1;
     return 0;
   });
 }
@@ -966,17 +939,17 @@ int VELTFuse::__fallocate(const char* /*path*/, int mode, off_t offset, off_t le
 // ---- Volume lifetime ----
 
 void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
-  // Whether file data is cached in the kernel is decided per open (kernelCaches). Inode numbers are
-  // the entries' own (one per entry, whatever spelling reached it); removed files are removed,
-  // never hidden under another name; the truncation of an open comes with the open itself.
+  // Every read and write reaches the callbacks with the caller's own size and offset; file data
+  // is not cached in the kernel. Inode numbers are the entries' own (one per entry, whatever
+  // spelling reached it); removed files are removed, never hidden under another name; the
+  // truncation of an open comes with the open itself.
   cfg->use_ino = 1;
   cfg->hard_remove = 1;
   if (conn != nullptr && (conn->capable & FUSE_CAP_ATOMIC_O_TRUNC)) {
     conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
   }
-  cfg->direct_io = 0;
+  cfg->direct_io = 1;
   cfg->kernel_cache = 0;
-  cfg->auto_cache = 0;
   cfg->nullpath_ok = 0;
   // Names and attributes are cached for a second: the kernel sees every change made through the
   // mount, and the volume reports the others (kernel_invalidate_ below). Names that do not
@@ -1006,10 +979,8 @@ void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
   setVolume(velt);
   if (struct fuse_context* context = fuse_get_context(); context != nullptr && context->fuse) {
     struct fuse* fuse = context->fuse;
-    // Drops the node's cached attributes and pages (no dentry or directory lock). Dropping pages
-    // waits for the node's reads and writes in flight, so it is called from no read or write
-    // of a cached node and with none of the locks their callbacks take (VELT::
-    // invalidateKernelCache).
+    // Drops only cached attributes (file data is never cached; no dentry or directory lock), so
+    // it is safe from any thread.
     velt->setKernelInvalidate(
         [fuse](const std::string& path) { fuse_invalidate_path(fuse, path.c_str()); });
     if (options_.mount_path != nullptr) {

@@ -150,10 +150,9 @@ TEST(Startup, EachLoopServesAndStopsCleanly) {
   }
 }
 
-// The kernel caches a file's data for its stored spelling: a reader holding it open sees what
-// the channel and a writer through another spelling change behind that cache (bytes and size)
-// at once. One inode under every spelling; times; names FAT cannot hold.
-TEST(MountBehaviour, KernelCachesFollowChangesBehindThem) {
+// A reader holding a file open sees what the channel and a writer through another spelling
+// change behind its back (bytes and size) at once. One inode under every spelling; times; names FAT cannot hold.
+TEST(MountBehaviour, ChangesBehindTheReaderShowAtOnce) {
   MountedCard card;
   ASSERT_TRUE(card.start(CardKind::kPlain)) << card.error();
   auto p = [&](const std::string& rel) { return card.path(rel); };
@@ -168,7 +167,7 @@ TEST(MountBehaviour, KernelCachesFollowChangesBehindThem) {
     const ssize_t n = pread(fd, got.data(), got.size(), 0);
     return got.substr(0, static_cast<size_t>(std::max<ssize_t>(n, 0)));
   };
-  ASSERT_EQ(readBack(), data);  // now in the page cache
+  ASSERT_EQ(readBack(), data);
   {
     CardImage::RootScope root(card.card());
     client::DirectClient channel;
