@@ -472,8 +472,8 @@ void VELT::pipe_reader() {
     bool hung_up = false;
     bool paused = false;
     while (!direct_stop_) {
-      // Back-pressure: while the channel holds too much, the client's writes wait in the pipe.
-      // A client that has gone away sends nothing more, so what it left is read regardless.
+      // Back-pressure: while the channel holds too much, the client's writes wait in the pipe;
+      // what a client that has gone away left there waits too, until its writes make room.
       if (direct_buffers_->held() > direct_held_max_) {
         if (!paused) {
           paused = true;
