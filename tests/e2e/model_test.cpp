@@ -2,8 +2,8 @@
 // appends, O_TRUNC, truncation both ways, renames of files and folders including case-only ones
 // and onto existing targets, mkdir, rmdir, unlink, utimens, chmod, writes through and removal of
 // open entries, names reached by other spellings) are made on the mounted card and on a folder
-// of the host, and the trees are compared after every step. Afterwards fsck.fat judges the card,
-// mtype reads every file back, and the daemon mounts the card again and finds the same tree.
+// of the host, and the trees are compared after every step. Afterwards fsck.fat judges the card
+// and the daemon mounts the card again and finds the same tree.
 //
 // VELT_MODEL_SEED and VELT_MODEL_OPS reproduce or lengthen a run; VELT_DAEMON points the test at
 // another build of the daemon (the sanitizer build).
@@ -322,18 +322,11 @@ TEST_P(ModelTest, RandomOperationsAgreeWithAHostFolder) {
     }
     EXPECT_FALSE(HasFailure()) << "seed " << seed << " (VELT_MODEL_SEED)";
   }
+  // What the callbacks write, another implementation reads (the in-process model's mtype
+  // checks); here the daemon loads again what it wrote.
   mounted.unmountAndCheck();
-  // Another implementation reads every file as the host has it.
-  const Tree tree = snapshot(host_root);
-  for (const auto& [path, node] : tree) {
-    if (node.dir) continue;
-    ShellResult r = mounted.mtools("mtype ::/model" + shellQuote(path));
-    EXPECT_EQ(r.status, 0) << path << r.err;
-    EXPECT_TRUE(r.out == node.data) << path << ": " << r.out.size() << " of " << node.data.size();
-  }
-  // And the daemon loads what it wrote.
   ASSERT_TRUE(mounted.mount()) << mounted.error();
-  EXPECT_EQ(differences(snapshot(card_root), tree), "");
+  EXPECT_EQ(differences(snapshot(card_root), snapshot(host_root)), "");
   mounted.unmount();
 }
 

@@ -1,7 +1,8 @@
 // The programs mkfs.velt and fsck.velt. mkfs.velt: the cards it formats (judged by fsck.fat, by
 // mtools with no overrides and by a load), the summary it prints, and its refusals, which leave the
 // card as it was. fsck.velt: what it finds on damaged cards, its exit codes and refusals, that -n
-// writes nothing, and that a card it repaired passes fsck.fat and checks clean the next time.
+// writes nothing, and that a card it repaired passes fsck.fat and checks clean the next time
+// (which repairs the load makes, and that they hold, is the damaged-card table's).
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -48,7 +49,7 @@ ShellResult userMtools(const CardImage& card, const std::string& tool, const std
 
 // Cards of every size class, blank, partitioned or already FAT32 (with a root file and a folder):
 // the summary says how the shares of the whole free space became files, and what the tool
-// writes passes fsck.fat, mdir and mcopy and loads with every reserved file in one piece.
+// writes passes fsck.fat and mdir and loads with every reserved file in one piece.
 TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
   enum Start { kBlank, kPartitioned, kFat32 };
   struct Row {
@@ -136,18 +137,6 @@ TEST(MkfsVeltTool, FormatsCardsThatEveryToolAccepts) {
       ShellResult list = userMtools(card, "mdir", std::string("-a ::/") + desc.name);
       EXPECT_NE(list.out.find("2 files"), std::string::npos) << desc.name << list.out;
     }
-    l.volume.reset();
-
-    // Another implementation writes to the card and reads it back.
-    const std::string data = patternBytes(300000, static_cast<unsigned>(c.size_mb));
-    writeFileBytes(card.dir() + "/in.bin", data);
-    ShellResult put = userMtools(card, "mcopy", shellQuote(card.dir() + "/in.bin") + " ::/in.bin");
-    EXPECT_EQ(put.status, 0) << put.err;
-    ShellResult back =
-        userMtools(card, "mcopy", "::/in.bin " + shellQuote(card.dir() + "/out.bin"));
-    EXPECT_EQ(back.status, 0) << back.err;
-    EXPECT_TRUE(readFileBytes(card.dir() + "/out.bin") == data);
-    EXPECT_TRUE(fsckShowsOnlyReservedFiles(card));
   }
 }
 
@@ -272,13 +261,6 @@ TEST(FsckVeltTool, FindsAndRepairsWhatTheMountWould) {
     bool partition_alone = false;  // checked as a partition image instead of the whole card
   } rows[] = {
       {"clean", [](const CardImage&, const FatImage&) {}, nullptr},
-      {"chain looping back to its start",
-       [](const CardImage&, const FatImage& img) {
-         auto a_bin = img.find(img.rootCluster(), "a.bin");
-         const uint32_t a = (a_bin ? a_bin : img.find(img.rootCluster(), "A.BIN"))->cluster;
-         img.setFat(a + 2, a);
-       },
-       "FAT 1:"},
       {"long-name records without their entry",
        [](const CardImage&, const FatImage& img) {
          // Two records of a long name after the last entry of the root, then nothing.
@@ -353,50 +335,6 @@ TEST(FsckVeltTool, FindsAndRepairsWhatTheMountWould) {
     EXPECT_EQ(card.type("/DIR/c.txt"), "kept\n");
     EXPECT_EQ(card.type("/b.bin"), patternBytes(5 * 512, 2));
   }
-}
-
-// Random damage to the FAT and the folders: whatever it is, -n writes nothing, the verdict is one
-// of the checker's, and a card it repaired checks clean the next time.
-TEST(FsckVeltTool, RandomDamageIsRepairedOnce) {
-  CardImage base(smallClusterCard(64)), card(smallClusterCard(64));
-  ASSERT_TRUE(base.ok() && card.ok()) << base.error();
-  for (const char* dir : {"/A", "/B"}) {
-    base.mkdir(dir);
-    for (int f = 1; f <= 4; ++f) {
-      base.put(std::string(dir) + "/a long file name " + std::to_string(f) + ".bin",
-               patternBytes(700 * f * f, f));
-    }
-  }
-  base.put("/root.txt", patternBytes(5000, 9));
-  const FatImage img(base);
-  uint32_t x = 12345;
-  auto next = [&x] { return x = x * 1103515245u + 12345u, x >> 8; };
-  int repaired = 0;
-  for (int round = 0; round < 24; ++round) {
-    SCOPED_TRACE("round " + std::to_string(round));
-    ASSERT_TRUE(card.copyFrom(base));
-    for (int k = 0; k < 8; ++k) {
-      // The first FAT sectors, or the first sectors of the data area (root and folders).
-      const int64_t at = next() % 2 ? img.fatOffset(0, 0) + next() % 1024
-                                    : img.clusterOffset(2) + next() % (40 * 512);
-      card.writeBytes(at, std::string(1, static_cast<char>(next())));
-    }
-    const std::string before = checksum(card.image());
-    ShellResult look = fsckVelt("-n " + shellQuote(card.image()));
-    EXPECT_EQ(checksum(card.image()), before) << "-n wrote to the card";
-    EXPECT_TRUE(look.status == 0 || look.status == 4) << look.status << look.out << look.err;
-    ShellResult repair = fsckVelt(shellQuote(card.image()));
-    if (look.out.find("the card does not load") != std::string::npos) {
-      // Nothing the load could repair: the card stays as it was.
-      EXPECT_EQ(repair.status, 4) << repair.out;
-      EXPECT_EQ(checksum(card.image()), before);
-      continue;
-    }
-    EXPECT_EQ(repair.status, look.status == 0 ? 0 : 1) << repair.out << repair.err;
-    EXPECT_EQ(fsckVelt("-n " + shellQuote(card.image())).status, 0);
-    repaired += repair.status == 1;
-  }
-  EXPECT_GT(repaired, 12) << "the damage hardly ever mattered";
 }
 
 }  // namespace
