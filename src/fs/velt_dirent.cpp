@@ -176,6 +176,7 @@ int VELT::DirEntry::update2(bool is_accessed, bool is_modified) {
         name_.c_str());
     return 0;
   }
+  if (removed_) return 0;  // the records are gone
   if (!isArchive()) NERIO_ASSERT_TEXT("isArchive()");
   if (dir_ent_disk_off_ == 0) {
     NERIO_ASSERT_TEXT("dir_ent_disk_off_ != 0");

@@ -223,6 +223,8 @@ class VELT::DirEntry {
   // Open files of this entry (velt_dirent_files.cpp).
   int addFile(const std::shared_ptr<File>& file);
   int removeFile(const std::shared_ptr<File>& file);
+  // Frees the clusters a removal kept for open files once the last of them has gone.
+  void freeKeptChain();
   // Completes the parked reads that the data written so far can serve; caller holds
   // files_mutex_. Returns how many were completed.
   int checkFiles();
@@ -283,6 +285,11 @@ class VELT::DirEntry {
   bool is_reserved_ = false;
   bool is_secured_ = false;
   bool cluster_map_loaded_ = false;  // guarded by map_mutex_
+  // Set, under files_mutex_, once the entry's records leave the card (deleted, or replaced by a
+  // rename): its open files write no record any more. kRemovedKeepingChain: its clusters stay
+  // allocated for the open files and go with the last of them.
+  uint8_t removed_ = 0;
+  static constexpr uint8_t kRemoved = 1, kRemovedKeepingChain = 2;
 };
 
 }  // namespace velt

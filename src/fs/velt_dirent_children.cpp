@@ -593,19 +593,33 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
       LOGE("[%s] is not empty. %d valid entries exist\n", child->getPath().c_str(), count);
       return -ENOTEMPTY;
     }
-  } else if (child->isArchive()) {
+  }
+  // An open file is busy, unless every handle on it is closing (its release not yet here): then
+  // the name goes now and the clusters with the last release. Recordings of reserved folders
+  // and files of the channel are never closing.
+  bool keep_chain = false;
+  if (child->isArchive()) {
     std::lock_guard lock(child->files_mutex_);
-    if (!child->files_.empty()) {
+    keep_chain = !child->files_.empty();
+    for (const auto& file : child->files_) {
+      if (velt_folder_ == nullptr && file->closing_) continue;
       LOGE("[%s] is busy, opened files#%d\n", child->getPath().c_str(),
            static_cast<int>(child->files_.size()));
       return -EBUSY;
     }
+    child->removed_ = keep_chain ? kRemovedKeepingChain : kRemoved;
   }
+  // A failed removal leaves the entry as it was, its open files writing its record again.
+  auto failed = [&child](int error) {
+    std::lock_guard lock(child->files_mutex_);
+    child->removed_ = 0;
+    return error;
+  };
 
   uint8_t name11[11];
   shortNameToName83(child->short_name_.c_str(), name11);
   if (changeEntryMapValue(child, child->dir_ent_disk_off_, name11[0], DIR_ENTRY_DELETED) < 0) {
-    return -1;
+    return failed(-1);
   }
   time_t now = time(nullptr);
   child->access_date_ = timeToFatDate(now);
@@ -615,7 +629,7 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
   if (velt_->read(record, DIR_RECORD_SIZE, child->dir_ent_disk_off_) < DIR_RECORD_SIZE) {
     int e = errno ? errno : EIO;
     LOGE("[%s] delete error %d(%s)\n", child->getPath().c_str(), e, strerror(e));
-    return -e;
+    return failed(-e);
   }
   child->fillRecord(record);  // byte 12 stays as read
   rec::markDeleted(record, child->short_name_.c_str());
@@ -623,7 +637,7 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
   if (velt_->write(record, DIR_RECORD_SIZE, child->dir_ent_disk_off_, true) != DIR_RECORD_SIZE) {
     int e = errno ? errno : EIO;
     LOGE("[%s] delete error %d(%s)\n", child->getPath().c_str(), e, strerror(e));
-    return -e;
+    return failed(-e);
   }
 
   if (velt_folder_ != nullptr && child->isArchive()) {
@@ -632,8 +646,10 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
   } else {
     deleteLongNameRecords(*child);
     // The chain is freed only once no record on the card points at it any more.
-    if (child->start_cluster_ != 0 && velt_->sync() != 0) return -EIO;
-    velt_->pbr_->freeClusterChains(child->start_cluster_, false);
+    if (!keep_chain) {
+      if (child->start_cluster_ != 0 && velt_->sync() != 0) return -EIO;
+      velt_->pbr_->freeClusterChains(child->start_cluster_, false);
+    }
   }
   removeChild(child, true);
   return 0;

@@ -49,6 +49,23 @@ int VELT::DirEntry::removeFile(const std::shared_ptr<File>& file) {
   return 0;
 }
 
+void VELT::DirEntry::freeKeptChain() {
+  uint32_t chain;
+  {
+    std::lock_guard lock(files_mutex_);
+    if (removed_ != kRemovedKeepingChain || !files_.empty()) return;
+    removed_ = kRemoved;
+    chain = start_cluster_;
+  }
+  // The deleted record went out before the data still buffered; both reach the card before the
+  // chain is free for others.
+  if (chain == 0 || velt_->sync() != 0) return;  // a chain left behind is freed at the next load
+  velt_->pbr_->freeClusterChains(chain, false);
+  std::lock_guard<std::mutex> reserved_lock(velt_->reserved_mutex_);
+  std::lock_guard<std::mutex> fat_lock(velt_->pbr_->fat_mutex_);
+  velt_->pbr_->updateFSInfo();
+}
+
 // Gives a parked request its data (or its failure) and hands it to the replier. The request
 // is the replier's afterwards, or freed here when the channel no longer takes replies.
 static void completeRequest(VELT* velt, VELT::File& file, VELTWorkItem* request, int result) {

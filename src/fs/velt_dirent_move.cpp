@@ -7,6 +7,7 @@
 
 #include "fs/velt_dirent.h"
 #include "fs/velt_endian.h"
+#include "fs/velt_file.h"
 
 namespace velt {
 
@@ -243,9 +244,12 @@ int VELT::DirEntry::replaceChild(const std::shared_ptr<DirEntry>& child,
 
   try {
     // Closes and commits write a record where its entry says it is, under files_mutex_; an
-    // open target is refused as an unlink refuses it, and stays unopened until it is gone.
+    // open target is refused as an unlink refuses it (closing handles keep its chain until the
+    // last goes), and stays unopened until it is gone.
     std::scoped_lock files_lock(child->files_mutex_, target->files_mutex_);
-    if (!target->files_.empty()) {
+    const bool keep_chain = !target->files_.empty();
+    for (const auto& file : target->files_) {
+      if (file->closing_) continue;
       LOGE("[%s] is busy, opened files#%d\n", target->getPath().c_str(),
            static_cast<int>(target->files_.size()));
       return -EBUSY;
@@ -289,6 +293,7 @@ int VELT::DirEntry::replaceChild(const std::shared_ptr<DirEntry>& child,
         velt_->sync() != 0) {
       return failed("writing the target's record");
     }
+    target->removed_ = keep_chain ? kRemovedKeepingChain : kRemoved;
 
     // The target's name holds the file now: the entry takes the target's place in the tree.
     const uint32_t old_chain = target->start_cluster_;
@@ -318,7 +323,7 @@ int VELT::DirEntry::replaceChild(const std::shared_ptr<DirEntry>& child,
       result = failed("deleting the source's record");
     }
     deleteRecordsAt(velt_, *this, src_lfn, path);
-    if (old_chain >= 2 && old_chain != child->start_cluster_) {
+    if (!keep_chain && old_chain >= 2 && old_chain != child->start_cluster_) {
       velt_->pbr_->freeClusterChains(old_chain, false);
     }
     return result;

@@ -208,6 +208,7 @@ int VELT::DirEntry::secure(uint32_t bytes, uint8_t* record_out) {
 
 int VELT::DirEntry::secure2() {
   if (!is_reserved_) NERIO_ASSERT_TEXT("is_reserved_ == true");
+  if (removed_) return 0;  // deleted before it was published
   if (is_secured_) {
     LOGI("\"%s\" already secured\n", name_.c_str());
     return -1;

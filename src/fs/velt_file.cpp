@@ -155,6 +155,7 @@ void markModified(VELT::DirEntry& entry) {
 // may raise the size past what the commit's data step put on the card: the record must not
 // claim those bytes yet. Caller holds the entry's files_mutex_.
 int writeRecordOfSize(VELT& velt, VELT::DirEntry& entry, int64_t size, bool modified) {
+  if (entry.removed_) return 0;
   uint8_t r[DIR_RECORD_SIZE];
   entry.buildRecord(r);
   if (entry.update(true, modified, r) < 0) return -EIO;
@@ -177,6 +178,7 @@ int writeRecordOfSize(VELT& velt, VELT::DirEntry& entry, int64_t size, bool modi
 int writeEntryRecord(VELT& velt, VELT::DirEntry& entry) {
   if (entry.is_reserved_ && !entry.is_secured_) return 0;  // published later, times in memory
   if (entry.dir_ent_disk_off_ == 0) return 0;              // the root has no record
+  if (entry.removed_) return 0;
   uint8_t record[DIR_RECORD_SIZE];
   entry.buildRecord(record);
   errno = 0;
@@ -298,6 +300,7 @@ VELT::File::File(VELT* velt, uint32_t file_no, bool dir_mode, bool for_write, bo
 }
 
 VELT::File::~File() {
+  if (entry_ != nullptr && velt_ != nullptr) entry_->freeKeptChain();
   if (fat_locked_) {
     if (velt_ == nullptr) {
       NERIO_ASSERT_TEXT("velt_ != nullptr");

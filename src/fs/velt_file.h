@@ -7,6 +7,7 @@
 // files_mutex_; the PBR's fat_mutex_ last.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -66,6 +67,9 @@ class VELT::File : public std::enable_shared_from_this<VELT::File> {
   uint8_t written_ = 0;
   uint8_t uncommitted_ = 0;  // data written since the last commit
   uint8_t accessed_ = 0;
+  // Flushed by a close() and not read or written since: its release is on the way, and the
+  // kernel may send it only after an unlink of the file that the closer made next.
+  std::atomic<bool> closing_{false};
   uint8_t direct_ = 0;      // opened by the direct channel
   uint8_t fat_locked_ = 0;  // holds one count of the FAT lock
   int error_ = 0;           // errno of the last failed data write; sticks

@@ -21,7 +21,6 @@
 #include <deque>
 #include <exception>
 #include <new>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -266,15 +265,6 @@ std::vector<std::string> otherNames(VELT& velt, VELT::DirEntry& entry, const cha
 void dropNames(VELT& velt, const std::vector<std::string>& names, bool gone = false) {
   for (const std::string& name : names) velt.invalidateKernelCache(name);
   if (gone) nameDropper().drop(names);
-}
-
-// A release writes its file's record after the file has left its entry's list of open files,
-// and a deletion finding the list empty meanwhile would have its deleted record written over
-// (a live record pointing at freed clusters). Releases share this gate; deletions and renames,
-// which may replace a file, take it alone and so wait for the releases under way.
-std::shared_mutex& releaseGate() {
-  static std::shared_mutex gate;
-  return gate;
 }
 
 // What a callback works on: the volume and, as the call needs them, the entry its path names
@@ -523,6 +513,7 @@ int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
   return guarded(__func__, [&] {
     Call c = onHandle(fi, -ENODEV, -EBADF);
     if (c.error != 0) return c.error;
+    c.file->closing_ = false;
     VELT::DirEntry* entry = c.file->entry_;
     if (entry == nullptr) return -EBADF;
     int64_t remaining;
@@ -541,6 +532,7 @@ int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t 
   return guarded(__func__, [&] {
     Call c = onHandle(fi, -EINVAL, -ENOENT, true);
     if (c.error != 0) return c.error;
+    c.file->closing_ = false;
     VELT::DirEntry* entry = c.file->entry_;
     if ((fi->flags & O_APPEND) && entry != nullptr && !entry->is_reserved_) {
       // The kernel puts an append at the end of the file as its name last showed it, and a
@@ -584,6 +576,7 @@ int VELTFuse::__flush(const char* path, struct fuse_file_info* fi) {
     if (written && c.file->entry_ != nullptr) {
       dropNames(*c.velt, otherNames(*c.velt, *c.file->entry_, path));
     }
+    c.file->closing_ = true;  // until the handle is used again
     return r;
   });
 }
@@ -592,7 +585,6 @@ int VELTFuse::__release(const char* /*path*/, struct fuse_file_info* fi) {
   return guarded(__func__, [&] {
     Call c = onHandle(fi, -ENODEV, -EBADF);
     if (c.error != 0) return c.error;
-    std::shared_lock gate(releaseGate());
     publishReservedFile(*c.file);
     int result = c.file->close();
     return result == -1 ? 0 : result;
@@ -687,20 +679,7 @@ static int removeEntry(const char* function, const char* path, bool dir, int no_
     std::vector<std::string> names = otherNames(*c.velt, *entry, path);
     DirEntryPtr parent = entry->parent_->shared_from_this();
     if (!parent) return -ENOENT;
-    // The release of a handle closed just before may not have reached us yet (the kernel
-    // sends it after close() has returned): a file that stays busy for half a second is open.
-    auto listed = [&entry] {
-      std::lock_guard lock(entry->files_mutex_);
-      return !entry->files_.empty();
-    };
-    for (int tries = 0; !is_dir && tries < 250 && listed(); ++tries) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    int r;
-    {
-      std::unique_lock gate(releaseGate());
-      r = parent->delChild(entry);
-    }
+    const int r = parent->delChild(entry);
     if (r == 0) dropNames(*c.velt, names, true);
     return r;
   });
@@ -716,7 +695,6 @@ int VELTFuse::__rmdir(const char* path) {
 
 int VELTFuse::__rename(const char* from, const char* to, unsigned int flags) {
   return guarded(__func__, [&] {
-    std::unique_lock gate(releaseGate());
     Call c = onVolume(-ENODEV, true);
     if (c.error != 0) return c.error;
     VELT& velt = *c.velt;

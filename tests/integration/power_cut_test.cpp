@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <optional>
 #include <set>
@@ -101,6 +102,14 @@ class Session {
     check(r, "create " + path);
     return Open{fi.fh, path, {}};
   }
+  Open open(const std::string& path) {
+    fuse_file_info fi{};
+    fi.flags = O_RDONLY;
+    check(VELTFuse::__open(path.c_str(), &fi), "open " + path);
+    char byte;
+    check(VELTFuse::__read(path.c_str(), &byte, 1, 0, &fi), "read " + path, 1);
+    return Open{fi.fh, path, {}};
+  }
   void write(Open& f, const std::string& bytes) {
     fuse_file_info fi = info(f);
     check(VELTFuse::__write(f.path.c_str(), bytes.data(), bytes.size(),
@@ -113,10 +122,13 @@ class Session {
     check(VELTFuse::__fsync(f.path.c_str(), 0, &fi), "fsync " + f.path);
     p.synced[f.path] = f.data;
   }
-  void close(Open& f) {
+  // `between` runs after the flush of close() and before the release, which the kernel may
+  // send after the closer's next calls.
+  void close(Open& f, const std::function<void()>& between = {}) {
     fuse_file_info fi = info(f);
     VELTFuse::__flush(f.path.c_str(), &fi);
     check();
+    if (between) between();
     check(VELTFuse::__release(f.path.c_str(), &fi), "release " + f.path);
   }
   void mkdir(const std::string& path) {
@@ -271,6 +283,13 @@ void churn(Session& s) {
   s.rename(names[2], "/work/inner folder/moved across.txt");
   s.rename(names[4], names[1]);  // onto an existing file
   s.unlink(names[3]);
+  // A journal closed and removed at once, and a file replaced just after it was read.
+  auto journal = s.create("/work/db.journal");
+  s.write(journal, bytesOf(2500, 60));
+  s.fsync(journal);
+  s.close(journal, [&] { s.unlink(journal.path); });
+  auto reader = s.open(names[5]);
+  s.close(reader, [&] { s.rename(names[6], names[5]); });
   s.mkdir("/empty");
   s.rmdir("/empty");
   s.rename("/work/inner folder", "/inner moved");
