@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -60,33 +59,20 @@ TEST(Crash, FaultsAndUncaughtExceptionsAreReportedWithTheirSignal) {
       {"throw", SIGABRT, "nerio_terminate caught unhandled exception. what(): boom\n",
        "###### 6 (SIGABRT)"},
   };
+  char self[4096] = {};
+  ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
   for (const auto& r : rows) {
     SCOPED_TRACE(r.mode);
-    int pipefd[2];
-    ASSERT_EQ(pipe(pipefd), 0);
-    pid_t pid = fork();
-    if (pid == 0) {
-      dup2(pipefd[1], 2);
-      setenv("VELT_CRASH_MODE", r.mode, 1);
-      // Let our handler see the fault even in sanitizer builds.
-      setenv("ASAN_OPTIONS", "handle_segv=0:handle_abort=0:detect_leaks=0", 1);
-      setenv("UBSAN_OPTIONS", "handle_segv=0:handle_abort=0", 1);
-      // Without catching exceptions, so the terminate handler sees the throw.
-      execl("/proc/self/exe", "crash", "--gtest_filter=CrashChild.*",
-            "--gtest_catch_exceptions=0", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(pipefd[1]);
-    std::string err;
-    char buf[4096];
-    for (ssize_t n; (n = read(pipefd[0], buf, sizeof(buf))) > 0;) err.append(buf, n);
-    close(pipefd[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status)) << err;
-    EXPECT_EQ(WTERMSIG(status), r.signal);
-    const size_t first = err.find(r.first);
-    EXPECT_NE(first, std::string::npos) << err;
-    EXPECT_NE(err.find(r.second, first), std::string::npos) << err;
+    // Our handler must see the fault even in sanitizer builds, and the throw uncaught by the
+    // test framework.
+    const auto child = velt::test::runShell(
+        std::string("VELT_CRASH_MODE=") + r.mode +
+        " ASAN_OPTIONS=handle_segv=0:handle_abort=0:detect_leaks=0"
+        " UBSAN_OPTIONS=handle_segv=0:handle_abort=0 " +
+        velt::test::shellQuote(self) + " --gtest_filter='CrashChild.*' --gtest_catch_exceptions=0");
+    EXPECT_EQ(child.status, 128 + r.signal) << child.err;
+    const size_t first = child.err.find(r.first);
+    EXPECT_NE(first, std::string::npos) << child.err;
+    EXPECT_NE(child.err.find(r.second, first), std::string::npos) << child.err;
   }
 }
