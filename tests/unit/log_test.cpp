@@ -53,7 +53,7 @@ TEST(Crash, FaultsAndUncaughtExceptionsAreReportedWithTheirSignal) {
   struct Row {
     const char* mode;
     int signal;
-    const char* first, *second;  // a line of the report and a later one
+    const char *first, *second;  // a line of the report and a later one
   } rows[] = {
       {"null", SIGSEGV, "###### 11 (SIGSEGV) code: 1(SEGV_MAPERR) @ (nil)", "sigfault_handler"},
       {"throw", SIGABRT, "nerio_terminate caught unhandled exception. what(): boom\n",
