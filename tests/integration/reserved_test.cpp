@@ -40,31 +40,6 @@ Folder folderOf(const FatImage& img) {
   return f;
 }
 
-class ReservedLoad : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(pristine_.ok()) << pristine_.error();
-    ASSERT_EQ(formatCard(pristine_, formatInfo({{"REC", 10, 1}})), 0);
-    Loaded l = loadCard(pristine_);
-    ASSERT_EQ(l.error, 0) << l.log;
-    unsigned seed = 1;
-    for (const char* name : {"clip number one of the day.avi", "c.avi"})
-      ASSERT_NO_FATAL_FAILURE(
-          publishRecording(*l.volume, "/REC", name, patternBytes(5000, seed++)));
-    l.volume.reset();
-    files_ = static_cast<int>(FatImage(pristine_).descriptorValue(0, kCount));
-    ASSERT_GE(files_, 4);
-  }
-  std::unique_ptr<CardImage> copy() {
-    auto card = std::make_unique<CardImage>(smallClusterCard(64));
-    EXPECT_TRUE(card->ok() && card->copyFrom(pristine_));
-    return card;
-  }
-
-  CardImage pristine_{smallClusterCard(64)};
-  int files_ = 0;
-};
-
 // One change a cut or damage leaves in the folder, and what the load must make of the group it
 // touches (-1: none): the recording under `name`, or ("") a free reserved file. Every other
 // recording keeps its name and bytes, the folder is never made anew, and the next load finds
@@ -82,34 +57,46 @@ struct Publication {
   std::string before[4], after[4];
 };
 
-TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
+TEST(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
   using Img = const FatImage&;
   using F = const Folder&;
+  CardImage pristine(smallClusterCard(64)), card(smallClusterCard(64));
+  ASSERT_TRUE(pristine.ok() && card.ok()) << pristine.error();
+  ASSERT_EQ(formatCard(pristine, formatInfo({{"REC", 10, 1}})), 0);
   // Recordings of the pristine card and their bytes as another FAT reader sees them.
   const std::vector<std::string> recordings = {"clip number one of the day.avi", "c.avi"};
+  {
+    Loaded l = loadCard(pristine);
+    ASSERT_EQ(l.error, 0) << l.log;
+    for (unsigned i = 0; i < 2; ++i)
+      ASSERT_NO_FATAL_FAILURE(
+          publishRecording(*l.volume, "/REC", recordings[i], patternBytes(5000, i + 1)));
+  }
+  const int files = static_cast<int>(FatImage(pristine).descriptorValue(0, kCount));
+  ASSERT_GE(files, 4);
   std::map<std::string, std::string> bytes;
-  for (const auto& name : recordings) bytes[name] = pristine_.type("/REC/" + name);
+  for (const auto& name : recordings) bytes[name] = pristine.type("/REC/" + name);
   const std::string clip_short = "CLIPNU~1.AVI";
 
   // Publications of a three-record name and of a one-record name behind two fillers, in group 2.
   std::vector<Publication> publications;
   for (const char* name : {"new recording number two.avi", "n.avi"}) {
-    auto card = copy();
+    ASSERT_TRUE(card.copyFrom(pristine));
     Publication p;
     p.name = name;
     {
-      Loaded l = loadCard(*card);
+      Loaded l = loadCard(card);
       ASSERT_EQ(l.error, 0) << l.log;
       auto e = l.volume->newEntry(l.volume->findEntry("/REC"), name, false);
       ASSERT_NE(e, nullptr);
       p.short_name = e->short_name_;
       l.volume->flush();
-      FatImage img(*card);
+      FatImage img(card);
       Folder f = folderOf(img);
       for (int i = 0; i < 4; ++i) p.before[i] = img.record(f.slot(2, i));
       ASSERT_EQ(e->secure2(), 0);
     }
-    FatImage img(*card);
+    FatImage img(card);
     Folder f = folderOf(img);
     for (int i = 0; i < 4; ++i) p.after[i] = img.record(f.slot(2, i));
     publications.push_back(p);
@@ -170,26 +157,25 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
                    }});
   cases.push_back({"damaged dot record", 3, "",
                    [](Img img, F f) { img.putRecord(f.slots[0], std::string(32, '\0')); }});
-  cases.push_back({"records behind the reserved files", 3, "", [this](Img img, F f) {
+  cases.push_back({"records behind the reserved files", 3, "", [files](Img img, F f) {
                      std::string dir = img.record(f.sfn(0));
                      dir[0] = 'S';
                      dir[11] = 0x10;
-                     ASSERT_LT(static_cast<size_t>(2 + 4 * files_), f.slots.size());
-                     img.putRecord(f.slots[2 + 4 * files_], dir);
+                     ASSERT_LT(static_cast<size_t>(2 + 4 * files), f.slots.size());
+                     img.putRecord(f.slots[2 + 4 * files], dir);
                    }});
 
-  auto card = copy();
   for (const GroupCase& c : cases) {
     SCOPED_TRACE(c.what);
-    ASSERT_TRUE(card->copyFrom(pristine_));
-    FatImage img(*card);
+    ASSERT_TRUE(card.copyFrom(pristine));
+    FatImage img(card);
     c.change(img, folderOf(img));
-    Loaded l = loadCard(*card);
+    Loaded l = loadCard(card);
     ASSERT_EQ(l.error, 0) << l.log;
     EXPECT_EQ(l.log.find("try to create it now"), std::string::npos) << l.log;
     auto folder = l.volume->findEntry("/REC");
     ASSERT_NE(folder, nullptr);
-    ASSERT_EQ(folder->velt_reserved_files_.size(), static_cast<size_t>(files_));
+    ASSERT_EQ(folder->velt_reserved_files_.size(), static_cast<size_t>(files));
     std::set<std::string> names;
     for (const auto& child : folder->children_) names.insert(child->name_);
     std::set<std::string> expected = {".", ".."};
@@ -198,7 +184,7 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
     if (!c.name.empty()) expected.insert(c.name);
     EXPECT_EQ(names, expected) << l.log;
     const auto& table = folder->velt_reserved_files_;
-    for (int g = 0; g < files_; ++g) {
+    for (int g = 0; g < files; ++g) {
       EXPECT_EQ(table[g].used_, g == c.group ? !c.name.empty() : g < 2) << g;
       EXPECT_EQ(table[g].dir_ent_disk_off, folderOf(img).sfn(g)) << g;
       EXPECT_EQ(img.chain(table[g].start_cluster).size(), kFileBytes / img.clusterBytes()) << g;
@@ -207,13 +193,13 @@ TEST_F(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
               std::count_if(table.begin(), table.end(), [](auto& rf) { return rf.used_; }));
     l.volume.reset();
 
-    Loaded again = loadCard(*card);
+    Loaded again = loadCard(card);
     ASSERT_EQ(again.error, 0) << again.log;
     EXPECT_EQ(repairLines(again.log), "") << "the second load repaired again";
-    EXPECT_TRUE(fsckShowsOnlyReservedFiles(*card, expectedReservedReport(*again.volume, *card)));
+    EXPECT_TRUE(fsckShowsOnlyReservedFiles(card, expectedReservedReport(*again.volume, card)));
     again.volume.reset();
     for (int g = 0; g < 2; ++g)
-      EXPECT_TRUE(g == c.group || card->type("/REC/" + recordings[g]) == bytes[recordings[g]]) << g;
+      EXPECT_TRUE(g == c.group || card.type("/REC/" + recordings[g]) == bytes[recordings[g]]) << g;
   }
 }
 
