@@ -20,14 +20,6 @@
 
 using namespace velt;
 
-namespace {
-
-uint8_t pattern(int64_t i) {
-  return static_cast<uint8_t>((i * 7 + (i >> 8)) & 0xFF);
-}
-
-}  // namespace
-
 TEST(PipeWire, HeaderWriteParameterAndSpliceBytes) {
   const DirectHeader h{0x01020304, -2, kDirectOpSplice, 0x1122334455667788ll, 0xA0B0C0D0};
   uint8_t bytes[28];
@@ -60,11 +52,15 @@ TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
     std::vector<uint8_t> bytes;
     int completes_at;  // index of the byte that completes the marker; -1 none
     int left;          // marker bytes matched at the end
-  } rows[] = {  // the byte that breaks a partial match is not tried as the first marker byte
-      {{0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 4, 0}, {{0xFD, 0xEC, 0xB9, 0xA8}, 3, 0},
-      {{0xFD, 0xEC, 0xB9}, -1, 3}, {{0xA8, 0xB9, 0xEC, 0xFD}, -1, 1},
-      {{0xFD, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0}, {{0xFD, 0xEC, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
-      {{0xFD, 0xEC, 0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 6, 0}, {{0xFD, 0xEC, 0xB9, 0x00, 0xA8}, -1, 0}};
+  } rows[] = {         // the byte that breaks a partial match is not tried as the first marker byte
+              {{0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 4, 0},
+              {{0xFD, 0xEC, 0xB9, 0xA8}, 3, 0},
+              {{0xFD, 0xEC, 0xB9}, -1, 3},
+              {{0xA8, 0xB9, 0xEC, 0xFD}, -1, 1},
+              {{0xFD, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
+              {{0xFD, 0xEC, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
+              {{0xFD, 0xEC, 0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 6, 0},
+              {{0xFD, 0xEC, 0xB9, 0x00, 0xA8}, -1, 0}};
   // Byte by byte (which the bulk scan does within a partial match), wherever the bytes are split
   // between two reads.
   for (const auto& r : rows) {
@@ -277,227 +273,221 @@ std::string reply(uint32_t op, int32_t fd, int64_t offset, int32_t param, std::s
          std::to_string(std::hash<std::string_view>()(data) % 100000);
 }
 std::string show(const VELTWorkItem* r) {
-  if (r == nullptr) return "-";
-  return reply(r->op_, r->fd_, r->offset_, r->param_,
-               {reinterpret_cast<const char*>(r->data_), r->data_ ? r->size_ : 0});
+  return r == nullptr ? "-"
+                      : reply(r->op_, r->fd_, r->offset_, r->param_,
+                              {reinterpret_cast<const char*>(r->data_), r->data_ ? r->size_ : 0});
 }
 
 // The worker's operations on a fake card, driven by random requests and judged by a model of
-// the files: every reply, and every reply the worker queues for a parked read, is the one the
-// model predicts.
+// the files: each reply, and each reply queued for a parked read, is the one the model predicts.
 struct Model : velt_test::FakeCard {
   struct Handle {
     std::string path;
-    uint32_t op = 0;  // a parked read's operation, offset and wanted size
+    uint32_t op = 0;  // a parked read: operation, offset, wanted size
     int64_t at = 0;
     int32_t want = 0;
   };
-  std::mt19937 rng;
-  std::string mount;
-  std::map<std::string, std::string> files;  // upper-case path -> content
-  std::map<int32_t, Handle> open;
-  std::vector<int32_t> stale{-1, 77777};  // numbers that are no channel file
-  int32_t last = 0;
-  std::string due;  // replies the worker must have queued, in order
-
   explicit Model(unsigned seed) : rng(seed) {}
-  uint32_t any(uint32_t n) { return rng() % n; }
+  uint32_t any(size_t n) { return static_cast<uint32_t>(rng() % n); }
   std::string random(size_t n) {
     std::string s(n, '\0');
     for (auto& ch : s) ch = static_cast<char>(rng());
     return s;
   }
-  std::unique_ptr<VELTWorkItem> run(int32_t fd, uint32_t op, int64_t offset, int32_t param,
-                                    const std::string& payload = "") {
-    auto* r = new VELTWorkItem(fd, op, offset, param, payload.size());
-    if (!payload.empty()) memcpy(r->data_, payload.data(), payload.size());
-    return std::unique_ptr<VELTWorkItem>(v->executeDirectRequest(r));
+  // One request carried out as the worker does; its reply shown.
+  std::string run(int32_t fd, uint32_t op, int64_t offset, int32_t param, std::string data = "") {
+    auto* r = new VELTWorkItem(fd, op, offset, param, data.size());
+    if (!data.empty()) memcpy(r->data_, data.data(), data.size());
+    std::unique_ptr<VELTWorkItem> got(v->executeDirectRequest(r));
+    answered = got ? got->param_ : 0;
+    return show(got.get());
   }
-  void expect(std::string&& want) { due += (due.empty() ? "" : ", ") + want; }
-  // The model's side of a write: parked reads the new data reaches are answered.
-  void write(const std::string& path, int64_t at, const std::string& bytes) {
+  // Written to the model: parked reads the data now reaches are answered.
+  void write(const std::string& path, size_t at, const std::string& bytes) {
     std::string& f = files[path];
-    if (f.size() < at + bytes.size()) f.resize(at + bytes.size());
+    f.resize(std::max(f.size(), at + bytes.size()));
     f.replace(at, bytes.size(), bytes);
     for (auto& [no, h] : open) {
       if (h.op == 0 || h.path != path || h.at >= static_cast<int64_t>(f.size())) continue;
-      expect(reply(h.op, no, h.at, 0, std::string_view(f).substr(h.at, h.want)));
+      due += reply(h.op, no, h.at, 0, std::string_view(f).substr(h.at, h.want)) + ", ";
       h.op = 0;
     }
   }
   void openOrCreate() {
-    static const char* const paths[] = {"/A.BIN", "/B.BIN", "/DIR/C.BIN", "/DIR", "/",
-                                        "/DIR/",  "/NODIR/X", "/A.BIN/X"};
+    static const std::string paths[] = {"/A.BIN", "/B.BIN", "/DIR/C.BIN", "/DIR",
+                                        "/",      "/DIR/",  "/NODIR/X",   "/A.BIN/X"};
     const std::string p = paths[any(std::size(paths))];
-    const bool create = any(2), bad = any(10) == 0;
     const std::string parent = p.substr(0, std::max<size_t>(1, p.rfind('/')));
-    int err = 0;
-    if (bad) {
-      err = -EINVAL;  // empty, or not under the mount point
-    } else if (!create) {
-      err = p == "/" || p.starts_with("/DIR") && p.size() <= 5 ? -EISDIR : files.count(p) ? 0 : -ENOENT;
-    } else if (p.back() == '/') {
-      err = -EINVAL;
-    } else if (parent != "/" && parent != "/DIR") {
-      err = files.count(parent) ? -ENOTDIR : -ENOENT;
-    } else if (p == "/DIR" || files.count(p)) {
-      err = -EEXIST;
-    }
+    const bool create = any(2), bad = any(10) == 0, dir = p == "/" || p == "/DIR" || p == "/DIR/";
+    int err = bad                                 ? -EINVAL  // empty, or outside
+              : !create                           ? (dir              ? -EISDIR
+                                                     : files.count(p) ? 0
+                                                                      : -ENOENT)
+              : p.back() == '/'                   ? -EINVAL
+              : parent != "/" && parent != "/DIR" ? (files.count(parent) ? -ENOTDIR : -ENOENT)
+              : dir || files.count(p)             ? -EEXIST
+                                                  : 0;
     std::string sent = mount + (mount.empty() || p != "/" ? p : "");
     if (any(2)) std::transform(sent.begin(), sent.end(), sent.begin(), ::tolower);
     if (bad) sent = mount.empty() ? "" : any(2) ? p : "/mnt/cardx" + p;
-    // Clients send the NUL; one that does not is taken as it is, anything after it is ignored.
-    sent += any(4) == 0 ? "" : any(2) ? std::string(1, '\0') : std::string("\0junk", 5);
-    const uint32_t op = create ? kDirectOpCreate : kDirectOpOpen;
-    const int32_t mode = static_cast<int32_t>(any(4));
-    auto r = run(100, op, 0, mode, sent);
-    if (err == 0 && r != nullptr && r->param_ > last) {
-      last = r->param_;
+    // Clients send the NUL; without it the path is taken as it is; what follows it is ignored.
+    sent += std::string("\0junk", std::vector<size_t>{0, 1, 5}[any(3)]);
+    const uint32_t op = create ? kDirectOpCreate : kDirectOpOpen, mode = any(4);
+    const std::string got = run(100, op, 0, static_cast<int32_t>(mode), sent);
+    if (err == 0 && answered > last) {  // a new number each time, never one used before
+      last = answered;
       open[last] = {p};
       if (create) files[p];
-      auto file = v->getFile(last);  // the cache mode of the request; no FAT lock taken
-      ASSERT_NE(file, nullptr);
-      EXPECT_TRUE(file->direct_ && file->write_cache_ == mode >> 1 &&
+      auto file = v->getFile(last);
+      EXPECT_TRUE(file->direct_ && file->write_cache_ == (mode >> 1) &&
                   file->read_cache_ == (mode & 1) && file->fat_locked_ == 0);
     }
-    EXPECT_EQ(show(r.get()), reply(op, 100, 0, err ? err : last, ""))
-        << sent << ": numbers come back growing, never reused";
+    EXPECT_EQ(got, reply(op, 100, 0, err ? err : last, "")) << sent;
   }
-  // One random request about an open file (or a number that is none).
+  // One random request about an open file, or about a number that is none.
   void request(int32_t no) {
-    const bool known = open.count(no) != 0;
-    const std::string path = known ? open[no].path : "";
-    const std::string& f = files[path];
-    const int64_t size = static_cast<int64_t>(f.size());
-    const uint32_t op = known ? any(6) : std::vector<uint32_t>{1, 3, 7, 10, 11, 55}[any(6)];
-    if (!known) {
-      const int64_t at = any(5000);
-      EXPECT_EQ(show(run(no, op, at, 0, "xyz").get()), reply(kDirectOpError, no, at, -EBADF, ""));
+    if (open.count(no) == 0) {
+      const uint32_t op = std::vector<uint32_t>{1, 3, 7, 10, 11, 55}[any(6)];
+      EXPECT_EQ(run(no, op, 1234, 0, "xyz"), reply(kDirectOpError, no, 1234, -EBADF, ""));
       return;
     }
-    if (op == 0) {  // written at its end or over old data, as clients do
-      const int64_t at = any(3) ? size : any(size + 1);
-      const std::string bytes = random(1 + any(any(4) ? 3000 : 40000));
-      write(path, at, bytes);
-      auto r = run(no, kDirectOpWrite + any(2), at, any(3) ? 0 : kDirectFlagSecure, bytes);
-      EXPECT_EQ(show(r.get()), "-");
-    } else if (op == 1) {  // read: served, parked at the end of the data, or refused
-      const uint32_t rop = any(2) ? kDirectOpRead : kDirectOpReadEvent;
-      const int64_t at = any(size + 3000);
-      const int32_t want = any(5) == 0 ? -static_cast<int32_t>(any(2)) : 1 + any(50000);
-      Handle& h = open[no];
-      std::string want_reply = "-";
-      if (h.op != 0) {
-        want_reply = reply(rop, no, at, -EBUSY, "");
-      } else if (want <= 0 || at < size) {
-        want_reply = reply(rop, no, at, 0, want <= 0 ? "" : std::string_view(f).substr(at, want));
-      } else {
-        h = {path, rop, at, want};
+    Handle& h = open[no];
+    const std::string path = h.path, f = files[path];
+    const int64_t size = static_cast<int64_t>(f.size());
+    std::string got, want = "-";
+    switch (any(6)) {
+      case 0: {  // a write at the end or over old data
+        const size_t at = any(3) ? f.size() : any(f.size() + 1);
+        const std::string bytes = random(1 + any(any(4) ? 3000 : 40000));
+        write(path, at, bytes);
+        got = run(no, kDirectOpWrite + any(2), at, any(3) ? 0u : kDirectFlagSecure, bytes);
+        break;
       }
-      EXPECT_EQ(show(run(no, rop, at, want, "ignored").get()), want_reply);
-    } else if (op == 2) {  // sizes: the entry's (a reserved file's is larger) and the data's
-      auto entry = v->findEntry(path.c_str());
-      entry->size_ += 8192;
-      EXPECT_EQ(show(run(no, kDirectOpGetSize, 5, 0, "x").get()),
-                reply(kDirectOpGetSize, no, size + 8192, 0, ""));
-      entry->size_ -= 8192;
-      EXPECT_EQ(show(run(no, kDirectOpGetRealSize, 5, 0).get()),
-                reply(kDirectOpGetRealSize, no, size, 0, ""));
-    } else if (op == 3) {  // splice into an open file (or not), clipped to the input's data
-      auto out = open.begin();
-      std::advance(out, any(open.size()));
-      const int32_t to = any(8) ? out->first : stale[any(stale.size())];
-      const int64_t at = any(size + 10), out_at = any(files[out->second.path].size() + 1);
-      const uint32_t n = any(5) ? 1 + any(60000) : 0, wire = any(8) ? 16 : 15 + 2 * any(2);
-      std::string payload(32, '\0');
-      encodeDirectSplice({static_cast<uint32_t>(to), out_at, n},
-                         reinterpret_cast<uint8_t*>(payload.data()));
-      const int err = wire != 16                ? -EINVAL
-                      : to != out->first        ? -EBADF
-                      : n == 0                  ? 0
-                      : at >= size              ? -EINVAL
-                                                : 0;
-      if (err == 0 && n > 0) write(out->second.path, out_at, f.substr(at, n));
-      auto r = run(no, kDirectOpSplice + any(2), at, 0, payload.substr(0, wire));
-      EXPECT_EQ(show(r.get()), err ? reply(kDirectOpError, no, at, err, "") : "-");
-    } else if (op == 4) {  // error and unknown operations are dropped
-      EXPECT_EQ(show(run(no, any(2) ? kDirectOpError : 13 + any(100), 0, 0, "x").get()), "-");
-    } else {
-      close(no);
+      case 1: {  // a read: served, parked at the end of the data, refused while one is parked
+        const uint32_t op = any(2) ? kDirectOpRead : kDirectOpReadEvent;
+        const int64_t at = any(size + 3000);
+        const int32_t wanted = any(5) ? 1 + any(50000) : -static_cast<int32_t>(any(2));
+        if (h.op != 0) {
+          want = reply(op, no, at, -EBUSY, "");
+        } else if (wanted <= 0 || at < size) {
+          want = reply(op, no, at, 0, wanted <= 0 ? "" : f.substr(at, wanted));
+        } else {
+          h = {path, op, at, wanted};
+        }
+        got = run(no, op, at, wanted, "ignored");
+        break;
+      }
+      case 2: {  // the entry's size (a reserved file's is larger) and the data's
+        auto entry = v->findEntry(path.c_str());
+        entry->size_ += 8192;
+        got = run(no, kDirectOpGetSize, 5, 0, "x");
+        entry->size_ -= 8192;
+        got += run(no, kDirectOpGetRealSize, 5, 0);
+        want = reply(kDirectOpGetSize, no, size + 8192, 0, "") +
+               reply(kDirectOpGetRealSize, no, size, 0, "");
+        break;
+      }
+      case 3: {  // a splice into an open file (or not), clipped to the input's data
+        auto out = std::next(open.begin(), any(open.size()));
+        const int32_t to = any(8) ? out->first : stale[any(stale.size())];
+        const int64_t at = any(size + 10), out_at = any(files[out->second.path].size() + 1);
+        const uint32_t n = any(5) ? 1 + any(60000) : 0, wire = any(8) ? 16 : 15 + 2 * any(2);
+        std::string splice(32, '\0');
+        encodeDirectSplice({static_cast<uint32_t>(to), out_at, n},
+                           reinterpret_cast<uint8_t*>(splice.data()));
+        const int err = wire != 16            ? -EINVAL
+                        : to != out->first    ? -EBADF
+                        : n > 0 && at >= size ? -EINVAL
+                                              : 0;
+        if (err == 0 && n > 0) write(out->second.path, out_at, f.substr(at, n));
+        if (err != 0) want = reply(kDirectOpError, no, at, err, "");
+        got = run(no, kDirectOpSplice + any(2), at, 0, splice.substr(0, wire));
+        break;
+      }
+      case 4:  // error and unknown operations: dropped
+        got = run(no, any(2) ? kDirectOpError : 13 + any(100), 0, 0, "x");
+        break;
+      default:
+        return close(no);
     }
+    EXPECT_EQ(got, want);
   }
-  // A close writes the file's queued writes first (other requests stay), answers a parked read
-  // with -EBADF, and with the unlink flag deletes the file when no other handle has it.
+  // A close writes the file's queued writes first (other requests stay), answers its parked
+  // read with -EBADF, and with the unlink flag deletes the file (when no other handle has it).
   void close(int32_t no) {
     const std::string path = open[no].path;
-    const bool event = any(2), alone = std::count_if(open.begin(), open.end(), [&](auto& o) {
+    const bool event = any(2),
+               unlink = any(3) == 0 && std::count_if(open.begin(), open.end(), [&](auto&o) {
                                          return o.second.path == path;
                                        }) == 1;
     auto& queue = event ? v->event_requests_ : v->normal_requests_;
     for (int k = any(3); k > 0; --k) {  // as if still growing, each alone
       const std::string bytes = random(1 + any(5000));
-      const int64_t at = static_cast<int64_t>(files[path].size());
-      queue.push_back(new VELTWorkItem(no, event ? kDirectOpWriteEvent : kDirectOpWrite, at, 0,
-                                       bytes.size()));
+      queue.push_back(
+          new VELTWorkItem(no, kDirectOpWrite + event, files[path].size(), 0, bytes.size()));
       memcpy(queue.back()->data_, bytes.data(), bytes.size());
-      write(path, at, bytes);
+      write(path, files[path].size(), bytes);
     }
     queue.push_back(new VELTWorkItem(stale[0], kDirectOpGetSize, 0, 0, 0));
-    Handle& h = open[no];
-    if (h.op != 0) expect(reply(h.op, no, h.at, -EBADF, ""));
+    if (open[no].op != 0) due += reply(open[no].op, no, open[no].at, -EBADF, "") + ", ";
     open.erase(no);
     stale.push_back(no);
-    const bool unlink = alone && any(3) == 0;
     if (unlink) files.erase(path);
-    const uint32_t flags = (event ? kDirectFlagEvent : 0) | (unlink ? kDirectFlagUnlink : 0);
-    EXPECT_EQ(show(run(no, kDirectOpClose, 0, static_cast<int32_t>(flags)).get()), "-");
+    EXPECT_EQ(run(no, kDirectOpClose, 0,
+                  (event ? kDirectFlagEvent : 0u) | (unlink ? kDirectFlagUnlink : 0u)),
+              "-");
     ASSERT_EQ(queue.size(), 1u) << "other files' requests stay";
     delete queue.front();
     queue.clear();
   }
-  std::string taken() {
+  // The replies the worker queued since the last look are the model's.
+  void checkQueued() {
     std::lock_guard<std::mutex> lock(v->response_mutex_);
-    std::string out;
-    for (VELTWorkItem* r : v->responses_) out += (out.empty() ? "" : ", ") + show(r), delete r;
+    std::string got;
+    for (VELTWorkItem* r : v->responses_) got += show(r) + ", ", delete r;
     v->responses_.clear();
-    return out;
+    EXPECT_EQ(got, due);
+    due.clear();
   }
+
+  std::mt19937 rng;
+  std::string mount, due;
+  std::map<std::string, std::string> files;  // upper-case path -> content
+  std::map<int32_t, Handle> open;
+  std::vector<int32_t> stale{-1, 77777};  // numbers of no channel file
+  int32_t last = 0, answered = 0;
 };
 
 }  // namespace
 
 TEST(PipeOps, RandomRequestsGetTheRepliesAModelOfTheFilesPredicts) {
-  for (unsigned seed = 1; seed <= 8; ++seed) {
+  for (unsigned seed = 1; seed <= 6; ++seed) {
     SCOPED_TRACE(seed);
     Model m(seed);
-    ASSERT_NE(m.create("dir", true), nullptr);
+    m.create("dir", true);
     if (seed % 2 == 0) m.v->setMountPoint(m.mount = "/mnt/card");
     // A FUSE handle is not the channel's: refused as unknown numbers are.
-    m.stale.push_back(static_cast<int32_t>(
-        m.v->newFile(false, false, false, m.create("fuse.bin"))->file_no_));
-    for (int step = 0; step < 600; ++step) {
+    m.stale.push_back(
+        static_cast<int32_t>(m.v->newFile(false, false, false, m.create("fuse.bin"))->file_no_));
+    for (int step = 0; step < 500 && !::testing::Test::HasFailure(); ++step) {
       if (m.open.empty() || m.any(5) == 0) {
         m.openOrCreate();
       } else {
-        auto it = m.open.begin();
-        std::advance(it, m.any(m.open.size()));
-        m.request(m.any(10) ? it->first : m.stale[m.any(m.stale.size())]);
+        m.request(m.any(10) ? std::next(m.open.begin(), m.any(m.open.size()))->first
+                            : m.stale[m.any(m.stale.size())]);
       }
-      ASSERT_EQ(m.taken(), m.due) << "step " << step;
-      m.due.clear();
-      if (::testing::Test::HasFailure()) return;
+      m.checkQueued();
     }
     while (!m.open.empty()) m.close(m.open.begin()->first);
-    ASSERT_EQ(m.taken(), m.due);
-    for (const char* p : {"/A.BIN", "/B.BIN", "/DIR/C.BIN"}) {
+    m.checkQueued();
+    for (const char* p : {"/A.BIN", "/B.BIN", "/DIR/C.BIN"}) {  // the card holds the model's files
       auto entry = m.v->findEntry(p);
       ASSERT_EQ(entry != nullptr, m.files.count(p) != 0) << p;
       if (entry == nullptr) continue;
       std::string got(entry->size_, '\0');
-      auto file = m.v->newFile(false, false, false, entry);
-      EXPECT_EQ(file->read(got.data(), got.size(), 0), static_cast<int>(got.size()));
+      EXPECT_EQ(m.v->newFile(false, false, false, entry)->read(got.data(), got.size(), 0),
+                static_cast<int>(got.size()));
       EXPECT_TRUE(got == m.files[p]) << p;
-      file->close();
     }
   }
 }
