@@ -292,7 +292,7 @@ TEST(PipeChannel, AnythingButTheDaemonsOwnPipeIsReplacedBeforeEveryOpen) {
   }
 }
 
-TEST(PipeChannel, MemoryStaysWithinTheBoundAndReturnsAfterABurst) {
+TEST(PipeChannel, MemoryStaysWithinTheBoundAndRandomStreamsReachTheCardAsSent) {
   Channel ch;
   constexpr int64_t kBound = 4 * kMiB;
   ch.v->direct_held_max_ = kBound;

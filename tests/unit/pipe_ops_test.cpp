@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -36,15 +37,12 @@ TEST(PipeWire, HeaderWriteParameterAndSpliceBytes) {
   EXPECT_EQ(directWriteFlags(0x00080010), kDirectFlagSecure);
   EXPECT_EQ(directWriteFlags(directWriteParam(0xFFFF, 0xFFFF)), 0xFFFFu);
 
-  DirectSplice back;
   uint8_t sp[28] = {};
   encodeDirectSplice({9, -5, 0x80000001}, sp);
   const uint8_t sp_expect[16] = {9,    0,    0,    0,    0xFB, 0xFF, 0xFF, 0xFF,
                                  0xFF, 0xFF, 0xFF, 0xFF, 0x01, 0x00, 0x00, 0x80};
   EXPECT_EQ(0, memcmp(sp, sp_expect, 16));
-  // Decoding is checked by the splices of the operation script; these sizes it must refuse.
-  for (size_t wrong : {0, 28}) EXPECT_FALSE(decodeDirectSplice(sp, wrong, &back));
-  EXPECT_FALSE(decodeDirectSplice(nullptr, 16, &back));
+  // Decoding, and the refusal of other sizes, is checked by the splices of the random requests.
 }
 
 TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
@@ -52,15 +50,11 @@ TEST(PipeWire, MarkerSearchRestartsAfterABreakingByte) {
     std::vector<uint8_t> bytes;
     int completes_at;  // index of the byte that completes the marker; -1 none
     int left;          // marker bytes matched at the end
-  } rows[] = {         // the byte that breaks a partial match is not tried as the first marker byte
-              {{0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 4, 0},
-              {{0xFD, 0xEC, 0xB9, 0xA8}, 3, 0},
-              {{0xFD, 0xEC, 0xB9}, -1, 3},
-              {{0xA8, 0xB9, 0xEC, 0xFD}, -1, 1},
-              {{0xFD, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
-              {{0xFD, 0xEC, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
-              {{0xFD, 0xEC, 0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 6, 0},
-              {{0xFD, 0xEC, 0xB9, 0x00, 0xA8}, -1, 0}};
+  } rows[] = {  // the byte that breaks a partial match is not tried as the first marker byte
+      {{0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 4, 0}, {{0xFD, 0xEC, 0xB9, 0xA8}, 3, 0},
+      {{0xFD, 0xEC, 0xB9}, -1, 3}, {{0xA8, 0xB9, 0xEC, 0xFD}, -1, 1},
+      {{0xFD, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0}, {{0xFD, 0xEC, 0xFD, 0xEC, 0xB9, 0xA8}, -1, 0},
+      {{0xFD, 0xEC, 0x00, 0xFD, 0xEC, 0xB9, 0xA8}, 6, 0}, {{0xFD, 0xEC, 0xB9, 0x00, 0xA8}, -1, 0}};
   // Byte by byte (which the bulk scan does within a partial match), wherever the bytes are split
   // between two reads.
   for (const auto& r : rows) {
@@ -291,8 +285,7 @@ struct Model : velt_test::FakeCard {
   uint32_t any(size_t n) { return static_cast<uint32_t>(rng() % n); }
   std::string random(size_t n) {
     std::string s(n, '\0');
-    for (auto& ch : s) ch = static_cast<char>(rng());
-    return s;
+    return std::generate(s.begin(), s.end(), std::ref(rng)), s;
   }
   // One request carried out as the worker does; its reply shown.
   std::string run(int32_t fd, uint32_t op, int64_t offset, int32_t param, std::string data = "") {
@@ -418,9 +411,9 @@ struct Model : velt_test::FakeCard {
   void close(int32_t no) {
     const std::string path = open[no].path;
     const bool event = any(2),
-               unlink = any(3) == 0 && std::count_if(open.begin(), open.end(), [&](auto&o) {
-                                         return o.second.path == path;
-                                       }) == 1;
+               unlink = any(3) == 0 && std::none_of(open.begin(), open.end(), [&](auto&o) {
+                          return o.first != no && o.second.path == path;
+                        });
     auto& queue = event ? v->event_requests_ : v->normal_requests_;
     for (int k = any(3); k > 0; --k) {  // as if still growing, each alone
       const std::string bytes = random(1 + any(5000));
@@ -483,12 +476,9 @@ TEST(PipeOps, RandomRequestsGetTheRepliesAModelOfTheFilesPredicts) {
     m.checkQueued();
     for (const char* p : {"/A.BIN", "/B.BIN", "/DIR/C.BIN"}) {  // the card holds the model's files
       auto entry = m.v->findEntry(p);
-      ASSERT_EQ(entry != nullptr, m.files.count(p) != 0) << p;
-      if (entry == nullptr) continue;
-      std::string got(entry->size_, '\0');
-      EXPECT_EQ(m.v->newFile(false, false, false, entry)->read(got.data(), got.size(), 0),
-                static_cast<int>(got.size()));
-      EXPECT_TRUE(got == m.files[p]) << p;
+      std::string got(entry ? entry->size_ : 0, '\0');
+      if (entry) m.v->newFile(false, false, false, entry)->read(got.data(), got.size(), 0);
+      EXPECT_TRUE(m.files.count(p) ? got == m.files[p] : entry == nullptr) << p;
     }
   }
 }
