@@ -46,6 +46,8 @@ struct Promises {
   // path -> bytes that fsync, a commit or a publication confirmed (a prefix of the file)
   std::map<std::string, std::string> synced;
   std::set<std::string> present, absent;  // a rename returned: new name there, old gone
+  // path -> every byte written to it, in order: whatever of it the card shows is a prefix
+  std::map<std::string, std::string> written;
   struct InFlight {
     std::string from, to;
     bool replaces;  // `to` existed: until the rename is done both names stand
@@ -57,6 +59,7 @@ struct Promises {
   // An operation on `path` begins: what was promised about it no longer holds for sure.
   void forget(const std::string& path) {
     synced.erase(path);
+    written.erase(path);
     present.erase(path);
     absent.erase(path);
   }
@@ -112,6 +115,7 @@ class Session {
   }
   void write(Open& f, const std::string& bytes) {
     fuse_file_info fi = info(f);
+    p.written[f.path] = f.data + bytes;
     check(VELTFuse::__write(f.path.c_str(), bytes.data(), bytes.size(),
                             static_cast<off_t>(f.data.size()), &fi),
           "write " + f.path, static_cast<int>(bytes.size()));
@@ -146,13 +150,18 @@ class Session {
     };
     Promises::InFlight flight{from, to, volume_->findEntry(to.c_str()) != nullptr, {}};
     std::set<std::string> moved;
+    std::map<std::string, std::string> written;
     for (const auto& [path, bytes] : p.synced) {
       if (under(path)) flight.content[to + path.substr(from.size())] = bytes;
+    }
+    for (const auto& [path, bytes] : p.written) {
+      if (under(path)) written[to + path.substr(from.size())] = bytes;
     }
     for (const auto& path : p.present) {
       if (under(path)) moved.insert(to + path.substr(from.size()));
     }
     std::erase_if(p.synced, [&](const auto& kv) { return under(kv.first); });
+    std::erase_if(p.written, [&](const auto& kv) { return under(kv.first); });
     std::erase_if(p.present, under);
     std::erase_if(p.absent, under);
     p.forget(to);
@@ -164,6 +173,7 @@ class Session {
     if (r != 0) throw std::runtime_error("rename " + from + ": " + std::to_string(r));
     for (auto& [path, bytes] : flight.content) p.synced[path] = bytes;
     p.present.insert(moved.begin(), moved.end());
+    p.written.insert(written.begin(), written.end());
     p.present.insert(to);
     p.absent.insert(from);
   }
@@ -181,6 +191,7 @@ class Session {
   }
   void channelWrite(int fd, const std::string& path, std::string* data, const std::string& bytes,
                     bool publish) {
+    p.written[path] = *data + bytes;
     auto reply = run(fd, kDirectOpWrite, static_cast<int64_t>(data->size()),
                      publish ? static_cast<int>(kDirectFlagSecure) : 0, bytes.data(),
                      static_cast<uint32_t>(bytes.size()));
@@ -257,6 +268,7 @@ void recordings(Session& s) {
     if (i % 2 == 1) s.fsync(a);
     if (i == 2) s.fsync(b);
   }
+  s.mkdir("/DCIM/a folder made while two files are open");
   s.close(a);
   s.fsync(b);
   s.write(b, bytesOf(3000, 30));
@@ -401,6 +413,14 @@ std::string judge(const std::shared_ptr<CardBytes>& card, const CardImage& image
   if (v == nullptr) return problems + "the card does not load: " + std::to_string(error) + "\n";
   for (const auto& [path, want] : p.synced) {
     if (!holds(*v, path, want)) problems += path + ": fsync'd content lost or changed\n";
+  }
+  for (const auto& [path, bytes] : p.written) {
+    // A recording in a reserved folder may show its whole reservation after a cut.
+    auto e = v->findEntry(path.c_str());
+    std::string got;
+    if (e != nullptr && !v->isInVELTFolder(e) && readFile(*v, path, &got) &&
+        bytes.compare(0, got.size(), got) != 0)
+      problems += path + ": holds bytes never written to it (" + std::to_string(got.size()) + ")\n";
   }
   for (const auto& [path, wants] : p.versions) {
     std::string got;
