@@ -172,6 +172,7 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
     uint8_t record[DIR_RECORD_SIZE];
     memcpy(record, old_record, DIR_RECORD_SIZE);
     child->fillRecord(record);
+    record[rec::kCaseFlags] = 0;  // the old name's letter case is not the new short name's
     int written = 0;
     if (lfn_count > 0 && to_parent->writeLongNameRecords(child, units, lfn_count, first, record,
                                                          nullptr, &written) < 0) {

@@ -42,19 +42,25 @@ int CutDriver::writeSectors(uint32_t start, int count, const void* buffer) {
   return -1;
 }
 
-// One of the writes since the last flush (not the last one, which arrived) never reached the
-// card: its sectors hold what the other writes left there, in their order.
+// Writes since the last flush (not the last one, which arrived) never reached the card: for an
+// odd choice one of them, for an even one all of them (any step that relies on an earlier one
+// without a flush between them shows). Their sectors hold what the other writes left there.
 void CutDriver::applyReorderCut() {
   if (unflushed_.size() < 2) return;
-  const size_t lost = static_cast<size_t>(choice_ % (unflushed_.size() - 1));
-  const Pending& gone = unflushed_[lost];
-  for (uint32_t s = gone.start; s < gone.start + static_cast<uint32_t>(gone.count); ++s) {
-    uint8_t* at = card_->data() + static_cast<size_t>(s) * 512;
-    memcpy(at, before_[s].data(), 512);
-    for (size_t k = 0; k < unflushed_.size(); ++k) {
-      const Pending& p = unflushed_[k];
-      if (k == lost || s < p.start || s >= p.start + static_cast<uint32_t>(p.count)) continue;
-      memcpy(at, p.data.data() + static_cast<size_t>(s - p.start) * 512, 512);
+  const size_t last = unflushed_.size() - 1;
+  std::vector<bool> lost(last + 1, choice_ % 2 == 0);
+  lost[last] = false;
+  if (choice_ % 2 != 0) lost[(choice_ / 2) % last] = true;
+  for (size_t g = 0; g < last; ++g) {
+    if (!lost[g]) continue;
+    for (uint32_t s = unflushed_[g].start; s < unflushed_[g].start + unflushed_[g].count; ++s) {
+      uint8_t* at = card_->data() + static_cast<size_t>(s) * 512;
+      memcpy(at, before_[s].data(), 512);
+      for (size_t k = 0; k <= last; ++k) {
+        const Pending& p = unflushed_[k];
+        if (lost[k] || s < p.start || s >= p.start + static_cast<uint32_t>(p.count)) continue;
+        memcpy(at, p.data.data() + static_cast<size_t>(s - p.start) * 512, 512);
+      }
     }
   }
 }

@@ -20,7 +20,7 @@ using CardBytes = std::vector<uint8_t>;
 enum class CutMode {
   kDrop,     // it never arrives
   kTear,     // only a prefix of its sectors arrives
-  kReorder,  // it arrives, but one earlier write since the last flush is lost
+  kReorder,  // it arrives, but one or all earlier writes since the last flush are lost
 };
 
 // A card in memory. Counts every write; with a cut set, write number `cut_at` (1-based) is the
