@@ -94,6 +94,10 @@ class Session {
     if (driver_->dead()) throw PowerCut();
     if (r != want) throw std::runtime_error(what + ": " + std::to_string(r));
   }
+  // What a call confirmed is flushed before it returns: no write of it may still be reordered.
+  void confirmed(const std::string& what) {
+    if (driver_->unflushed() != 0) throw std::runtime_error(what + " returned before a flush");
+  }
 
   struct Open {
     uint64_t fh = 0;
@@ -124,6 +128,7 @@ class Session {
   void fsync(Open& f) {
     fuse_file_info fi = info(f);
     check(VELTFuse::__fsync(f.path.c_str(), 0, &fi), "fsync " + f.path);
+    confirmed("fsync " + f.path);
     p.synced[f.path] = f.data;
   }
   // `between` runs after the flush of close() and before the release, which the kernel may
@@ -171,6 +176,7 @@ class Session {
     check();  // whichever name survives a cut holds the content
     p.rename.reset();
     if (r != 0) throw std::runtime_error("rename " + from + ": " + std::to_string(r));
+    confirmed("rename " + from);
     for (auto& [path, bytes] : flight.content) p.synced[path] = bytes;
     p.present.insert(moved.begin(), moved.end());
     p.written.insert(written.begin(), written.end());
@@ -198,6 +204,7 @@ class Session {
     check();
     if (reply != nullptr && reply->param_ < 0) throw std::runtime_error("channel write " + path);
     *data += bytes;
+    if (publish) confirmed("publication of " + path);
     if (publish) p.synced[path] = *data;
   }
   void channelClose(int fd) {
@@ -257,7 +264,8 @@ class Session {
 
 const auto bytesOf = patternBytes;
 
-// Several recordings, two open at once, each written in odd-sized pieces and fsync'd on the way.
+// Several recordings, two open at once, each written in odd-sized pieces and fsync'd on the way,
+// a folder made meanwhile; then one deleted and one renamed onto another. Every write is a cut.
 void recordings(Session& s) {
   s.mkdir("/DCIM");
   auto a = s.create("/DCIM/clip one.mp4");
@@ -277,6 +285,8 @@ void recordings(Session& s) {
   s.write(c, bytesOf(5000, 40));
   s.fsync(c);
   s.close(c);
+  s.unlink("/DCIM/clip one.mp4");
+  s.rename("/DCIM/clip two.mp4", "/b.bin");  // onto a file in another folder
 }
 
 // Folders and files made, renamed within and across folders and onto existing files, removed.
@@ -380,6 +390,7 @@ void longRecording(Session& s) {
     if (f.data.size() % (1u << 20) == 0) {
       s.volume().commitOpenFiles();
       s.check();
+      s.confirmed("commit");
       s.p.synced[f.path] = f.data;
     }
   }

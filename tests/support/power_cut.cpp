@@ -20,6 +20,7 @@ int CutDriver::writeSectors(uint32_t start, int count, const void* buffer) {
   const size_t from = static_cast<size_t>(start) * 512, bytes = static_cast<size_t>(count) * 512;
   if (dead_ || count < 1 || from + bytes > card_->size()) return -1;
   ++writes_;
+  ++unflushed_writes_;
   for (int i = 0; i < count; ++i) unreadable.erase(start + i);  // a written sector reads again
   const auto* in = static_cast<const uint8_t*>(buffer);
   if (mode_ == CutMode::kReorder && cut_at_ > 0) {
@@ -67,6 +68,7 @@ void CutDriver::applyReorderCut() {
 
 int CutDriver::flush() {
   if (dead_) return -1;
+  unflushed_writes_ = 0;
   unflushed_.clear();
   before_.clear();
   return 0;

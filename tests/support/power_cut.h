@@ -48,6 +48,7 @@ class CutDriver : public BlockDriver {
 
   bool dead() const { return dead_; }
   int64_t writes() const { return writes_; }
+  int64_t unflushed() const { return unflushed_writes_; }  // writes since the last flush
 
  private:
   struct Pending {
@@ -62,7 +63,7 @@ class CutDriver : public BlockDriver {
   CutMode mode_ = CutMode::kDrop;
   uint64_t choice_ = 0;
   bool dead_ = false;
-  int64_t writes_ = 0;
+  int64_t writes_ = 0, unflushed_writes_ = 0;
   std::vector<Pending> unflushed_;                   // kept in reorder mode only
   std::map<uint32_t, std::vector<uint8_t>> before_;  // sector -> content at the last flush
 };
