@@ -293,7 +293,10 @@ int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
     }
     uint32_t c = static_cast<uint32_t>(found);
     takeCluster(c);
-    if (zero) zeroCluster(c);
+    if (zero) {
+      zeroCluster(c);
+      velt_->sync();  // a card may reorder: the zeros arrive before the link to the cluster can
+    }
     if (out != nullptr) out[i] = c;
     if (tail >= num_clusters_ || c >= num_clusters_) return -1;
     // The new end goes out before the link to it, so the card never holds a chain that runs

@@ -265,7 +265,8 @@ class Session {
 const auto bytesOf = patternBytes;
 
 // Several recordings, two open at once, each written in odd-sized pieces and fsync'd on the way,
-// a folder made meanwhile; then one deleted and one renamed onto another. Every write is a cut.
+// a folder made meanwhile; then one deleted, one renamed onto another, short files made and
+// deleted. Every write is a cut.
 void recordings(Session& s) {
   s.mkdir("/DCIM");
   auto a = s.create("/DCIM/clip one.mp4");
@@ -287,6 +288,12 @@ void recordings(Session& s) {
   s.close(c);
   s.unlink("/DCIM/clip one.mp4");
   s.rename("/DCIM/clip two.mp4", "/b.bin");  // onto a file in another folder
+  for (int i = 0; i < 4; ++i) {
+    auto t = s.create("/DCIM/short " + std::to_string(i));
+    s.write(t, bytesOf(700, 60 + i));
+    s.close(t);
+    s.unlink(t.path);
+  }
 }
 
 // Folders and files made, renamed within and across folders and onto existing files, removed.

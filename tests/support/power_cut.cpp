@@ -94,7 +94,7 @@ void walk(const FatImage& f, uint32_t dir, const std::string& path, int depth, s
       // A chain running on into a free cluster further on is the load's to cut.
       if (e.cluster < 2 || e.cluster >= f.clusterCount()) {
         *out += here + ": folder without a cluster\n";
-      } else if (f.fat(e.cluster) == 0) {
+      } else if (f.fat(e.cluster) == 0 || f.fat(e.cluster, 1) == 0) {
         *out += here + ": folder in a free cluster\n";
       } else if (f.shortName(f.clusterOffset(e.cluster)) != "." ||
                  f.shortName(f.clusterOffset(e.cluster) + 32) != "..") {
@@ -110,6 +110,13 @@ void walk(const FatImage& f, uint32_t dir, const std::string& path, int depth, s
     if (held * f.clusterBytes() < size) {
       *out += here + ": " + std::to_string(held) + " clusters in use for " + std::to_string(size) +
               " bytes\n";
+    }
+    // Both FAT copies hold a chain before a record points at it, and until none does.
+    for (uint64_t i = 0; i < held && i * f.clusterBytes() < size; ++i) {
+      if (f.fat(chain[i], 1) == 0) {
+        *out += here + ": cluster free in the second FAT\n";
+        break;
+      }
     }
   }
 }

@@ -73,9 +73,9 @@ class CutDriver : public BlockDriver {
 // fails; `error` gets the result code.
 std::shared_ptr<VELT> mountOn(std::unique_ptr<BlockDriver> driver, int* error);
 
-// Problems a power cut must never leave, found by walking the raw card from the root (FAT copy
-// 1): a folder whose cluster does not begin with "." and "..", an entry whose chain meets a free
-// FAT entry or is shorter than its size. Empty when none.
+// Problems a power cut must never leave, found by walking the raw card from the root (chains in
+// FAT copy 1): a folder whose cluster does not begin with "." and "..", an entry whose chain
+// meets a free FAT entry (in either copy) or is shorter than its size. Empty when none.
 std::string rawCardProblems(const CardBytes& card);
 
 }  // namespace velt::test

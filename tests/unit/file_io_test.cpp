@@ -127,24 +127,6 @@ TEST(BufferedWrite, SmallWritesStayPendingAndCostTheirSectors) {
   }
 }
 
-TEST(BufferedWrite, ReadsSeeThePendingBufferEvenWhenTheCacheCannotHoldIt) {
-  FakeVolume f(8192);
-  fillCard(f);
-  auto& v = *f.volume;
-  ASSERT_EQ(v.createCache(1024), 0);  // two entries: most written sectors are not cached
-  auto data = bytes(40 * 512 + 100, 5);
-  ASSERT_EQ(v.write(data.data(), static_cast<uint32_t>(data.size()), 0x10000 + 300, true),
-            static_cast<int>(data.size()));
-  ASSERT_GE(v.write_start_sector_, 0) << "the data must still be pending for this test";
-  std::vector<uint8_t> out(data.size() + 600);
-  ASSERT_EQ(v.read(out.data(), static_cast<int>(out.size()), 0x10000),
-            static_cast<int>(out.size()));
-  EXPECT_EQ(0, memcmp(out.data(), f.driver->data_.data() + 0x10000, 300));
-  EXPECT_EQ(0, memcmp(out.data() + 300, data.data(), data.size()));
-  EXPECT_EQ(0, memcmp(out.data() + 300 + data.size(),
-                      f.driver->data_.data() + 0x10000 + 300 + data.size(), 300));
-}
-
 TEST(BufferedWrite, FailuresStaleCopiesAndTheUnload) {
   FakeVolume f(8192);
   auto& v = *f.volume;
