@@ -103,6 +103,7 @@ int VELT::DirEntry::touch(time_t atime, time_t mtime) {
     return -EINVAL;
   }
   std::lock_guard lock(files_mutex_);  // the stamps are read under it
+  if (removed_) return 0;              // the records are gone
   access_date_ = timeToFatDate(atime);
   accessed_ = atime;
   write_date_ = timeToFatDate(mtime);
