@@ -225,6 +225,9 @@ class VELT::DirEntry {
   int removeFile(const std::shared_ptr<File>& file);
   // Frees the clusters a removal kept for open files once the last of them has gone.
   void freeKeptChain();
+  // With files_mutex_ held: 0 when no handle is open on this file, or when every open one is
+  // closing (its release on the way) and `closing_ok`; else -EBUSY, logged.
+  int busyUnlessClosing(bool closing_ok) const;
   // Completes the parked reads that the data written so far can serve; caller holds
   // files_mutex_. Returns how many were completed.
   int checkFiles();

@@ -601,12 +601,7 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
   if (child->isArchive()) {
     std::lock_guard lock(child->files_mutex_);
     keep_chain = !child->files_.empty();
-    for (const auto& file : child->files_) {
-      if (velt_folder_ == nullptr && file->closing_) continue;
-      LOGE("[%s] is busy, opened files#%d\n", child->getPath().c_str(),
-           static_cast<int>(child->files_.size()));
-      return -EBUSY;
-    }
+    if (int e = child->busyUnlessClosing(velt_folder_ == nullptr); e < 0) return e;
     child->removed_ = keep_chain ? kRemovedKeepingChain : kRemoved;
   }
   // A failed removal leaves the entry as it was, its open files writing its record again.

@@ -49,6 +49,15 @@ int VELT::DirEntry::removeFile(const std::shared_ptr<File>& file) {
   return 0;
 }
 
+int VELT::DirEntry::busyUnlessClosing(bool closing_ok) const {
+  for (const auto& file : files_) {
+    if (closing_ok && file->closing_) continue;
+    LOGE("[%s] is busy, opened files#%d\n", getPath().c_str(), static_cast<int>(files_.size()));
+    return -EBUSY;
+  }
+  return 0;
+}
+
 void VELT::DirEntry::freeKeptChain() {
   uint32_t chain;
   {

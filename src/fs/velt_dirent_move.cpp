@@ -249,12 +249,7 @@ int VELT::DirEntry::replaceChild(const std::shared_ptr<DirEntry>& child,
     // last goes), and stays unopened until it is gone.
     std::scoped_lock files_lock(child->files_mutex_, target->files_mutex_);
     const bool keep_chain = !target->files_.empty();
-    for (const auto& file : target->files_) {
-      if (file->closing_) continue;
-      LOGE("[%s] is busy, opened files#%d\n", target->getPath().c_str(),
-           static_cast<int>(target->files_.size()));
-      return -EBUSY;
-    }
+    if (int e = target->busyUnlessClosing(true); e < 0) return e;
     const std::string path = target->getPath();
     auto failed = [&path](const char* what) {
       int e = errno ? errno : EIO;

@@ -130,49 +130,70 @@ DirectHeaderCheck checkDirectHeader(const uint8_t* in, DirectHeader* header) {
   return DirectHeaderCheck::kOk;
 }
 
+size_t DirectFramer::wanted() const {
+  switch (state_) {
+    case State::kSearching: return 1;
+    case State::kMarkerFound: return kDirectHeaderSize - sizeof(kDirectMarker);
+    case State::kSynced: break;
+  }
+  return kDirectHeaderSize;
+}
+
+void DirectFramer::lose() {
+  state_ = State::kSearching;
+  search_.reset();
+}
+
+DirectFramer::Step DirectFramer::step(const uint8_t* data, size_t size, size_t* used,
+                                      DirectHeader* header, DirectHeaderCheck* check) {
+  if (state_ == State::kSearching) {
+    if (!findDirectMarker(search_, data, size, used)) return Step::kMore;
+    state_ = State::kMarkerFound;
+    return Step::kSynced;
+  }
+  uint8_t bytes[kDirectHeaderSize];
+  if (state_ == State::kMarkerFound) {
+    memcpy(bytes, kDirectMarker, sizeof(kDirectMarker));
+    memcpy(bytes + sizeof(kDirectMarker), data, kDirectHeaderSize - sizeof(kDirectMarker));
+    *used = kDirectHeaderSize - sizeof(kDirectMarker);
+  } else {
+    memcpy(bytes, data, kDirectHeaderSize);
+    *used = kDirectHeaderSize;
+  }
+  *check = checkDirectHeader(bytes, header);
+  if (*check == DirectHeaderCheck::kBrokenMarker || *check == DirectHeaderCheck::kShortLength) {
+    lose();
+    return Step::kBroken;
+  }
+  state_ = State::kSynced;
+  return Step::kHeader;
+}
+
 DirectStreamCounts parseDirectStream(
     const uint8_t* data, size_t size,
     const std::function<void(const DirectHeader&, const uint8_t*, size_t)>& record) {
   DirectStreamCounts counts;
-  DirectMarkerSearch search;
-  bool synced = false;
+  DirectFramer framer;
   size_t at = 0;
-  uint8_t header[kDirectHeaderSize];
-  while (at < size) {
-    if (!synced) {
-      size_t used = 0;
-      const bool found = findDirectMarker(search, data + at, size - at, &used);
-      counts.skipped += found ? used - std::min<size_t>(used, sizeof(kDirectMarker)) : used;
-      at += used;
-      if (!found || size - at < kDirectHeaderSize - 4) break;
-      memcpy(header, kDirectMarker, 4);
-      memcpy(header + 4, data + at, kDirectHeaderSize - 4);
-      at += kDirectHeaderSize - 4;
-      synced = true;
-    } else {
-      if (size - at < kDirectHeaderSize) break;
-      memcpy(header, data + at, kDirectHeaderSize);
-      at += kDirectHeaderSize;
-    }
+  while (at < size && size - at >= framer.wanted()) {
+    size_t used = 0;
     DirectHeader h;
-    switch (checkDirectHeader(header, &h)) {
-      case DirectHeaderCheck::kBrokenMarker:
-      case DirectHeaderCheck::kShortLength:
-        ++counts.broken;
-        synced = false;
-        search.reset();
-        continue;
-      case DirectHeaderCheck::kTooLarge:
-        ++counts.too_large;
-        break;
-      case DirectHeaderCheck::kOk:
-        break;
+    DirectHeaderCheck check = DirectHeaderCheck::kOk;
+    const DirectFramer::Step step = framer.step(data + at, size - at, &used, &h, &check);
+    at += used;
+    if (step == DirectFramer::Step::kMore) {
+      counts.skipped += used;
+    } else if (step == DirectFramer::Step::kSynced) {
+      counts.skipped += used - std::min<size_t>(used, sizeof(kDirectMarker));
+    } else if (step == DirectFramer::Step::kBroken) {
+      ++counts.broken;
+    } else {
+      if (check == DirectHeaderCheck::kTooLarge) ++counts.too_large;
+      const size_t here = std::min<size_t>(h.length - kDirectHeaderSize, size - at);
+      ++counts.records;
+      record(h, data + at, here);
+      at += here;
     }
-    const size_t payload = h.length - kDirectHeaderSize;
-    const size_t here = std::min(payload, size - at);
-    ++counts.records;
-    record(h, data + at, here);
-    at += here;
   }
   return counts;
 }

@@ -117,6 +117,31 @@ enum class DirectHeaderCheck {
 };
 DirectHeaderCheck checkDirectHeader(const uint8_t* in, DirectHeader* header);
 
+// The channel's framing: finds the marker, takes each record's header, and goes back to the
+// marker search on a header that is not a record. The receiver feeds it from the pipe;
+// parseDirectStream from a byte string.
+class DirectFramer {
+ public:
+  enum class Step {
+    kMore,    // bytes taken, no header yet
+    kSynced,  // a marker found: the rest of its header comes next
+    kHeader,  // a header taken (*check kOk or kTooLarge): its payload comes next
+    kBroken,  // a header that is not a record (*check says why): searching again
+  };
+  // The bytes the next step needs at least (fewer only while it looks for a marker).
+  size_t wanted() const;
+  // Takes from data[0, size), which holds at least wanted() bytes; *used says how many.
+  Step step(const uint8_t* data, size_t size, size_t* used, DirectHeader* header,
+            DirectHeaderCheck* check);
+  // The stream ended (a client went away): the next one is searched for a marker.
+  void lose();
+
+ private:
+  enum class State { kSearching, kMarkerFound, kSynced };
+  State state_ = State::kSearching;
+  DirectMarkerSearch search_;
+};
+
 // The receiver's framing over a byte string, without a volume or a pipe: calls `record` for
 // every record it would take, in order (the payload may end short at the end of the bytes).
 struct DirectStreamCounts {

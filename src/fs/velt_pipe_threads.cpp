@@ -448,9 +448,7 @@ int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
 }  // namespace
 
 void VELT::pipe_reader() {
-  bool synced = false;
-  DirectMarkerSearch search;
-  uint8_t header[kDirectHeaderSize];
+  DirectFramer framer;
   for (;;) {
     receiver_open_ = false;
     int fd = openPipe(kDirectRequestPipe, O_RDONLY | O_NONBLOCK);
@@ -490,38 +488,24 @@ void VELT::pipe_reader() {
         continue;
       }
       paused = false;
-      if (!synced) {
-        if (in.available() == 0 && in.need(1) <= 0) break;
-        size_t used = 0;
-        const bool found = findDirectMarker(search, in.data(), in.available(), &used);
-        in.consume(used);
-        if (!found) continue;
-        LOGI("data synced.\n");
-        if (in.need(kDirectHeaderSize - 4) <= 0) break;
-        memcpy(header, kDirectMarker, sizeof(kDirectMarker));
-        memcpy(header + 4, in.data(), kDirectHeaderSize - 4);
-        in.consume(kDirectHeaderSize - 4);
-        synced = true;
-      } else {
-        if (in.need(kDirectHeaderSize) <= 0) {
-          synced = false;
-          break;
-        }
-        memcpy(header, in.data(), kDirectHeaderSize);
-        in.consume(kDirectHeaderSize);
-      }
-
+      if (in.need(framer.wanted()) <= 0) break;
+      size_t used = 0;
       DirectHeader h;
-      const DirectHeaderCheck check = checkDirectHeader(header, &h);
-      if (check == DirectHeaderCheck::kBrokenMarker || check == DirectHeaderCheck::kShortLength) {
+      DirectHeaderCheck check = DirectHeaderCheck::kOk;
+      const DirectFramer::Step step = framer.step(in.data(), in.available(), &used, &h, &check);
+      in.consume(used);
+      if (step == DirectFramer::Step::kMore) continue;
+      if (step == DirectFramer::Step::kSynced) {
+        LOGI("data synced.\n");
+        continue;
+      }
+      if (step == DirectFramer::Step::kBroken) {
         if (check == DirectHeaderCheck::kBrokenMarker) {
           LOGE("data sync broken!\n");
         } else {
           // A length shorter than the header itself: the stream is not where it seems to be.
           NERIO_ASSERT_TEXT("(ssize_t)size >= 0");
         }
-        synced = false;
-        search.reset();
         in.bulkReads();
         continue;
       }
@@ -546,6 +530,7 @@ void VELT::pipe_reader() {
     }
     ::close(fd);
     receiver_open_ = false;
+    framer.lose();
     // Whatever the client sent reaches the card; its files are closed.
     flushAllRequests(nullptr, false, true);
     if (direct_stop_) return;
