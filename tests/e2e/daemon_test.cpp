@@ -38,10 +38,11 @@ int failure(int result) {
 // Every way the daemon refuses to serve: before mounting (exit status 1), or in the init
 // callback when the volume cannot be created (the loop is left on request: status 0).
 TEST(Startup, RefusalsPrintTheirMessageAndExitStatus) {
-  CardImage card;  // its sandbox also holds nodes of a partition of no card and of another disk
+  CardImage card;  // its sandbox also holds nodes of no card's partition and of other disks
   ASSERT_TRUE(card.ok()) << card.error();
-  std::ofstream(card.root() + "/dev/sda1");
-  std::ofstream(card.root() + "/dev/mmcblk0p2");
+  for (const char* node : {"sda1", "mmcblk0p2", "mmcblk0", "mmcblk00p1"}) {
+    std::ofstream(card.root() + "/dev/" + node);
+  }
   TempDir box, empty_root;  // box: the partition node with no card behind it; empty: no node
   const std::string root = box.path() + "/root", mnt = box.path() + "/mnt";
   fs::create_directories(root + "/dev");
@@ -77,7 +78,10 @@ TEST(Startup, RefusalsPrintTheirMessageAndExitStatus) {
       {{"-f", "/proc"}, root, 1, "error: mountpoint [/proc] already mounted\n", ""},
       {{"-f", "-o", "no_such_option", mnt}, root, 1, "unknown option", ""},
       {{"-f", mnt}, box.path() + "/no-such-root", 1, "VELT_ROOT", ""},
-      {{"-f", "-d", "/dev/sda1", mnt}, card.root(), 0, init, "err -22 (Unknown error)\n"},
+      // The device path must read /dev/mmcblk<disk>p<partition>, checked before any device.
+      {{"-f", "-d", "/dev/sda1", mnt}, card.root(), 0, init, "\"/dev/sda1\" invalid. must be in"},
+      {{"-f", "-d", "/dev/mmcblk0", mnt}, card.root(), 0, init, "must be in /dev/mmcblk0p# format"},
+      {{"-f", "-d", "/dev/mmcblk00p1", mnt}, card.root(), 0, init, "err -22 (Unknown error)\n"},
       {{"-f", "-d", "/dev/mmcblk0p2", mnt}, card.root(), 0, init, "err 2 (No FAT32 partition)\n"},
       {{"-f", mnt}, root, 0, init, "VELT::create() failed, err 3 (No device found)\n"},
   };
@@ -151,7 +155,7 @@ TEST(Startup, EachLoopServesAndStopsCleanly) {
 }
 
 // A reader holding a file open sees what the channel and a writer through another spelling
-// change behind its back (bytes and size) at once. One inode under every spelling; times; names FAT cannot hold.
+// change behind its back (bytes and size) at once. One inode per file; times; names FAT refuses.
 TEST(MountBehaviour, ChangesBehindTheReaderShowAtOnce) {
   MountedCard card;
   ASSERT_TRUE(card.start(CardKind::kPlain)) << card.error();
@@ -237,15 +241,21 @@ TEST(MountBehaviour, FullCard) {
   close(fd);
   EXPECT_EQ(readFileBytes(mnt + "/huge.bin"), "");
 
-  // Data until the card is full: a short write, then ENOSPC.
-  ShellResult dd = runShell("dd if=/dev/zero of=" + q(mnt + "/fill.bin") + " bs=64k 2>&1");
-  EXPECT_NE(dd.status, 0);
-  EXPECT_TRUE(contains(dd.out, "No space left on device")) << dd.out;
+  // Data until the card is full: a short write, then ENOSPC, which sticks to no handle: the
+  // file is still written inside its chain, and past it once space is freed.
+  fd = open((mnt + "/fill.bin").c_str(), O_CREAT | O_WRONLY, 0644);
+  const std::string chunk(65536, 'f');
+  while (write(fd, chunk.data(), chunk.size()) > 0) {
+  }
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(pwrite(fd, "x", 1, 0), 1);
   ASSERT_EQ(statvfs(mnt.c_str(), &vfs), 0);
   EXPECT_EQ(vfs.f_bavail, 0u);
   EXPECT_EQ(failure(mkdir((mnt + "/newdir").c_str(), 0755)), ENOSPC);
   EXPECT_EQ(failure(truncate((mnt + "/reserve.bin").c_str(), 4 << 20)), ENOSPC);
-  EXPECT_EQ(unlink((mnt + "/fill.bin").c_str()), 0);
+  EXPECT_EQ(unlink((mnt + "/reserve.bin").c_str()), 0);
+  EXPECT_EQ(write(fd, chunk.data(), chunk.size()), static_cast<ssize_t>(chunk.size()));
+  EXPECT_EQ(close(fd), 0);
   EXPECT_EQ(mkdir((mnt + "/newdir").c_str(), 0755), 0);
   EXPECT_EQ(daemon.stop(), 0);
   ShellResult r = image.fsck("-n");

@@ -1,12 +1,10 @@
 // A random model test on a real mount: seeded operations (create, writes at random offsets,
-// appends, O_TRUNC, truncation both ways, renames of files and folders including case-only ones
-// and onto existing targets, mkdir, rmdir, unlink, utimens, chmod, writes through and removal of
-// open entries, names reached by other spellings) are made on the mounted card and on a folder
-// of the host, and the trees are compared after every step. Afterwards fsck.fat judges the card
-// and the daemon mounts the card again and finds the same tree.
-//
-// VELT_MODEL_SEED and VELT_MODEL_OPS reproduce or lengthen a run; VELT_DAEMON points the test at
-// another build of the daemon (the sanitizer build).
+// appends, O_TRUNC, truncation both ways, renames of files and folders, case-only and onto
+// existing targets, mkdir, rmdir, unlink, utimens, chmod, writes through and removal of open
+// entries, names reached by other spellings) on the mounted card and on a host folder, the trees
+// compared after every step; then fsck.fat, and the daemon loads the same tree again. Then
+// concurrent writers and readers. VELT_MODEL_SEED and VELT_MODEL_OPS reproduce or lengthen a run;
+// VELT_DAEMON points at another build of the daemon (the sanitizer build).
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,18 +12,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <cstring>
 #include <deque>
-#include <filesystem>
 #include <map>
 #include <random>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "e2e_card.h"
 
@@ -48,7 +40,7 @@ Tree snapshot(const std::string& root, bool data = true) {
   for (const auto& e : fs::recursive_directory_iterator(root)) {
     struct stat st = {};
     const std::string path = e.path().string();
-    if (lstat(path.c_str(), &st) != 0) ADD_FAILURE() << path << ": " << strerror(errno);
+    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path << ": " << strerror(errno);
     Node& n = tree[path.substr(root.size())];
     n.dir = S_ISDIR(st.st_mode);
     n.writable = (st.st_mode & S_IWUSR) != 0;
@@ -61,12 +53,8 @@ Tree snapshot(const std::string& root, bool data = true) {
 // The paths whose entries differ.
 std::string differences(const Tree& a, const Tree& b) {
   std::string out;
-  for (const auto& [path, n] : a) {
-    if (!b.count(path) || !(b.at(path) == n)) out += " " + path;
-  }
-  for (const auto& entry : b) {
-    if (!a.count(entry.first)) out += " " + entry.first;
-  }
+  for (const auto& [path, n] : a) out += !b.count(path) || !(b.at(path) == n) ? " " + path : "";
+  for (const auto& entry : b) out += a.count(entry.first) ? "" : " " + entry.first;
   return out;
 }
 
@@ -92,8 +80,7 @@ class Model {
     std::string h;
     for (const std::string& line : history_) h += "  " + line + "\n";
     ADD_FAILURE() << "step " << n << (ok ? ": the trees differ at" : " disagrees") << diff
-                  << "\nlast operations:\n"
-                  << h;
+                  << "\nlast operations:\n" << h;
     return false;
   }
 

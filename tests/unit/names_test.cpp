@@ -1,32 +1,25 @@
-// Names, times and paths: name tables, the 8.3 form, unique short names, FAT dates and times,
-// device paths, path lookup and reserved folders.
+// Names and times: name tables, the 8.3 form, unique short names, FAT dates and times. (Device
+// paths are the daemon's startup table; lookups by other spellings and 8.3 forms, the models'.)
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <cstring>
-#include <fstream>
 #include <memory>
 #include <set>
 #include <string>
 #include <tuple>
 
 #include "daemon_runner.h"
-#include "fake_driver.h"
 #include "fs/velt_dirent.h"
 
 using velt::VELT;
-using Entry = velt::VELT::DirEntry;
 using velt::test::localTime;
-using velt::test::ScopedEnv;
-using velt::test::TempDir;
 
 TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
   // Valid as a long name, as a short name.
   const std::tuple<const char*, bool, bool> tables[] = {
       {"README.TXT", true, false},  // the period is for the long-name table only
-      {"a+b", true, true},          {"a:b", false, false},  {"a*b", false, false},
-      {"a?b", false, false},        {"a\x1f", false, false}, {"a\x7f", true, true},
-      {"a,b", true, false},         {"a[b]", true, false},  {"a b", true, true},
+      {"a+b", true, true},         {"a:b", false, false},   {"a*b", false, false},
+      {"a?b", false, false},       {"a\x1f", false, false}, {"a\x7f", true, true},
+      {"a,b", true, false},        {"a[b]", true, false},   {"a b", true, true},
       {"caf\xc3\xa9", true, true},  // every byte of a UTF-8 sequence passes
   };
   for (const auto& [name, long_ok, short_ok] : tables) {
@@ -35,11 +28,14 @@ TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
   }
   // A checksum mtools wrote into the long-name records of this short name.
   EXPECT_EQ(velt::shortNameChecksum(reinterpret_cast<const uint8_t*>("MYDOCU~1DOC")), 0x9B);
-  for (auto [short_name, expected] : {std::pair<const char*, std::string>{"README.TXT", "README  TXT"},
-                                      {"ABCDEFGHIJKLM", "ABCDEFGHIJK"}, {"A.TEXT", "A       TEX"},
-                                      {"LONGBASE1.TX", "LONGBASETX "}, {"A.B.C", "A.B     C  "},
-                                      {"..", "..         "},  // 0xE5 would read as deleted:
-                                      {"\xe5\x80\x80.TXT", "\x05\x80\x80     TXT"}}) {
+  for (auto [short_name, expected] :
+       {std::pair<const char*, std::string>{"README.TXT", "README  TXT"},
+        {"ABCDEFGHIJKLM", "ABCDEFGHIJK"},
+        {"A.TEXT", "A       TEX"},
+        {"LONGBASE1.TX", "LONGBASETX "},
+        {"A.B.C", "A.B     C  "},
+        {"..", "..         "},  // 0xE5 would read as deleted:
+        {"\xe5\x80\x80.TXT", "\x05\x80\x80     TXT"}}) {
     uint8_t out[11];
     velt::shortNameToName83(short_name, out);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(out), 11), expected) << short_name;
@@ -75,12 +71,12 @@ TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
 
 TEST(FatTime, DatesAtTheEdgesOfTheRange) {
   // 12:34:56 on 1 January 2000, an odd second, and moments before and after the range.
-  for (auto [t, date, time] : {std::tuple<time_t, uint16_t, uint16_t>{
-                                   localTime(2000, 1, 1, 12, 34, 56), 0x2821, 0x645C},
-                               {localTime(2107, 12, 31, 23, 59, 59), 0xFF9F, 0xBF7D},
-                               {localTime(1979, 12, 31, 23, 59, 58), 0x0021, 0x0000},
-                               {localTime(2108, 1, 1, 0, 0, 0), 0xFF9F, 0xBF7D},
-                               {time_t{1} << 60, 0xFF9F, 0xBF7D}}) {
+  for (auto [t, date, time] :
+       {std::tuple<time_t, uint16_t, uint16_t>{localTime(2000, 1, 1, 12, 34, 56), 0x2821, 0x645C},
+        {localTime(2107, 12, 31, 23, 59, 59), 0xFF9F, 0xBF7D},
+        {localTime(1979, 12, 31, 23, 59, 58), 0x0021, 0x0000},
+        {localTime(2108, 1, 1, 0, 0, 0), 0xFF9F, 0xBF7D},
+        {time_t{1} << 60, 0xFF9F, 0xBF7D}}) {
     EXPECT_EQ(velt::timeToFatDate(t), date) << t;
     EXPECT_EQ(velt::timeToFatTime(t), time) << t;
   }
@@ -109,8 +105,9 @@ TEST(FatTime, AgreesWithTheCalendarInEveryZone) {
             tm.tm_sec = 14, tm.tm_min = 30, tm.tm_hour = hour, tm.tm_mday = day;
             tm.tm_mon = month - 1, tm.tm_year = year + 80, tm.tm_isdst = -1;
             const time_t expect = mktime(&tm);
-            const time_t got = velt::fatToTime(static_cast<uint16_t>((year << 9) | (month << 5) | day),
-                                               static_cast<uint16_t>((hour << 11) | (30 << 5) | 7));
+            const time_t got =
+                velt::fatToTime(static_cast<uint16_t>((year << 9) | (month << 5) | day),
+                                static_cast<uint16_t>((hour << 11) | (30 << 5) | 7));
             if (got == expect) continue;
             // Only a repeated hour (both show the same wall clock) or a skipped one (mktime
             // moved the hour) may be read either way.
@@ -128,77 +125,4 @@ TEST(FatTime, AgreesWithTheCalendarInEveryZone) {
   }
   restore.reset();
   tzset();
-}
-
-// A device path must read /dev/mmcblk<disk>p<partition>; anything else is refused with -22
-// before the device is opened (the driver device here is an empty file: no MBR).
-TEST(VolumeCore, DevicePathRules) {
-  TempDir root;
-  ScopedEnv env("VELT_ROOT", root.path().c_str());
-  ASSERT_EQ(mkdir((root.path() + "/dev").c_str(), 0700), 0);
-  std::ofstream(root.path() + "/dev/velt").close();
-  const std::tuple<const char*, int, const char*> rows[] = {
-      {"/dev/mmcblk0p1", velt::kVELTBadMBR, ""},
-      {"/dev/mmcblk00p1", -22, "must be in /dev/mmcblk#p# format"},
-      {"/dev/mmcblk0", -22, "\"/dev/mmcblk0\" invalid. must be in /dev/mmcblk0p# format"},
-      {"/dev/sda1", -22, "\"/dev/sda1\" invalid. must be in /dev/mmcblk#p# format"},
-      {" /dev/mmcblk+1p1", -22, ""},
-  };
-  for (const auto& [path, code, message] : rows) {
-    int error = 12345;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(velt::VELT::create(path, 0, velt::kVELTOpMount, 0, &error), nullptr);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(error, code) << path;
-    EXPECT_NE(out.find(message), std::string::npos) << out;
-  }
-}
-
-// Paths resolve without regard to case; reserved folders are the marked folders of the root and
-// their own files, only on a card with a sound format record.
-TEST(VolumeCore, PathsAndReservedFolders) {
-  velt_test::FakeCard c;
-  auto rec = c.create("rec", true);
-  auto sub = c.create("Sub Folder", true, rec);  // SUBFOL~1
-  auto deep = c.create("file.txt", false, sub);
-  auto in_rec = c.create("Long Name.txt", false, rec);  // LONGNA~1.TXT
-  auto events = c.create("events");                     // a file named like a folder
-  auto other = c.create("other", true);
-  const std::pair<const char*, std::shared_ptr<Entry>> paths[] = {
-      {"/", c.root},
-      {"", c.root},
-      {"/REC/", rec},
-      {"//rec//sub folder///FILE.TXT", deep},
-      {"/rec/subfol~1/file.txt", deep},
-      {"/rec/longna~1.TXT", in_rec},
-      {"/rec/Long Name.txt/x", nullptr},
-      {"/rec/../EVENTS", nullptr},
-      {"/EVENTS", events},
-      {"/rec/file.txt", nullptr},
-      {"/re", nullptr},
-  };
-  for (const auto& [path, want] : paths) {
-    std::string text = path;
-    EXPECT_EQ(c.v->findEntry(text.data()), want) << path;
-    EXPECT_EQ(text, path) << "the caller's text is left as it was";
-  }
-  velt::FormatInfo& fi = c.v->format_info_;
-  fi.magic1 = velt::VELT_FSINFO_MAGIC1;
-  fi.magic2 = velt::VELT_FSINFO_MAGIC2;
-  fi.folder_count = 2;
-  strcpy(fi.folders[0].name, "REC");
-  strcpy(fi.folders[1].name, "events");
-  strcpy(fi.folders[2].name, "OTHER");  // beyond folder_count: not a folder
-  c.pbr->is_velt_partition_ = true;
-  const std::pair<std::shared_ptr<Entry>, velt::ReservedFolderDesc*> rows[] = {
-      {rec, &fi.folders[0]}, {in_rec, &fi.folders[0]}, {sub, nullptr},
-      {deep, nullptr},       {events, nullptr},        {other, nullptr}, {c.root, nullptr}};
-  for (const auto& [entry, want] : rows) {
-    EXPECT_EQ(c.v->entryToVELTFolder(entry), want) << entry->name_;
-    EXPECT_EQ(c.v->isInVELTFolder(entry), want != nullptr) << entry->name_;
-  }
-  fi.magic2 = 0;  // a broken record: no reserved folders at all
-  EXPECT_EQ(c.v->entryToVELTFolder(in_rec), nullptr);
-  c.v->root_.reset();
-  EXPECT_EQ(c.v->findEntry("/"), nullptr) << "no tree, nothing resolves";
 }
