@@ -1,7 +1,6 @@
-// The daemon's life on a real mount, where the random model test cannot look: every way it
-// refuses to start (message and exit status), a volume its init rejects, each loop serving, one
-// daemon per card, signals with files open, VELT_ROOT, a card that runs full, and what the
-// kernel's caching, inode numbers and times show users.
+// The daemon's life on a real mount, where the random model cannot look: every refusal to start
+// (message and exit status, device paths too), each loop serving, one daemon per card, signals
+// with files open, VELT_ROOT, a full card, what kernel caching and inodes show users.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -40,9 +39,8 @@ int failure(int result) {
 TEST(Startup, RefusalsPrintTheirMessageAndExitStatus) {
   CardImage card;  // its sandbox also holds nodes of no card's partition and of other disks
   ASSERT_TRUE(card.ok()) << card.error();
-  for (const char* node : {"sda1", "mmcblk0p2", "mmcblk0", "mmcblk00p1"}) {
+  for (const char* node : {"sda1", "mmcblk0p2", "mmcblk0", "mmcblk00p1"})
     std::ofstream(card.root() + "/dev/" + node);
-  }
   TempDir box, empty_root;  // box: the partition node with no card behind it; empty: no node
   const std::string root = box.path() + "/root", mnt = box.path() + "/mnt";
   fs::create_directories(root + "/dev");
@@ -78,7 +76,6 @@ TEST(Startup, RefusalsPrintTheirMessageAndExitStatus) {
       {{"-f", "/proc"}, root, 1, "error: mountpoint [/proc] already mounted\n", ""},
       {{"-f", "-o", "no_such_option", mnt}, root, 1, "unknown option", ""},
       {{"-f", mnt}, box.path() + "/no-such-root", 1, "VELT_ROOT", ""},
-      // The device path must read /dev/mmcblk<disk>p<partition>, checked before any device.
       {{"-f", "-d", "/dev/sda1", mnt}, card.root(), 0, init, "\"/dev/sda1\" invalid. must be in"},
       {{"-f", "-d", "/dev/mmcblk0", mnt}, card.root(), 0, init, "must be in /dev/mmcblk0p# format"},
       {{"-f", "-d", "/dev/mmcblk00p1", mnt}, card.root(), 0, init, "err -22 (Unknown error)\n"},
@@ -155,14 +152,15 @@ TEST(Startup, EachLoopServesAndStopsCleanly) {
 }
 
 // A reader holding a file open sees what the channel and a writer through another spelling
-// change behind its back (bytes and size) at once. One inode per file; times; names FAT refuses.
+// change behind its back (bytes and size) at once; one inode per file; names FAT refuses. (That
+// writes set the modification time is the random model's.)
 TEST(MountBehaviour, ChangesBehindTheReaderShowAtOnce) {
   MountedCard card;
   ASSERT_TRUE(card.start(CardKind::kPlain)) << card.error();
   auto p = [&](const std::string& rel) { return card.path(rel); };
   std::string data = patternBytes(100000, 1);
   writeFileBytes(p("a.txt"), data);
-  struct stat a, b, st;
+  struct stat a, b;
   ASSERT_EQ(stat(p("a.txt").c_str(), &a) | stat(p("A.TXT").c_str(), &b), 0);
   EXPECT_EQ(a.st_ino, b.st_ino);
   const int fd = open(p("a.txt").c_str(), O_RDONLY);
@@ -198,15 +196,7 @@ TEST(MountBehaviour, ChangesBehindTheReaderShowAtOnce) {
   ASSERT_EQ(mkdir(p("A.TXT").c_str(), 0755), 0);
   writeFileBytes(p("a.txt/in"), "in");
   EXPECT_EQ(readFileBytes(p("A.TXT/in")), "in");
-
-  // Writes set the modification time; touching the mount point works.
-  struct timespec old[2] = {{978307200, 0}, {978307200, 0}};  // 2001
-  ASSERT_EQ(utimensat(AT_FDCWD, p("a.txt/in").c_str(), old, 0), 0);
-  const time_t before = time(nullptr);
-  writeFileBytes(p("a.txt/in"), "more");
-  ASSERT_EQ(stat(p("a.txt/in").c_str(), &st), 0);
-  EXPECT_GE(st.st_mtime + 2, before);
-  EXPECT_EQ(runShell("touch " + q(card.path())).status, 0);
+  EXPECT_EQ(runShell("touch " + q(card.path())).status, 0);  // utimens on the mount point
   // Names FAT cannot hold.
   EXPECT_EQ(failure(open(p("a:b").c_str(), O_CREAT | O_WRONLY, 0644)), EINVAL);
   EXPECT_EQ(failure(mkdir(p("q?x").c_str(), 0755)), EINVAL);
@@ -238,8 +228,7 @@ TEST(MountBehaviour, FullCard) {
   EXPECT_EQ(readFileBytes(mnt + "/reserve.bin"), std::string(1 << 20, '\0'));
   fd = open((mnt + "/huge.bin").c_str(), O_CREAT | O_RDWR, 0644);
   EXPECT_EQ(posix_fallocate(fd, 0, 2 * static_cast<off_t>(vfs.f_bavail * vfs.f_frsize)), ENOSPC);
-  close(fd);
-  EXPECT_EQ(readFileBytes(mnt + "/huge.bin"), "");
+  close(fd);  // and fsck.fat finds nothing of it
 
   // Data until the card is full: a short write, then ENOSPC, which sticks to no handle: the
   // file is still written inside its chain, and past it once space is freed.

@@ -160,8 +160,9 @@ class Model {
       *what << "mkdir " << card;
       return both(what, card, host, [](const std::string& p) { return mkdir(p.c_str(), 0755); });
     }
-    if (op < 36) {  // write at a random offset, append, or O_TRUNC and write
+    if (op < 36) {  // write at a random offset, append, or O_TRUNC and write; it sets the mtime
       const std::string& f = any(files);
+      const time_t before = time(nullptr);
       const std::string data = randomData(1 + pick(2 * c_));
       const int kind = pick(3), flags = kind == 1 ? O_APPEND : kind == 2 ? O_TRUNC : 0;
       const int64_t off = pick(4 * c_);
@@ -171,7 +172,9 @@ class Model {
         if (fd < 0) return -1;
         const ssize_t n = kind == 0 ? pwrite(fd, data.data(), data.size(), off)
                                     : write(fd, data.data(), data.size());
-        return close(fd) == 0 && n == ssize_t(data.size()) ? 0 : (errno = EIO, -1);
+        struct stat st;
+        const bool ok = close(fd) == 0 && n == ssize_t(data.size());
+        return ok && stat(p.c_str(), &st) == 0 && st.st_mtime + 2 >= before ? 0 : (errno = EIO, -1);
       });
     }
     if (op < 44) {  // truncate, shrinking or growing

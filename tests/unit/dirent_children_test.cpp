@@ -1,6 +1,5 @@
-// Directory entries over a fake card: what createChild gives a new entry, failed and refused
-// creations, deletions and moves, concurrent creators, entries read from a record. Records,
-// moves and deletions that succeed are judged by fsck.fat and mtools in the integration model.
+// Directory entries over a fake card: new entries, failed and refused creations, deletions and
+// moves, concurrent creators, entries read from a record (what succeeds is the models' to judge).
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -69,12 +68,10 @@ TEST(DirentChildren, ACreationThatFindsNoClusterGivesBackItsSlots) {
 
 TEST(DirentChildren, RefusedCreationsDeletionsAndMovesLeaveTheCardUnchanged) {
   Card c;
-  Entry dir = c.create("full dir", true);
-  Entry open = c.create("open.txt");
-  Entry rec = c.create("rec", true);
-  Entry plain = c.create("plain.txt");
-  ASSERT_TRUE(dir && open && rec && plain);
-  ASSERT_NE(c.create("inner.txt", false, dir), nullptr);
+  Entry dir = c.create("full dir", true), open = c.create("open.txt"), rec = c.create("rec", true);
+  Entry plain = c.create("plain.txt"), inner = c.create("inner.txt", false, dir);
+  Entry inside = c.create("inside.txt", false, rec);  // made before the folder is reserved
+  ASSERT_TRUE(dir && open && rec && plain && inner && inside);
   auto file = std::make_shared<VELT::File>(c.v, 7, false, false, true, open.get());
   ASSERT_EQ(open->addFile(file), 0);
   c.pbr->is_velt_partition_ = true;
@@ -90,8 +87,10 @@ TEST(DirentChildren, RefusedCreationsDeletionsAndMovesLeaveTheCardUnchanged) {
   EXPECT_EQ(c.root->delChild(dir), -ENOTEMPTY);
   EXPECT_EQ(c.root->delChild(open), -EBUSY);
   EXPECT_EQ(c.root->delChild(rec), -EACCES);
-  // A reserved folder is not renamed (moves in and out are the reserved model's); a name too
-  // long for 20 records is refused.
+  // Nothing moves into or out of a reserved folder, nor is one renamed; a name too long for
+  // 20 records is refused.
+  EXPECT_EQ(c.root->moveChild(plain, rec, "plain.txt"), -1);
+  EXPECT_EQ(rec->moveChild(inside, c.root, "out.txt"), -1);
   EXPECT_EQ(c.root->moveChild(rec, c.root, "renamed"), -1);
   EXPECT_EQ(c.root->moveChild(plain, c.root, std::string(300, 's').c_str()), -ENAMETOOLONG);
   // Names of more than 20 long-name records or not UTF-8 are refused too.
@@ -104,6 +103,7 @@ TEST(DirentChildren, RefusedCreationsDeletionsAndMovesLeaveTheCardUnchanged) {
   EXPECT_EQ(c.snapshot(), card);
   EXPECT_EQ(c.root->entry_map_, map);
   EXPECT_EQ(c.root->getChildCount(), 4);
+  EXPECT_EQ(inside->parent_, rec.get());
   rec->velt_folder_ = nullptr;
   EXPECT_EQ(open->removeFile(file), 0);
 }

@@ -2,9 +2,6 @@
 // the format's geometry.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <iterator>
-
 #include "fake_driver.h"
 #include "fs/velt_endian.h"
 
@@ -58,14 +55,14 @@ TEST(Fat, AllocationWrapsLoopingChainsEndAndAShortfallIsReported) {
 // Only the FAT sectors that changed are written, on every copy, merged into runs, one copy
 // after the other; the last release adds FSInfo and its backup, and nothing when it is unchanged.
 TEST(Fat, ChangedSectorsReachEveryCopyAsMergedRuns) {
-  FakeVolume f(131072);  // 64 MiB: partition at 2048, 32 sectors a cluster, 2 FATs of 32 sectors
+  FakeVolume f(131072);
   ASSERT_TRUE(f.formatInMemory());
   auto* pbr = f.volume->pbr_;
   auto& reqs = f.driver->requests;
   const uint32_t fat1 = 2048 + 32, fat2 = fat1 + 32;
   auto writes = [&] {
     std::vector<DriverRequest> w;
-    std::copy_if(reqs.begin(), reqs.end(), std::back_inserter(w), [](auto& r) { return r.kind == 'w'; });
+    for (const auto& r : reqs) if (r.kind == 'w') w.push_back(r);
     reqs.clear();
     return w;
   };

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <tuple>
 #include <vector>
 
@@ -126,7 +127,7 @@ TEST(BufferedWrite, SmallWritesStayPendingAndCostTheirSectors) {
   }
 }
 
-TEST(BufferedWrite, FailuresAndStaleCopies) {
+TEST(BufferedWrite, FailuresStaleCopiesAndTheUnload) {
   FakeVolume f(8192);
   auto& v = *f.volume;
   ASSERT_EQ(v.createCache(1 << 20), 0);
@@ -158,6 +159,13 @@ TEST(BufferedWrite, FailuresAndStaleCopies) {
   EXPECT_EQ(v.write(big.data(), static_cast<uint32_t>(big.size()), 0x100000, true), -1);
   ASSERT_EQ(v.read(seen.data(), 512, 0x100000), 512);
   EXPECT_EQ(0, memcmp(seen.data(), big.data(), 512));
+  // The unload writes out what is pending.
+  ASSERT_EQ(v.write(data.data(), 1024, 0x8000, true), 1024);
+  {
+    std::lock_guard<std::mutex> lock(v.mutex_);
+    v.unload();
+  }
+  EXPECT_EQ(0, memcmp(f.disk->data() + 0x8000, data.data(), data.size()));
   // Without a cache, a partial sector needs the sector's content; a failed read fails the write.
   FakeVolume g(8192);
   g.driver->queueReadAnswer(0);

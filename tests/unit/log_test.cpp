@@ -28,15 +28,11 @@ TEST(Log, LongMessagesAndFailedAssertionsAreReportedWhole) {
   EXPECT_EQ(nerio::theLog().fp_, stdout);
 }
 
-namespace {
-
 // Kept out of the undefined-behaviour sanitizer: the fault itself is what is under test.
-__attribute__((noinline, no_sanitize("undefined"))) void storeThroughNull() {
+static __attribute__((noinline, no_sanitize("undefined"))) void storeThroughNull() {
   static int* volatile target = nullptr;  // the optimiser cannot see the null
   *target = 1;
 }
-
-}  // namespace
 
 // The child's body: only runs when the parent asked for a crash.
 TEST(CrashChild, Crash) {

@@ -17,9 +17,9 @@ TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
   // Valid as a long name, as a short name.
   const std::tuple<const char*, bool, bool> tables[] = {
       {"README.TXT", true, false},  // the period is for the long-name table only
-      {"a+b", true, true},         {"a:b", false, false},   {"a*b", false, false},
-      {"a?b", false, false},       {"a\x1f", false, false}, {"a\x7f", true, true},
-      {"a,b", true, false},        {"a[b]", true, false},   {"a b", true, true},
+      {"a+b", true, true},          {"a:b", false, false},  {"a*b", false, false},
+      {"a?b", false, false},        {"a\x1f", false, false}, {"a\x7f", true, true},
+      {"a,b", true, false},         {"a[b]", true, false},  {"a b", true, true},
       {"caf\xc3\xa9", true, true},  // every byte of a UTF-8 sequence passes
   };
   for (const auto& [name, long_ok, short_ok] : tables) {
@@ -28,14 +28,11 @@ TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
   }
   // A checksum mtools wrote into the long-name records of this short name.
   EXPECT_EQ(velt::shortNameChecksum(reinterpret_cast<const uint8_t*>("MYDOCU~1DOC")), 0x9B);
-  for (auto [short_name, expected] :
-       {std::pair<const char*, std::string>{"README.TXT", "README  TXT"},
-        {"ABCDEFGHIJKLM", "ABCDEFGHIJK"},
-        {"A.TEXT", "A       TEX"},
-        {"LONGBASE1.TX", "LONGBASETX "},
-        {"A.B.C", "A.B     C  "},
-        {"..", "..         "},  // 0xE5 would read as deleted:
-        {"\xe5\x80\x80.TXT", "\x05\x80\x80     TXT"}}) {
+  for (auto [short_name, expected] : {std::pair<const char*, std::string>{"README.TXT", "README  TXT"},
+                                      {"ABCDEFGHIJKLM", "ABCDEFGHIJK"}, {"A.TEXT", "A       TEX"},
+                                      {"LONGBASE1.TX", "LONGBASETX "}, {"A.B.C", "A.B     C  "},
+                                      {"..", "..         "},  // 0xE5 would read as deleted:
+                                      {"\xe5\x80\x80.TXT", "\x05\x80\x80     TXT"}}) {
     uint8_t out[11];
     velt::shortNameToName83(short_name, out);
     EXPECT_EQ(std::string(reinterpret_cast<char*>(out), 11), expected) << short_name;
@@ -69,20 +66,18 @@ TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
   }
 }
 
+// Encoding; decoding is the next test's, the way back the mount's utimens in the random model.
 TEST(FatTime, DatesAtTheEdgesOfTheRange) {
-  // 12:34:56 on 1 January 2000, an odd second, and moments before and after the range.
-  for (auto [t, date, time] :
-       {std::tuple<time_t, uint16_t, uint16_t>{localTime(2000, 1, 1, 12, 34, 56), 0x2821, 0x645C},
-        {localTime(2107, 12, 31, 23, 59, 59), 0xFF9F, 0xBF7D},
-        {localTime(1979, 12, 31, 23, 59, 58), 0x0021, 0x0000},
-        {localTime(2108, 1, 1, 0, 0, 0), 0xFF9F, 0xBF7D},
-        {time_t{1} << 60, 0xFF9F, 0xBF7D}}) {
+  // 12:34:56 on 1 January 2000, an odd second, a leap day, and moments before and after the range.
+  for (auto [t, date, time] : {std::tuple<time_t, uint16_t, uint16_t>{
+                                   localTime(2000, 1, 1, 12, 34, 56), 0x2821, 0x645C},
+                               {localTime(2107, 12, 31, 23, 59, 59), 0xFF9F, 0xBF7D},
+                               {localTime(2024, 2, 29, 23, 59, 58), 0x585D, 0xBF7D},
+                               {localTime(1979, 12, 31, 23, 59, 58), 0x0021, 0x0000},
+                               {localTime(2108, 1, 1, 0, 0, 0), 0xFF9F, 0xBF7D},
+                               {time_t{1} << 60, 0xFF9F, 0xBF7D}}) {
     EXPECT_EQ(velt::timeToFatDate(t), date) << t;
     EXPECT_EQ(velt::timeToFatTime(t), time) << t;
-  }
-  for (time_t t : {localTime(1980, 1, 1, 0, 0, 0), localTime(2024, 2, 29, 23, 59, 58),
-                   localTime(2107, 12, 31, 23, 59, 58)}) {
-    EXPECT_EQ(velt::fatToTime(velt::timeToFatDate(t), velt::timeToFatTime(t)), t);
   }
   VELT::DirEntry e(nullptr);  // a new entry's default: 12 October 2101, 00:30:00
   EXPECT_EQ(e.created_, localTime(2101, 10, 12, 0, 30, 0));
@@ -105,9 +100,8 @@ TEST(FatTime, AgreesWithTheCalendarInEveryZone) {
             tm.tm_sec = 14, tm.tm_min = 30, tm.tm_hour = hour, tm.tm_mday = day;
             tm.tm_mon = month - 1, tm.tm_year = year + 80, tm.tm_isdst = -1;
             const time_t expect = mktime(&tm);
-            const time_t got =
-                velt::fatToTime(static_cast<uint16_t>((year << 9) | (month << 5) | day),
-                                static_cast<uint16_t>((hour << 11) | (30 << 5) | 7));
+            const time_t got = velt::fatToTime(static_cast<uint16_t>((year << 9) | (month << 5) | day),
+                                               static_cast<uint16_t>((hour << 11) | (30 << 5) | 7));
             if (got == expect) continue;
             // Only a repeated hour (both show the same wall clock) or a skipped one (mktime
             // moved the hour) may be read either way.
