@@ -19,7 +19,7 @@ now() { date +%s.%N; }
 # The first file's data: cluster 3 of the partition at 1 MiB (boot sector fields, little-endian).
 le() { od -An -tu$2 -j$((1048576 + $1)) -N$2 $W/root/dev/velt | tr -d ' '; }
 data_at() { echo $(( 1048576 + ($(le 14 2) + $(le 16 1) * $(le 36 4)) * 512 + $(le 13 1) * 512 )); }
-wup() { $W/window_fuse $W/root/dev/velt $(data_at) 268435456 -f -o max_idle_threads=10 $W/wmnt >$W/wlog 2>&1 & WP=$!; for i in $(seq 500); do grep -q " $W/wmnt " /proc/mounts && break; sleep 0.02; done; }
+wup() { $W/window_fuse $W/root/dev/velt $(data_at) 268435456 -f -o max_idle_threads=10 -o max_read=524288 $W/wmnt >$W/wlog 2>&1 & WP=$!; for i in $(seq 500); do grep -q " $W/wmnt " /proc/mounts && break; sleep 0.02; done; }
 wdown() { fusermount3 -u $W/wmnt; wait $WP; }
 # Seconds of a dd read: SOURCE BS COUNT [SKIP]
 rd() { local s e; s=$(now); dd if=$1 of=/dev/null bs=$2 count=$3 skip=${4:-0} status=none; e=$(now); echo "$e - $s" | bc; }

@@ -102,6 +102,7 @@ class PositionalDriver : public BlockDriver {
     }
     return 0;
   }
+  int cardFd() const override { return fd_; }
 
  private:
   int fd_;

@@ -25,6 +25,9 @@ class BlockDriver {
   virtual int64_t sizeInSectors() = 0;
   // Writes may sit in a cache below us and reach the card in any order until this returns.
   virtual int flush() { return 0; }
+  // A descriptor whose bytes at sector * 512 are the card's, for readers that move card bytes
+  // without a copy through memory (the kernel's splice); -1 when the backend has none.
+  virtual int cardFd() const { return -1; }
 };
 
 // Request codes of the companion driver (type 'o'). On a 64-bit host the request record carries

@@ -173,6 +173,20 @@ int writeRecordOfSize(VELT& velt, VELT::DirEntry& entry, int64_t size, bool modi
   return 0;
 }
 
+// The cluster at `index` of a file's chain for a read, or -EINVAL.
+int64_t dataCluster(const VELT& velt, VELT::DirEntry& entry, uint32_t index) {
+  const int64_t cluster = entry.getCluster(index, false);
+  // Cluster 2 is the root directory's and never holds file data.
+  if (cluster <= 2 || cluster >= velt.pbr_->num_clusters_) {
+    if (cluster != 2) {
+      static constexpr const char kLogTag[] = "";
+      NERIO_ASSERT_TEXT("cluster_number >= 2");
+    }
+    return -EINVAL;
+  }
+  return cluster;
+}
+
 }  // namespace
 
 int writeEntryRecord(VELT& velt, VELT::DirEntry& entry) {
@@ -345,20 +359,8 @@ int VELT::File::__read(void* buf, size_t size, int64_t off) {
   size = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(size), entry_size - off));
   if (size == 0) return 0;
 
-  const uint32_t num_clusters = velt_->pbr_->num_clusters_;
   uint8_t* dst = static_cast<uint8_t*>(buf);
-  auto lookup = [&](uint32_t index) -> int64_t {
-    int64_t cluster = entry_->getCluster(index, false);
-    // Cluster 2 is the root directory's and never holds file data.
-    if (cluster <= 2 || cluster >= num_clusters) {
-      if (cluster != 2) {
-        static constexpr const char kLogTag[] = "";
-        NERIO_ASSERT_TEXT("cluster_number >= 2");
-      }
-      return -EINVAL;
-    }
-    return cluster;
-  };
+  auto lookup = [this](uint32_t index) { return dataCluster(*velt_, *entry_, index); };
   auto readRun = [&](int64_t at, int64_t card_off, int64_t length, bool) -> int {
     errno = 0;
     if (velt_->read(dst + at, static_cast<int>(length), card_off) == length) return 0;
@@ -371,6 +373,34 @@ int VELT::File::__read(void* buf, size_t size, int64_t off) {
   if (r < 0) return r;
   accessed_ = 1;
   direct_offset_ = off + static_cast<int64_t>(size);
+  return static_cast<int>(size);
+}
+
+int VELT::File::readRuns(size_t size, int64_t off, std::vector<CardRun>* runs, int* fd) {
+  *fd = -1;
+  runs->clear();
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (velt_ == nullptr || velt_->pbr_ == nullptr || velt_->pbr_->cluster_length_ == 0) return -ENODEV;
+  if (file_no_ == kClosedFileNo || entry_ == nullptr) return -EBADF;
+  if (off < 0) return -EINVAL;
+  // As in __read: the size is raised by writers on other handles under the entry's lock.
+  const int64_t entry_size =
+      std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire);
+  size = std::min<size_t>(size, 0x7FFFF000);
+  size = static_cast<size_t>(std::clamp<int64_t>(entry_size - off, 0, static_cast<int64_t>(size)));
+  if (size == 0) return 0;
+  auto lookup = [this](uint32_t index) { return dataCluster(*velt_, *entry_, index); };
+  auto note = [runs](int64_t, int64_t card_off, int64_t length, bool) -> int {
+    runs->push_back({card_off, length});
+    return 0;
+  };
+  int r = forEachRun(*velt_, off, static_cast<int64_t>(size), lookup, note);
+  if (r < 0) return r;
+  *fd = cardFdFor(*velt_, *runs);
+  if (*fd >= 0) {
+    accessed_ = 1;
+    direct_offset_ = off + static_cast<int64_t>(size);
+  }
   return static_cast<int>(size);
 }
 

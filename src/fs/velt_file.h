@@ -11,10 +11,23 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "fs/velt.h"
 
 namespace velt {
+
+// Bytes [offset, offset + length) of the card.
+struct CardRun {
+  int64_t offset;
+  int64_t length;
+};
+
+// The descriptor from which the runs can be read as the card holds them, when what a read
+// through the volume would return is exactly that: the backend has such a descriptor and no
+// byte of the runs waits in the write buffer (the sector cache only ever holds what the card or
+// the write buffer holds). -1 otherwise. Takes the volume's io_mutex_.
+int cardFdFor(VELT& velt, const std::vector<CardRun>& runs);
 
 class VELT::File : public std::enable_shared_from_this<VELT::File> {
  public:
@@ -31,6 +44,11 @@ class VELT::File : public std::enable_shared_from_this<VELT::File> {
   // Bytes read, or a negative errno. __read expects mutex_ held.
   int read(void* buf, size_t size, int64_t off);
   int __read(void* buf, size_t size, int64_t off);
+  // A read of up to `size` bytes at `off` as runs of card bytes, in file order: the bytes they
+  // cover (0 at or past the end of the file) or a negative errno. *fd is the descriptor to read
+  // the runs from (cardFdFor), or -1 when the bytes must be read through memory (read) instead;
+  // only a read with a descriptor counts as done.
+  int readRuns(size_t size, int64_t off, std::vector<CardRun>* runs, int* fd);
   // Bytes written, or a negative errno. write also raises the entry's sizes and serves the
   // entry's waiting readers; __write takes mutex_ itself and leaves the sizes alone.
   int write(const void* buf, size_t size, int64_t off);

@@ -16,6 +16,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <deque>
@@ -527,6 +528,70 @@ int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
   });
 }
 
+constexpr size_t kSpliceMin = 8192;
+
+// A reply of `size` bytes of memory, which the library frees; null when there is none.
+static struct fuse_bufvec* memoryReply(void* mem, size_t size) {
+  auto* reply = static_cast<struct fuse_bufvec*>(malloc(sizeof(struct fuse_bufvec)));
+  if (reply == nullptr) return nullptr;
+  *reply = FUSE_BUFVEC_INIT(size);
+  reply->buf[0].mem = mem;
+  return reply;
+}
+
+// __read for the library's buffer interface. Bytes the card holds as they stand go back as runs
+// of the card's descriptor (one per run of consecutive clusters), which the kernel moves into
+// the reply without a copy through this process; the rest, and backends without a descriptor,
+// are read through memory as __read does.
+static int readBuffers(const char* /*path*/, struct fuse_bufvec** bufp, size_t size, off_t offset,
+                       struct fuse_file_info* fi) {
+  return guarded("__read_buf", [&] {
+    Call c = onHandle(fi, -ENODEV, -EBADF);
+    if (c.error != 0) return c.error;
+    c.file->closing_ = false;
+    VELT::DirEntry* entry = c.file->entry_;
+    if (entry == nullptr) return -EBADF;
+    std::vector<CardRun> runs;
+    int fd = -1;
+    // The library splices only replies of two pages or more; smaller ones are copied anyway.
+    const int n = size >= kSpliceMin ? c.file->readRuns(size, offset, &runs, &fd)
+                                     : static_cast<int>(size);
+    if (n < 0) return n;
+    if (n > 0 && fd >= 0) {
+      auto* reply = static_cast<struct fuse_bufvec*>(
+          malloc(sizeof(struct fuse_bufvec) + (runs.size() - 1) * sizeof(struct fuse_buf)));
+      if (reply == nullptr) return -ENOMEM;
+      *reply = FUSE_BUFVEC_INIT(0);
+      reply->count = runs.size();
+      for (size_t i = 0; i < runs.size(); ++i) {
+        reply->buf[i] = FUSE_BUFVEC_INIT(static_cast<size_t>(runs[i].length)).buf[0];
+        reply->buf[i].flags = static_cast<enum fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
+        reply->buf[i].fd = fd;
+        reply->buf[i].pos = runs[i].offset;
+      }
+      *bufp = reply;
+      return 0;
+    }
+    void* mem = nullptr;
+    int got = 0;
+    if (n > 0) {
+      mem = malloc(static_cast<size_t>(n));
+      if (mem == nullptr) return -ENOMEM;
+      got = VELTFuse::__read(nullptr, static_cast<char*>(mem), static_cast<size_t>(n), offset, fi);
+      if (got < 0) {
+        free(mem);
+        return got;
+      }
+    }
+    *bufp = memoryReply(mem, static_cast<size_t>(got));
+    if (*bufp == nullptr) {
+      free(mem);
+      return -ENOMEM;
+    }
+    return 0;
+  });
+}
+
 int VELTFuse::__write(const char* /*path*/, const char* buf, size_t size, off_t offset,
                       struct fuse_file_info* fi) {
   return guarded(__func__, [&] {
@@ -926,6 +991,12 @@ void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
   if (conn != nullptr && (conn->capable & FUSE_CAP_ATOMIC_O_TRUNC)) {
     conn->want |= FUSE_CAP_ATOMIC_O_TRUNC;
   }
+  // Card bytes are answered from the card's descriptor (readBuffers): the kernel splices them
+  // into the reply. Pages are copied, never moved, so the card's own stay where they are.
+  if (conn != nullptr && (conn->capable & FUSE_CAP_SPLICE_WRITE)) {
+    conn->want |= FUSE_CAP_SPLICE_WRITE;
+  }
+  if (conn != nullptr) conn->max_read = kMaxRead;
   cfg->direct_io = 1;
   cfg->kernel_cache = 0;
   cfg->nullpath_ok = 0;
@@ -1040,6 +1111,7 @@ const struct fuse_operations& VELTFuse::operations() {
     o.rename = __rename;
     o.open = __open;
     o.read = __read;
+    o.read_buf = readBuffers;
     o.write = __write;
     o.flush = __flush;
     o.release = __release;

@@ -112,6 +112,11 @@ class VELTFuse {
   static int __ioctl(const char* path, unsigned int cmd, void* arg, struct fuse_file_info* fi,
                      unsigned int flags, void* data);
 
+  // The largest read the kernel sends, given to the library at mount ("-omax_read") and again
+  // in __init: with its header a reply fits the largest pipe the kernel lets the library make,
+  // so that card bytes are spliced into it (a 1 MiB read comes as two).
+  static constexpr unsigned kMaxRead = 512 * 1024;
+
   // Volume lifetime.
   static void* __init(struct fuse_conn_info* conn, struct fuse_config* cfg);
   static void __destroy(void* private_data);

@@ -210,6 +210,12 @@ int main(int argc, char* argv[]) {
     return 1;
   }
 
+  // Last, so that it stands whatever the command line said: __init asks for the same.
+  const std::string max_read = "-omax_read=" + std::to_string(VELTFuse::kMaxRead);
+  if (fuse_opt_add_arg(&args, max_read.c_str()) != 0) {
+    free_all();
+    return 1;
+  }
   struct fuse* fuse = fuse_new(&args, &ops, sizeof(ops), nullptr);
   if (fuse == nullptr) {
     free_all();

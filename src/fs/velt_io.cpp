@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "fs/velt.h"
+#include "fs/velt_file.h"
 
 namespace velt {
 
@@ -95,13 +96,14 @@ int VELT::__read(void* dst_ptr, int size, int64_t offset) {
     cached = cache_pool_ != nullptr;
   }
 
+  const bool direct_any = driver_->cardFd() >= 0;
   // Fetches a run of uncached sectors; false when the driver failed.
   auto fetch = [&](int64_t start, int64_t count, int skip) -> bool {
     while (count > 0 && to_deliver > 0) {
       int ask = static_cast<int>(std::min<int64_t>(count, kBufferSectors));
-      // Whole sectors into a page-aligned destination go there directly, without the copy
-      // through the transfer buffer.
-      if (skip == 0 && (reinterpret_cast<uintptr_t>(dst) & 4095) == 0 &&
+      // Whole sectors go straight to the destination, without the copy through the transfer
+      // buffer, when it is page-aligned or the backend reads into any memory (a descriptor).
+      if (skip == 0 && (direct_any || (reinterpret_cast<uintptr_t>(dst) & 4095) == 0) &&
           static_cast<int64_t>(ask) * VELT_SECTOR_SIZE <= to_deliver) {
         int got = driver_->readSectors(static_cast<uint32_t>(start), ask, dst);
         if (got < 1) return false;
@@ -171,6 +173,22 @@ int VELT::__read(void* dst_ptr, int size, int64_t offset) {
   return delivered;
 }
 
+int cardFdFor(VELT& v, const std::vector<CardRun>& runs) {
+  std::lock_guard<std::mutex> lock(v.io_mutex_);
+  if (v.driver_ == nullptr) return -1;
+  const int fd = v.driver_->cardFd();
+  if (fd < 0 || v.write_start_sector_ < 0 || v.write_ptr_ <= v.write_skip_) return fd;
+  // The pending range as overlayPendingWrite sees it.
+  const int64_t buf_start = v.write_start_sector_ * VELT_SECTOR_SIZE;
+  const int64_t from = buf_start + v.write_skip_;
+  const int64_t to = buf_start + ((static_cast<int64_t>(v.write_ptr_) + VELT_SECTOR_SIZE - 1) /
+                                  VELT_SECTOR_SIZE) * VELT_SECTOR_SIZE;
+  for (const CardRun& run : runs) {
+    if (run.offset < to && run.offset + run.length > from) return -1;
+  }
+  return fd;
+}
+
 int VELT::read(void* dst, int size, int64_t offset) {
   std::lock_guard<std::mutex> lock(io_mutex_);
   return __read(dst, size, offset);
@@ -202,6 +220,9 @@ int VELT::__flush() {
                                            write_buffer_ + write_skip_)
                    : -1;
   if (result == count) writeStats().note(count);
+  // What the card holds of these sectors is unknown after a failure: the cache's copies go, so
+  // that it never holds bytes the card does not.
+  if (result != count) cacheSectors(write_start_sector_ + skip, count, nullptr, false);
   // The buffer is emptied even after a failure: the caller learns of the loss from the result.
   resetWriteBuffer();
   if (result != count) {
