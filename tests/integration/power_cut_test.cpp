@@ -103,45 +103,42 @@ class Session {
   }
 
   struct Open {
-    uint64_t fh = 0;
     std::string path, data;
+    fuse_file_info fi{};
   };
   Open create(const std::string& path) {
-    fuse_file_info fi{};
-    const int r = recycling(path, [&] { return VELTFuse::__create(path.c_str(), 0644, &fi); });
-    check(r, "create " + path);
-    return Open{fi.fh, path, {}};
+    Open f{path, {}, {}};
+    check(recycling(path, [&] { return VELTFuse::__create(path.c_str(), 0644, &f.fi); }),
+          "create " + path);
+    return f;
   }
   Open open(const std::string& path) {
-    fuse_file_info fi{};
-    fi.flags = O_RDONLY;
-    check(VELTFuse::__open(path.c_str(), &fi), "open " + path);
+    Open f{path, {}, {}};
+    f.fi.flags = O_RDONLY;
+    check(VELTFuse::__open(path.c_str(), &f.fi), "open " + path);
     char byte;
-    check(VELTFuse::__read(path.c_str(), &byte, 1, 0, &fi), "read " + path, 1);
-    return Open{fi.fh, path, {}};
+    check(VELTFuse::__read(path.c_str(), &byte, 1, 0, &f.fi), "read " + path, 1);
+    return f;
   }
   void write(Open& f, const std::string& bytes) {
-    fuse_file_info fi = info(f);
     p.files[f.path].written = f.data + bytes;
     check(VELTFuse::__write(f.path.c_str(), bytes.data(), bytes.size(),
-                            static_cast<off_t>(f.data.size()), &fi),
+                            static_cast<off_t>(f.data.size()), &f.fi),
           "write " + f.path, static_cast<int>(bytes.size()));
     f.data += bytes;
   }
   void fsync(Open& f) {
-    fuse_file_info fi = info(f);
-    check(VELTFuse::__fsync(f.path.c_str(), 0, &fi), "fsync " + f.path);
+    check(VELTFuse::__fsync(f.path.c_str(), 0, &f.fi), "fsync " + f.path);
     confirmed("fsync " + f.path);
     p.files[f.path].synced = f.data.size();
   }
   // `between` runs after the flush of close() and before the release, which the kernel may
   // send after the closer's next calls.
   void close(Open& f, const std::function<void()>& between = {}) {
-    fuse_file_info fi = info(f);
-    VELTFuse::__flush(f.path.c_str(), &fi);
+    VELTFuse::__flush(f.path.c_str(), &f.fi);
     check();
     if (between) between();
-    check(VELTFuse::__release(f.path.c_str(), &fi), "release " + f.path);
+    check(VELTFuse::__release(f.path.c_str(), &f.fi), "release " + f.path);
   }
   void mkdir(const std::string& path) {
     check(VELTFuse::__mkdir(path.c_str(), 0755), "mkdir " + path);
@@ -210,11 +207,6 @@ class Session {
   }
 
  private:
-  static fuse_file_info info(const Open& f) {
-    fuse_file_info fi{};
-    fi.fh = f.fh;
-    return fi;
-  }
   // Creates `path` with `make`: in a full reserved folder a creation takes over (recycles) the
   // recording taken over longest ago, whose promises go with it.
   template <typename Make>
@@ -243,13 +235,7 @@ class Session {
     if (size > 0) memcpy(r->data_, payload, size);
     std::unique_ptr<VELTWorkItem> reply(volume_->executeDirectRequest(r));
     std::lock_guard<std::mutex> lock(volume_->response_mutex_);
-    for (auto* item : volume_->responses_) {
-      if (reply == nullptr) {
-        reply.reset(item);
-      } else {
-        delete item;
-      }
-    }
+    for (auto* item : volume_->responses_) reply == nullptr ? reply.reset(item) : delete item;
     volume_->responses_.clear();
     return reply;
   }

@@ -40,9 +40,7 @@ CardImage::CardImage(const CardSpec& spec) : spec_(spec) {
       return;
     }
   }
-  int fd = open((root() + "/dev/mmcblk0p" + std::to_string(spec.slot)).c_str(), O_CREAT | O_WRONLY,
-                0600);
-  if (fd >= 0) close(fd);
+  writeFileBytes(root() + "/dev/mmcblk0p" + std::to_string(spec.slot), "");
 }
 
 std::string CardImage::mtoolsImage() const {
@@ -79,20 +77,16 @@ ShellResult CardImage::fsck(const std::string& flags) const {
 
 std::string CardImage::readBytes(int64_t offset, size_t size) const {
   std::string out(size, '\0');
-  int fd = open(image().c_str(), O_RDONLY);
-  if (fd < 0) return std::string();
-  ssize_t n = pread(fd, out.data(), size, offset);
-  close(fd);
-  out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+  std::ifstream in(image(), std::ios::binary);
+  in.seekg(offset).read(out.data(), static_cast<std::streamsize>(size));
+  out.resize(static_cast<size_t>(std::max<std::streamsize>(in.gcount(), 0)));
   return out;
 }
 
 void CardImage::writeBytes(int64_t offset, const std::string& bytes) const {
-  int fd = open(image().c_str(), O_WRONLY);
-  if (fd < 0) return;
-  ssize_t n = pwrite(fd, bytes.data(), bytes.size(), offset);
-  (void)n;
-  close(fd);
+  std::fstream(image(), std::ios::binary | std::ios::in | std::ios::out)
+      .seekp(offset)
+      .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 std::string CardImage::contents() const {
@@ -117,32 +111,30 @@ bool CardImage::copyFrom(const CardImage& other) const {
              .status == 0;
 }
 
-void CardImage::put(const std::string& path, const std::string& bytes) const {
-  std::string host = dir() + "/put.bin";
-  writeFileBytes(host, bytes);
-  ShellResult r = mtools("mcopy -o " + shellQuote(host) + " " + shellQuote("::" + path));
+// Runs an mtools command on "::path" (then `tail`); a failing tool fails the test.
+static void mustRun(const CardImage& card, const std::string& command, const std::string& path,
+                    const std::string& tail = "") {
+  ShellResult r = card.mtools(command + " " + shellQuote("::" + path) + tail);
   EXPECT_EQ(r.status, 0) << path << ": " << r.err;
-  unlink(host.c_str());
+}
+
+void CardImage::put(const std::string& path, const std::string& bytes) const {
+  writeFileBytes(dir() + "/put.bin", bytes);
+  mustRun(*this, "mcopy -o " + shellQuote(dir() + "/put.bin"), path);
 }
 
 void CardImage::mkdir(const std::string& path) const {
-  ShellResult r = mtools("mmd " + shellQuote("::" + path));
-  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+  mustRun(*this, "mmd", path);
 }
 
 void CardImage::del(const std::string& path) const {
-  ShellResult r = mtools("mdel " + shellQuote("::" + path));
-  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
+  mustRun(*this, "mdel", path);
 }
 
 std::string CardImage::type(const std::string& path) const {
   // Through a file: the shell's capture is for text.
-  std::string host = dir() + "/typed.bin";
-  ShellResult r = mtools("mtype " + shellQuote("::" + path) + " > " + shellQuote(host));
-  EXPECT_EQ(r.status, 0) << path << ": " << r.err;
-  std::string bytes = readFileBytes(host);
-  unlink(host.c_str());
-  return bytes;
+  mustRun(*this, "mtype", path, " > " + shellQuote(dir() + "/typed.bin"));
+  return readFileBytes(dir() + "/typed.bin");
 }
 
 void CardImage::rewindAllocationHint() const {

@@ -3,8 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -17,17 +15,8 @@ namespace velt::test {
 
 class LogCapture {
  public:
-  LogCapture() {
-    char tmpl[] = "/tmp/velt-log-XXXXXX";
-    int fd = mkstemp(tmpl);
-    close(fd);
-    path_ = tmpl;
-    EXPECT_EQ(nerio::theLog().redirect(path_.c_str()), 0);
-  }
-  ~LogCapture() {
-    nerio::theLog().redirect("/dev/stdout");
-    unlink(path_.c_str());
-  }
+  LogCapture() { EXPECT_EQ(nerio::theLog().redirect(path_.c_str()), 0); }
+  ~LogCapture() { nerio::theLog().redirect("/dev/stdout"); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
   std::string text() const { return readFileBytes(path_); }
@@ -49,7 +38,8 @@ class LogCapture {
   }
 
  private:
-  std::string path_;
+  TempDir dir_;
+  const std::string path_ = dir_.path() + "/log";
 };
 
 }  // namespace velt::test

@@ -75,23 +75,19 @@ ReservedFsckReport expectedReservedReport(VELT& volume, const CardImage& card) {
   for (const auto& folder : folders) {
     for (const ReservedFile& file : folder->velt_reserved_files_) {
       const std::string sfn = card.readBytes(file.dir_ent_disk_off, DIR_RECORD_SIZE);
-      std::vector<std::string> records;
+      std::string records[VELT_LFN_ENTRY_COUNT_MAX];
       std::vector<const uint8_t*> name_records;  // nearest first
-      int fillers = 0;
       for (int k = 0; k < file.lfn_count && k < VELT_LFN_ENTRY_COUNT_MAX; ++k) {
-        records.push_back(card.readBytes(file.lfn_disk_offsets[k], DIR_RECORD_SIZE));
-      }
-      for (const auto& r : records) {
-        const uint8_t* p = reinterpret_cast<const uint8_t*>(r.data());
+        records[k] = card.readBytes(file.lfn_disk_offsets[k], DIR_RECORD_SIZE);
+        const uint8_t* p = reinterpret_cast<const uint8_t*>(records[k].data());
         // A deleted record is nothing to any reader.
-        if (r.size() != DIR_RECORD_SIZE || p[0] == DIR_ENTRY_DELETED) continue;
+        if (records[k].size() != DIR_RECORD_SIZE || p[0] == DIR_ENTRY_DELETED) continue;
         if (isFiller(p)) {
-          ++fillers;
+          report.orphan_parts.push_back(fillerText());
         } else {
           name_records.push_back(p);
         }
       }
-      for (int k = 0; k < fillers; ++k) report.orphan_parts.push_back(fillerText());
       const bool hidden =
           sfn.size() == DIR_RECORD_SIZE && static_cast<uint8_t>(sfn[0]) == DIR_ENTRY_DELETED;
       if (hidden) {
@@ -154,23 +150,21 @@ static ::testing::AssertionResult judge(const ShellResult& fsck,
   return ::testing::AssertionFailure() << problems << "fsck.fat said:\n" << fsck.out << fsck.err;
 }
 
+static ShellResult fsckInUtf8(const CardImage& card) {
+  ScopedEnv utf8("LC_ALL", "C.UTF-8");  // fsck.fat prints names in the locale's charset
+  return card.fsck("-n");
+}
+
 ::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card,
                                                       const ReservedFsckReport& expected) {
-  ScopedEnv utf8("LC_ALL", "C.UTF-8");  // fsck.fat prints names in the locale's charset
-  return judge(card.fsck("-n"), expected);
+  return judge(fsckInUtf8(card), expected);
 }
 
 ::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card) {
-  ShellResult fsck;
-  {
-    ScopedEnv utf8("LC_ALL", "C.UTF-8");  // fsck.fat prints names in the locale's charset
-    fsck = card.fsck("-n");
-  }
+  const ShellResult fsck = fsckInUtf8(card);
   Loaded l = loadCard(card);
-  if (l.volume == nullptr) {
-    return ::testing::AssertionFailure() << "the card does not load: result " << l.error << "\n"
-                                         << l.log;
-  }
+  if (l.volume == nullptr)
+    return ::testing::AssertionFailure() << "the card does not load: " << l.error << "\n" << l.log;
   return judge(fsck, expectedReservedReport(*l.volume, card));
 }
 
