@@ -156,6 +156,8 @@ std::vector<Row> rows() {
          for (int64_t sector : {0, 6}) c.img.putField(c.boot() + sector * 512 + 17, 512, 2);
        },
        nullptr, kVELTBadPBR},
+      {"partition table without its signature", "MBR failed",
+       [](Ctx& c) { c.img.putField(510, 0, 2); }, nullptr, kVELTBadMBR},
       {"partition reaching past 2^32 sectors", "beyond the 2^32 sectors",
        [](Ctx& c) { c.img.putField(446 + 12, 0xFFFFFFFFu, 4); }, nullptr, kVELTNoFAT32Partition},
       {"backup FSInfo would land on the first FAT (mkfs.fat -R 8 -b 7)", nullptr,
@@ -207,7 +209,7 @@ std::vector<Row> rows() {
          c.unreadable.insert(static_cast<uint32_t>(c.img.clusterOffset(c.delta()) / 512));
        },
        nullptr, kVELTNeedFormat},
-      {"lost chains no entry reaches, one a loop", nullptr,
+      {"lost chains no entry reaches, one a loop (freed silently)", nullptr,
        [](Ctx& c) {
          const uint32_t last = c.img.clusterCount() - 1;
          c.img.setFat(last - 1, last);
@@ -340,6 +342,21 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
 
     // The first mount, on the card's bytes in memory.
     const std::string damaged = card.contents();
+    // The checker, told to look only, names exactly the damage the mount repairs.
+    if (ctx.unreadable.empty()) {
+      ShellResult look = runShell(VELT_BINARY_DIR "/fsck.velt -n " + shellQuote(card.image()));
+      EXPECT_TRUE(card.contents() == damaged) << "fsck.velt -n wrote to the card";
+      const bool clean = row.text == nullptr && strstr(row.what, "freed silently") == nullptr;
+      EXPECT_EQ(look.out.find("\x1b["), std::string::npos) << "diagnostics without -v";
+      if (row.refused != 0) {
+        EXPECT_GE(look.status, 4) << look.out << look.err;
+      } else {
+        EXPECT_EQ(look.status, clean ? 0 : 4) << look.out;
+        EXPECT_NE(look.out.find(clean ? ": clean FAT32 card, " : "Leaving the card unchanged"),
+                  std::string::npos)
+            << look.out;
+      }
+    }
     auto disk = std::make_shared<CardBytes>(damaged.begin(), damaged.end());
     auto driver = std::make_unique<CutDriver>(disk);
     driver->unreadable = ctx.unreadable;

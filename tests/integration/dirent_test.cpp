@@ -3,8 +3,7 @@
 // under awkward names and written in pieces, overwritten, truncated both ways, renamed within and
 // across folders and onto files, folders made, moved and removed. Each load must repair nothing
 // and find the model's tree, names and bytes; after every round the card is unloaded and judged
-// against the model by fsck.fat, `mdir` and `mtype`. VELT_MODEL_SEED reproduces a run. Then two
-// writers at once on a fragmented card.
+// against the model by fsck.fat, `mdir` and `mtype`. VELT_MODEL_SEED reproduces a run.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <strings.h>
@@ -17,7 +16,6 @@
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "card_volume.h"
@@ -29,30 +27,14 @@ namespace {
 
 // Exact 8.3 names, lower case, leading dots, blanks, characters 8.3 names refuse, 13 and 14
 // characters, several dots, non-ASCII, 100 characters, pairs whose short names collide.
+// clang-format off
 const std::vector<std::string> kNames = {
-    "README.TXT",
-    "notes.txt",
-    "Makefile",
-    "My Document.docx",
-    "My Document.doc",
-    ".profile",
-    "a b",
-    "abcdefghijklm",
-    "abcdefghijklmn",
-    "x+y;z.txt",
-    "a=1,b.txt",
-    "archive.tar.gz",
+    "README.TXT", "notes.txt", "Makefile", "My Document.docx", "My Document.doc", ".profile", "a b",
+    "abcdefghijklm", "abcdefghijklmn", "x+y;z.txt", "a=1,b.txt", "archive.tar.gz",
     "Gr\xc3\xbc\xc3\x9f\x65 \xce\xa9\xce\xbc\xce\xad\xce\xb3\xce\xb1.txt",
-    "\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e.dat",
-    std::string(100, 'L') + ".log",
-    "clip 0001.mp4",
-    "clip 0002.mp4",
-    "DATA",
-    "photos",
-    "2024 holidays",
-    "file.c pp",
-    "semi;colon",
-    "EMPTY2"};
+    "\xe6\x97\xa5\xe6\x9c\xac\xe8\xaa\x9e.dat", std::string(100, 'L') + ".log", "clip 0001.mp4",
+    "clip 0002.mp4", "DATA", "photos", "2024 holidays", "file.c pp", "semi;colon", "EMPTY2"};
+// clang-format on
 
 struct Node {
   bool dir = false;
@@ -224,7 +206,7 @@ void compareLoaded(VELT& v, const Model& model) {
 }
 
 // One random operation on the mount and the model; the callback's result must be `want`.
-void step(Model& m, VELT& volume) {
+void step(Model& m) {
   const unsigned kind = m.next() % 100;
   std::ostringstream what;
   int r = 0, want = 0;
@@ -322,12 +304,6 @@ void step(Model& m, VELT& volume) {
     }
   }
   ASSERT_EQ(r, want) << what.str();
-  // The free count follows the FAT after every operation.
-  const PBR& pbr = *volume.pbr_;
-  ASSERT_EQ(pbr.free_cluster_count_,
-            static_cast<uint32_t>(
-                std::count(pbr.fat1_.begin() + 2, pbr.fat1_.begin() + pbr.num_clusters_, 0u)))
-      << what.str();
 }
 
 TEST(DirentCard, RandomOperationsLeaveACardTheFatToolsAgreeWith) {
@@ -346,9 +322,10 @@ TEST(DirentCard, RandomOperationsLeaveACardTheFatToolsAgreeWith) {
       Loaded l = loadCard(card);
       ASSERT_EQ(l.error, 0) << l.log;
       EXPECT_EQ(repairLines(l.log), "") << "the load repaired a card";
+      EXPECT_EQ(l.volume->init(), -1) << "a loaded volume is not loaded again";
       ASSERT_NO_FATAL_FAILURE(compareLoaded(*l.volume, m));
       VELTFuse::setVolume(l.volume);
-      for (int op = 0; op < 80 && !testing::Test::HasFatalFailure(); ++op) step(m, *l.volume);
+      for (int op = 0; op < 80 && !testing::Test::HasFatalFailure(); ++op) step(m);
       VELTFuse::setVolume(nullptr);
       testing::internal::CaptureStdout();
       l.volume.reset();
@@ -357,46 +334,6 @@ TEST(DirentCard, RandomOperationsLeaveACardTheFatToolsAgreeWith) {
       ASSERT_NO_FATAL_FAILURE(judge(card, m));
     }
   }
-}
-
-// Two files written at once, in pieces of odd sizes, into free space left in holes: each gets
-// its own clusters and the FAT lock count follows the writers.
-TEST(DirentCard, TwoWritersAtOnceKeepTheFatConsistent) {
-  CardImage card(smallClusterCard(64));
-  ASSERT_TRUE(card.ok()) << card.error();
-  card.mkdir("/fill");
-  for (int i = 0; i < 60; ++i) card.put("/fill/f" + std::to_string(i), patternBytes(1536, i));
-  for (int i = 0; i < 60; i += 2) card.del("/fill/f" + std::to_string(i));
-  card.rewindAllocationHint();
-  const std::string a = patternBytes(1500000, 21), b = patternBytes(1200003, 22);
-  {
-    Loaded l = loadCard(card);
-    ASSERT_EQ(l.error, 0) << l.log;
-    VELT& v = *l.volume;
-    auto root = v.findEntry("/");
-    auto fa = v.newFile(false, true, false, v.newEntry(root, "writer a.bin", false));
-    auto fb = v.newFile(false, true, false, v.newEntry(root, "writer b.bin", false));
-    ASSERT_TRUE(fa && fb);
-    EXPECT_EQ(v.pbr_->fat_locked_count_, 2);
-    auto writeAll = [](VELT::File& f, const std::string& data, std::vector<size_t> sizes) {
-      for (size_t off = 0, i = 0; off < data.size(); off += sizes[i++ % sizes.size()]) {
-        const size_t n = std::min(sizes[i % sizes.size()], data.size() - off);
-        ASSERT_EQ(f.write(data.data() + off, n, static_cast<int64_t>(off)), static_cast<int>(n));
-      }
-    };
-    std::thread ta([&] { writeAll(*fa, a, {4097, 333, 65536}); });
-    std::thread tb([&] { writeAll(*fb, b, {1000, 8191, 77}); });
-    ta.join();
-    tb.join();
-    EXPECT_EQ(fa->close(), 0);
-    EXPECT_EQ(v.pbr_->fat_locked_count_, 1);
-    EXPECT_EQ(fb->close(), 0);
-    EXPECT_EQ(v.pbr_->fat_locked_count_, 0);
-  }
-  auto fsck = card.fsck();
-  EXPECT_EQ(fsck.status, 0) << fsck.out;
-  EXPECT_TRUE(card.type("/writer a.bin") == a);
-  EXPECT_TRUE(card.type("/writer b.bin") == b);
 }
 
 }  // namespace
