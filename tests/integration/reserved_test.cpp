@@ -141,19 +141,13 @@ TEST(ReservedLoad, DamageOrACutCostsAtMostOneReservedFile) {
                          : kind == 0            ? clip_short
                          : slot == 2            ? "C.AVI"
                                                 : "c.avi";
-      cases.push_back({(kind == 0   ? "recording"
-                        : kind == 1 ? "recording behind fillers"
-                                    : "free file") +
-                           at,
-                       group, name,
+      const char* kinds[] = {"recording", "recording behind fillers", "free file"};
+      cases.push_back({kinds[kind] + at, group, name,
                        [d, group, slot](Img img, F f) { d(img, f.slot(group, slot)); }});
     }
   }
   cases.push_back({"free file pointing at a recording's chain", 3, "", [](Img img, F f) {
-                     std::string r = img.record(f.sfn(3));
-                     putLe(&r, 26, img.firstCluster(f.sfn(1)) & 0xFFFF, 2);
-                     putLe(&r, 20, img.firstCluster(f.sfn(1)) >> 16, 2);
-                     img.putRecord(f.sfn(3), r);
+                     img.setFirstCluster(f.sfn(3), img.firstCluster(f.sfn(1)));
                    }});
   cases.push_back({"damaged dot record", 3, "",
                    [](Img img, F f) { img.putRecord(f.slots[0], std::string(32, '\0')); }});
