@@ -605,9 +605,9 @@ int VELT::File::close() {
     if ((written || uncommitted) && velt_->pbr_ != nullptr) {
       PBR* pbr = velt_->pbr_;
       pbr->flushFATs();
-      // A writer without a FAT-lock count (an existing file opened again, a direct file) took
-      // its clusters with the FAT written at once; the free count in FSInfo must follow. While
-      // others hold counts this is deferred to the last release.
+      // A writer without a FAT-lock count (a file of the channel) took its clusters with the
+      // FAT written at once; the free count in FSInfo must follow. While others hold counts
+      // this is deferred to the last release.
       if (!fat_locked_) {
         std::lock_guard<std::mutex> fat_lock(pbr->fat_mutex_);
         pbr->updateFSInfo();

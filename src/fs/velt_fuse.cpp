@@ -494,7 +494,10 @@ int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
     Call c = onPath(path, -ENODEV);
     if (c.error != 0) return c.error;
     errno = 0;
-    FilePtr file = c.velt->newFile(c.entry->is_dir_, false, false, c.entry);
+    // A writer holds the FAT's writes back until its close or fsync, as a creator does: an
+    // append would otherwise write the FAT's sectors for every cluster it takes.
+    const bool for_write = !c.entry->is_dir_ && (fi->flags & O_ACCMODE) != O_RDONLY;
+    FilePtr file = c.velt->newFile(c.entry->is_dir_, for_write, false, c.entry);
     if (!file) return lastError(-ENOMEM);
     file->setUsage(true, false);
     if ((fi->flags & O_TRUNC) && (fi->flags & O_ACCMODE) != O_RDONLY && !c.entry->is_dir_) {
