@@ -10,7 +10,9 @@
 # to the mount's (below 1: the channel is faster) against the goal of each case, and the bytes
 # the card received for each write path per byte of data.
 # Usage: bench/channel_bench.sh [MiB, default 512]   (BUILD_DIR picks the build directory;
-# BENCH_DIR=/dev/shm keeps the card image in memory, which makes the rates steadier)
+# BIN_DIR runs the velt.fuse, veltctl and mkfs.velt found there instead, unbuilt, for comparing
+# two versions back to back; BENCH_DIR=/dev/shm keeps the card image in memory, which makes the
+# rates steadier)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 top=$(pwd)
@@ -18,8 +20,12 @@ mib=${1:-512}
 build=${BUILD_DIR:-$top/build}
 rounds=${ROUNDS:-3}
 
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j2 --target velt.fuse veltctl mkfs.velt >/dev/null
+if [ -n "${BIN_DIR:-}" ]; then
+  build=$BIN_DIR
+else
+  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build "$build" -j2 --target velt.fuse veltctl mkfs.velt >/dev/null
+fi
 
 velt_bin=$build/velt.fuse
 . bench/lib/mount.sh

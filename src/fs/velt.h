@@ -161,7 +161,9 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // Buffered I/O on absolute card offsets.
   int __read(void* dst, int size, int64_t offset);
   int read(void* dst, int size, int64_t offset);
-  int write(const void* src, uint32_t len, int64_t offset, bool cache);
+  // Aligned pieces of at least direct_min bytes (64 KiB up to the buffer's size) skip the buffer.
+  int write(const void* src, uint32_t len, int64_t offset, bool cache,
+            uint32_t direct_min = VELT_BUFFER_SIZE);
   // Writes the pending buffer out: 0 (also when nothing was pending), or -1 with errno EIO when
   // the driver failed; the buffer is empty afterwards either way.
   int __flush();

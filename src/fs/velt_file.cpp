@@ -428,6 +428,10 @@ int VELT::File::__write(const void* buf, size_t size, int64_t off, int64_t* part
 
   const uint8_t* src = static_cast<const uint8_t*>(buf);
   const bool cache = write_cache_ != 0;
+  // The channel hands over merged writes of up to a megabyte: those of half a megabyte or more
+  // go to the card without a copy through the write buffer; smaller ones still gather in it.
+  const uint32_t direct_min = direct_ ? static_cast<uint32_t>(VELT_BUFFER_SIZE / 2)
+                                      : static_cast<uint32_t>(VELT_BUFFER_SIZE);
   auto lookup = [&](uint32_t index) -> int64_t {
     int64_t cluster = entry_->getCluster(index, true);
     if (cluster == -1) return -EIO;
@@ -439,7 +443,10 @@ int VELT::File::__write(const void* buf, size_t size, int64_t off, int64_t* part
   };
   auto writeRun = [&](int64_t at, int64_t card_off, int64_t length, bool last) -> int {
     errno = 0;
-    if (velt_->write(src + at, static_cast<uint32_t>(length), card_off, cache) == length) return 0;
+    if (velt_->write(src + at, static_cast<uint32_t>(length), card_off, cache, direct_min) ==
+        length) {
+      return 0;
+    }
     int err = transferErrno();
     if (last) {
       LOGE("[%s] write(%d bytes, write %d @ %jd) error: %d(%s)\n", entry_->getPath().c_str(),

@@ -311,7 +311,9 @@ struct Model : velt_test::FakeCard {
     switch (what) {
       case 0: {  // a write at the end or over old data
         const size_t at = any(3) ? f.size() : any(f.size() + 1);
-        const std::string bytes = random(1 + any(any(4) ? 3000 : 40000));
+        // Now and then a merged write's worth, which goes to the card around the write buffer.
+        const uint32_t most[] = {3000, 3000, 3000, 40000, 40000, 0xFFFFF};
+        const std::string bytes = random(1 + any(most[any(6)]));
         write(path, at, bytes);
         got = run(no, kDirectOpWrite + any(2), at, any(3) ? 0u : kDirectFlagSecure, bytes);
         break;
