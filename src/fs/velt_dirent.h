@@ -173,6 +173,10 @@ class VELT::DirEntry {
                           uint8_t value);
   int alloc(int request_dir_entry_count, bool reserve_it);
   int64_t getCluster(uint32_t cluster_map_index, bool allocate);
+  // The cluster at `cluster_map_index` of the chain and, in *count, how many of the chain's
+  // next clusters (at most max_count, at least 1) follow it on the card without a gap: one
+  // look at the map for a whole run. FAT_EOC past the chain's end, -1 when the map cannot load.
+  int64_t clusterRun(uint32_t cluster_map_index, uint32_t max_count, uint32_t* count);
   int allocClusters(int count, bool set_zeros);
   int write(int entry_index, const uint8_t* record);
   // Packs the directory's records from slot 0 (with a volume-label record when given), frees

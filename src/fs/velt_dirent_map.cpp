@@ -243,6 +243,29 @@ int64_t VELT::DirEntry::getCluster(uint32_t cluster_map_index, bool allocate) {
   return cluster_map_[cluster_map_index];
 }
 
+int64_t VELT::DirEntry::clusterRun(uint32_t cluster_map_index, uint32_t max_count,
+                                    uint32_t* count) {
+  *count = 1;
+  std::unique_lock lock(map_mutex_);
+  if (!cluster_map_loaded_ || cluster_map_dirty_) {
+    lock.unlock();
+    if (loadClusterMap() < 0) return -1;
+    lock.lock();
+  }
+  if (cluster_map_index >= cluster_map_.size()) {
+    LOGI("[%s] cluster map index out of range: index %d map size %d\n", getPath().c_str(),
+         cluster_map_index, static_cast<int>(cluster_map_.size()));
+    return FAT_EOC;
+  }
+  const uint32_t first = cluster_map_[cluster_map_index];
+  const size_t end =
+      std::min<size_t>(cluster_map_.size(), size_t{cluster_map_index} + std::max(max_count, 1u));
+  uint32_t n = 1;
+  while (cluster_map_index + n < end && cluster_map_[cluster_map_index + n] == first + n) ++n;
+  *count = n;
+  return first;
+}
+
 int VELT::DirEntry::allocClusters(int count, bool set_zeros) {
   if (velt_ == nullptr || velt_->pbr_ == nullptr) {
     NERIO_ASSERT_TEXT("velt_ && velt_->pbr_");

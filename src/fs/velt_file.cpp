@@ -25,9 +25,10 @@ int transferErrno() {
 
 // Walks the clusters behind `size` bytes at file offset `off` and calls
 // transfer(buffer position, card offset, length, last) once per run of consecutive clusters.
-// lookup(cluster index) gives the cluster or a negative errno; so does transfer (or 0).
-// When a lookup fails after some clusters were found, the run so far is still transferred and
-// *done (when given) tells how many bytes that covered.
+// lookup(cluster index, clusters still wanted, count) gives the cluster or a negative errno and
+// may set *count (1 when it does not) to the number of consecutive clusters it found there;
+// transfer gives 0 or a negative errno. When a lookup fails after some clusters were found, the
+// run so far is still transferred and *partial (when given) tells how many bytes that covered.
 template <class Lookup, class Transfer>
 int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Transfer transfer,
                int64_t* partial = nullptr) {
@@ -35,9 +36,12 @@ int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Trans
   uint32_t index = static_cast<uint32_t>(off / cluster_length);
   int64_t in_cluster = off % cluster_length;
   int64_t done = 0, run_start = 0, run_offset = 0, run_length = 0;
-  uint32_t prev = 0;
+  int64_t next = -1;  // the cluster that would carry the run on
   while (done < size) {
-    const int64_t cluster = lookup(index);
+    const auto wanted =
+        static_cast<uint32_t>((in_cluster + size - done + cluster_length - 1) / cluster_length);
+    uint32_t count = 1;
+    const int64_t cluster = lookup(index, wanted, &count);
     if (cluster < 0) {
       if (partial != nullptr && run_length > 0 &&
           transfer(run_start, run_offset, run_length, true) == 0) {
@@ -45,8 +49,8 @@ int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Trans
       }
       return static_cast<int>(cluster);
     }
-    const int64_t n = std::min<int64_t>(cluster_length - in_cluster, size - done);
-    if (run_length > 0 && static_cast<uint32_t>(cluster) == prev + 1) {
+    const int64_t n = std::min<int64_t>(count * cluster_length - in_cluster, size - done);
+    if (run_length > 0 && cluster == next) {
       run_length += n;
     } else {
       if (run_length > 0) {
@@ -57,10 +61,10 @@ int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Trans
       run_offset = velt.clusterOffset(static_cast<uint32_t>(cluster)) + in_cluster;
       run_length = n;
     }
-    prev = static_cast<uint32_t>(cluster);
+    next = cluster + count;
     done += n;
     in_cluster = 0;
-    ++index;
+    index += count;
   }
   return run_length > 0 ? transfer(run_start, run_offset, run_length, true) : 0;
 }
@@ -75,7 +79,7 @@ const uint8_t* zeroBlock() {
 // errno; *reached is how far the zeros got.
 int writeZeros(VELT& velt, VELT::DirEntry& entry, int64_t from, int64_t to, int64_t* reached) {
   *reached = from;
-  auto lookup = [&](uint32_t index) -> int64_t {
+  auto lookup = [&](uint32_t index, uint32_t, uint32_t*) -> int64_t {
     int64_t cluster = entry.getCluster(index, true);
     if (cluster == -1) return -EIO;
     if (cluster < 2 || cluster >= FAT_EOC) return -ENOSPC;
@@ -173,18 +177,46 @@ int writeRecordOfSize(VELT& velt, VELT::DirEntry& entry, int64_t size, bool modi
   return 0;
 }
 
-// The cluster at `index` of a file's chain for a read, or -EINVAL.
-int64_t dataCluster(const VELT& velt, VELT::DirEntry& entry, uint32_t index) {
-  const int64_t cluster = entry.getCluster(index, false);
-  // Cluster 2 is the root directory's and never holds file data.
-  if (cluster <= 2 || cluster >= velt.pbr_->num_clusters_) {
-    if (cluster != 2) {
-      static constexpr const char kLogTag[] = "";
-      NERIO_ASSERT_TEXT("cluster_number >= 2");
-    }
-    return -EINVAL;
+// The runs of card bytes behind a read of up to `size` bytes at `off` of the file, clamped to
+// its size: transfer(buffer position, card offset, length) once per run of consecutive
+// clusters, each run found with one look at the cluster map. The bytes covered (0 at or past
+// the end) or a negative errno. Caller holds the file's mutex_.
+template <class Transfer>
+int forEachReadRun(VELT::File& file, size_t size, int64_t off, Transfer transfer) {
+  VELT* velt = file.velt_;
+  if (velt == nullptr || velt->pbr_ == nullptr || velt->pbr_->cluster_length_ == 0) {
+    NERIO_ASSERT_TEXT("velt_ && velt_->pbr_ && velt_->pbr_->cluster_length_ > 0");
+    return -ENODEV;
   }
-  return cluster;
+  if (file.file_no_ == VELT::File::kClosedFileNo || file.entry_ == nullptr) return -EBADF;
+  if (off < 0) return -EINVAL;
+  VELT::DirEntry& entry = *file.entry_;
+  // A writer on another handle raises the size under the entry's files_mutex_, which may not be
+  // taken here (it comes before the file's mutex_): it is read once, atomically. The bytes it
+  // covers are in the write buffer or on the card, their clusters in the map.
+  const int64_t entry_size = std::atomic_ref<int64_t>(entry.size_).load(std::memory_order_acquire);
+  // One call moves at most what an int can count.
+  size = std::min<size_t>(size, 0x7FFFF000);
+  size = static_cast<size_t>(std::clamp<int64_t>(entry_size - off, 0, static_cast<int64_t>(size)));
+  if (size == 0) return 0;
+  const int64_t num_clusters = velt->pbr_->num_clusters_;
+  auto lookup = [&entry, num_clusters](uint32_t index, uint32_t wanted, uint32_t* count) {
+    const int64_t first = entry.clusterRun(index, wanted, count);
+    // Cluster 2 is the root directory's and never holds file data.
+    if (first <= 2 || first + *count > num_clusters) {
+      if (first != 2) {
+        static constexpr const char kLogTag[] = "";
+        NERIO_ASSERT_TEXT("cluster_number >= 2");
+      }
+      return int64_t{-EINVAL};
+    }
+    return first;
+  };
+  auto run = [&transfer](int64_t at, int64_t card_off, int64_t length, bool) {
+    return transfer(at, card_off, length);
+  };
+  int r = forEachRun(*velt, off, static_cast<int64_t>(size), lookup, run);
+  return r < 0 ? r : static_cast<int>(size);
 }
 
 }  // namespace
@@ -337,31 +369,8 @@ int VELT::File::read(void* buf, size_t size, int64_t off) {
 }
 
 int VELT::File::__read(void* buf, size_t size, int64_t off) {
-  if (velt_ == nullptr || velt_->pbr_ == nullptr || velt_->pbr_->cluster_length_ == 0) {
-    NERIO_ASSERT_TEXT("velt_ && velt_->pbr_ && velt_->pbr_->cluster_length_ > 0");
-    return -ENODEV;
-  }
-  if (file_no_ == kClosedFileNo || entry_ == nullptr) return -EBADF;
-  if (size == 0) return 0;
-  if (off < 0) return -EINVAL;
-  // A writer on another handle raises the size under the entry's files_mutex_, which may not be
-  // taken here (it comes before this file's mutex_): read it atomically.
-  const int64_t entry_size =
-      std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire);
-  if (entry_size < off) {
-    NERIO_ASSERT_MSG(entry_size >= off, ": handle %d, entry %p, %zu >= %jd\n",
-                     static_cast<int>(file_no_), static_cast<void*>(entry_),
-                     static_cast<size_t>(entry_size), static_cast<intmax_t>(off));
-    return -EAGAIN;
-  }
-  // One call moves at most what an int can count.
-  size = std::min<size_t>(size, 0x7FFFF000);
-  size = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(size), entry_size - off));
-  if (size == 0) return 0;
-
   uint8_t* dst = static_cast<uint8_t*>(buf);
-  auto lookup = [this](uint32_t index) { return dataCluster(*velt_, *entry_, index); };
-  auto readRun = [&](int64_t at, int64_t card_off, int64_t length, bool) -> int {
+  auto readRun = [&](int64_t at, int64_t card_off, int64_t length) -> int {
     errno = 0;
     if (velt_->read(dst + at, static_cast<int>(length), card_off) == length) return 0;
     int err = transferErrno();
@@ -369,39 +378,30 @@ int VELT::File::__read(void* buf, size_t size, int64_t off) {
          err, strerror(err));
     return -err;
   };
-  int r = forEachRun(*velt_, off, static_cast<int64_t>(size), lookup, readRun);
-  if (r < 0) return r;
-  accessed_ = 1;
-  direct_offset_ = off + static_cast<int64_t>(size);
-  return static_cast<int>(size);
+  const int n = forEachReadRun(*this, size, off, readRun);
+  if (n > 0) {
+    accessed_ = 1;
+    direct_offset_ = off + n;
+  }
+  return n;
 }
 
 int VELT::File::readRuns(size_t size, int64_t off, std::vector<CardRun>* runs, int* fd) {
   *fd = -1;
   runs->clear();
   std::lock_guard<std::mutex> lock(mutex_);
-  if (velt_ == nullptr || velt_->pbr_ == nullptr || velt_->pbr_->cluster_length_ == 0) return -ENODEV;
-  if (file_no_ == kClosedFileNo || entry_ == nullptr) return -EBADF;
-  if (off < 0) return -EINVAL;
-  // As in __read: the size is raised by writers on other handles under the entry's lock.
-  const int64_t entry_size =
-      std::atomic_ref<int64_t>(entry_->size_).load(std::memory_order_acquire);
-  size = std::min<size_t>(size, 0x7FFFF000);
-  size = static_cast<size_t>(std::clamp<int64_t>(entry_size - off, 0, static_cast<int64_t>(size)));
-  if (size == 0) return 0;
-  auto lookup = [this](uint32_t index) { return dataCluster(*velt_, *entry_, index); };
-  auto note = [runs](int64_t, int64_t card_off, int64_t length, bool) -> int {
+  auto note = [runs](int64_t, int64_t card_off, int64_t length) {
     runs->push_back({card_off, length});
     return 0;
   };
-  int r = forEachRun(*velt_, off, static_cast<int64_t>(size), lookup, note);
-  if (r < 0) return r;
+  const int n = forEachReadRun(*this, size, off, note);
+  if (n <= 0) return n;
   *fd = cardFdFor(*velt_, *runs);
   if (*fd >= 0) {
     accessed_ = 1;
-    direct_offset_ = off + static_cast<int64_t>(size);
+    direct_offset_ = off + n;
   }
-  return static_cast<int>(size);
+  return n;
 }
 
 int VELT::File::__write(const void* buf, size_t size, int64_t off, int64_t* partial) {
@@ -432,7 +432,7 @@ int VELT::File::__write(const void* buf, size_t size, int64_t off, int64_t* part
   // go to the card without a copy through the write buffer; smaller ones still gather in it.
   const uint32_t direct_min = direct_ ? static_cast<uint32_t>(VELT_BUFFER_SIZE / 2)
                                       : static_cast<uint32_t>(VELT_BUFFER_SIZE);
-  auto lookup = [&](uint32_t index) -> int64_t {
+  auto lookup = [&](uint32_t index, uint32_t, uint32_t*) -> int64_t {
     int64_t cluster = entry_->getCluster(index, true);
     if (cluster == -1) return -EIO;
     if (cluster < 2 || cluster >= FAT_EOC) {

@@ -41,13 +41,14 @@ class VELT::File : public std::enable_shared_from_this<VELT::File> {
   File& operator=(const File&) = delete;
 
   int64_t fileSize();
-  // Bytes read, or a negative errno. __read expects mutex_ held.
+  // Bytes read (0 at or past the end of the file), or a negative errno. __read expects mutex_
+  // held.
   int read(void* buf, size_t size, int64_t off);
   int __read(void* buf, size_t size, int64_t off);
-  // A read of up to `size` bytes at `off` as runs of card bytes, in file order: the bytes they
-  // cover (0 at or past the end of the file) or a negative errno. *fd is the descriptor to read
-  // the runs from (cardFdFor), or -1 when the bytes must be read through memory (read) instead;
-  // only a read with a descriptor counts as done.
+  // A read of up to `size` bytes at `off` as runs of card bytes, in file order, clamped as read
+  // clamps: the bytes they cover or a negative errno. *fd is the descriptor to read the runs
+  // from (cardFdFor), or -1 when the bytes must be read through memory (read) instead; only a
+  // read with a descriptor counts as done.
   int readRuns(size_t size, int64_t off, std::vector<CardRun>* runs, int* fd);
   // Bytes written, or a negative errno. write also raises the entry's sizes and serves the
   // entry's waiting readers; __write takes mutex_ itself and leaves the sizes alone.

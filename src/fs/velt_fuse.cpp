@@ -512,85 +512,66 @@ int VELTFuse::__open(const char* path, struct fuse_file_info* fi) {
   });
 }
 
+// The open file of a read's handle, in use again (no longer closing).
+static Call onRead(const struct fuse_file_info* fi) {
+  Call c = onHandle(fi, -ENODEV, -EBADF);
+  if (c.error != 0) return c;
+  c.file->closing_ = false;
+  if (c.file->entry_ == nullptr) c.error = -EBADF;
+  return c;
+}
+
 int VELTFuse::__read(const char* /*path*/, char* buf, size_t size, off_t offset,
                      struct fuse_file_info* fi) {
   return guarded(__func__, [&] {
-    Call c = onHandle(fi, -ENODEV, -EBADF);
-    if (c.error != 0) return c.error;
-    c.file->closing_ = false;
-    VELT::DirEntry* entry = c.file->entry_;
-    if (entry == nullptr) return -EBADF;
-    int64_t remaining;
-    {
-      std::lock_guard entry_lock(entry->files_mutex_);
-      std::lock_guard<std::mutex> file_lock(c.file->mutex_);
-      remaining = entry->size_ - offset;
-    }
-    if (remaining < 1) return 0;
-    return c.file->read(buf, size, offset);
+    Call c = onRead(fi);
+    return c.error != 0 ? c.error : c.file->read(buf, size, offset);
   });
 }
 
 constexpr size_t kSpliceMin = 8192;
 
-// A reply of `size` bytes of memory, which the library frees; null when there is none.
-static struct fuse_bufvec* memoryReply(void* mem, size_t size) {
-  auto* reply = static_cast<struct fuse_bufvec*>(malloc(sizeof(struct fuse_bufvec)));
-  if (reply == nullptr) return nullptr;
-  *reply = FUSE_BUFVEC_INIT(size);
-  reply->buf[0].mem = mem;
-  return reply;
-}
-
 // __read for the library's buffer interface. Bytes the card holds as they stand go back as runs
 // of the card's descriptor (one per run of consecutive clusters), which the kernel moves into
 // the reply without a copy through this process; the rest, and backends without a descriptor,
-// are read through memory as __read does.
+// are read through memory as __read does. The library frees the reply and its memory.
 static int readBuffers(const char* /*path*/, struct fuse_bufvec** bufp, size_t size, off_t offset,
                        struct fuse_file_info* fi) {
   return guarded("__read_buf", [&] {
-    Call c = onHandle(fi, -ENODEV, -EBADF);
+    Call c = onRead(fi);
     if (c.error != 0) return c.error;
-    c.file->closing_ = false;
-    VELT::DirEntry* entry = c.file->entry_;
-    if (entry == nullptr) return -EBADF;
-    std::vector<CardRun> runs;
+    // Kept by the thread: a request's runs cost no allocation once it has seen as many.
+    thread_local std::vector<CardRun> runs;
     int fd = -1;
     // The library splices only replies of two pages or more; smaller ones are copied anyway.
     const int n = size >= kSpliceMin ? c.file->readRuns(size, offset, &runs, &fd)
                                      : static_cast<int>(size);
     if (n < 0) return n;
+    const size_t count = n > 0 && fd >= 0 ? runs.size() : 1;
+    auto* reply = static_cast<struct fuse_bufvec*>(
+        malloc(sizeof(struct fuse_bufvec) + (count - 1) * sizeof(struct fuse_buf)));
+    if (reply == nullptr) return -ENOMEM;
+    *reply = FUSE_BUFVEC_INIT(0);
     if (n > 0 && fd >= 0) {
-      auto* reply = static_cast<struct fuse_bufvec*>(
-          malloc(sizeof(struct fuse_bufvec) + (runs.size() - 1) * sizeof(struct fuse_buf)));
-      if (reply == nullptr) return -ENOMEM;
-      *reply = FUSE_BUFVEC_INIT(0);
-      reply->count = runs.size();
-      for (size_t i = 0; i < runs.size(); ++i) {
+      reply->count = count;
+      for (size_t i = 0; i < count; ++i) {
         reply->buf[i] = FUSE_BUFVEC_INIT(static_cast<size_t>(runs[i].length)).buf[0];
         reply->buf[i].flags = static_cast<enum fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
         reply->buf[i].fd = fd;
         reply->buf[i].pos = runs[i].offset;
       }
-      *bufp = reply;
-      return 0;
-    }
-    void* mem = nullptr;
-    int got = 0;
-    if (n > 0) {
-      mem = malloc(static_cast<size_t>(n));
-      if (mem == nullptr) return -ENOMEM;
-      got = VELTFuse::__read(nullptr, static_cast<char*>(mem), static_cast<size_t>(n), offset, fi);
+    } else if (n > 0) {
+      void* mem = malloc(static_cast<size_t>(n));
+      const int got = mem == nullptr ? -ENOMEM : c.file->read(mem, static_cast<size_t>(n), offset);
       if (got < 0) {
         free(mem);
+        free(reply);
         return got;
       }
+      reply->buf[0].mem = mem;
+      reply->buf[0].size = static_cast<size_t>(got);
     }
-    *bufp = memoryReply(mem, static_cast<size_t>(got));
-    if (*bufp == nullptr) {
-      free(mem);
-      return -ENOMEM;
-    }
+    *bufp = reply;
     return 0;
   });
 }
