@@ -354,6 +354,46 @@ void dropClientReads(VELT& v) {
   for (const std::shared_ptr<VELT::File>& file : files) direct::takePendingRead(v, *file, false);
 }
 
+// A write as merging builds it: bytes so far, its provisional tail and its flags.
+struct MergedWrite {
+  uint32_t size = 0;
+  uint32_t tail = 0;  // new_size_offset of the last record taken
+  uint32_t flags = 0;
+  uint32_t peak = 0;  // most bytes it held at once (a short record over a long tail shrinks it)
+};
+
+// Takes the whole records at the front of the staged bytes `staged[0, available)` that merging
+// would append to `write` (a write of `first`'s file and operation at `offset`), as long as
+// they fit in `capacity` bytes; copies their payloads into `data` unless it is null (a dry run
+// that measures). Returns the staged bytes they span. A stream of small records thus costs the
+// queues' lock once per read of the pipe instead of twice per record.
+size_t takeStagedContinuations(const uint8_t* staged, size_t available, const DirectHeader& first,
+                               int64_t offset, uint8_t* data, uint32_t capacity,
+                               MergedWrite* write) {
+  size_t used = 0;
+  while ((write->flags & kDirectFlagReady) == 0 && available - used >= kDirectHeaderSize) {
+    DirectHeader next;
+    if (checkDirectHeader(staged + used, &next) != DirectHeaderCheck::kOk) break;
+    const uint32_t payload = next.length - kDirectHeaderSize;
+    if (next.op != first.op || next.fd != first.fd || payload == 0 ||
+        available - used - kDirectHeaderSize < payload || write->tail > write->size) {
+      break;
+    }
+    const uint32_t at = write->size - write->tail;
+    if (next.offset != offset + at || static_cast<uint64_t>(at) + payload > capacity ||
+        static_cast<uint64_t>(at) + payload > kDirectMergeMax) {
+      break;
+    }
+    if (data != nullptr) memcpy(data + at, staged + used + kDirectHeaderSize, payload);
+    used += kDirectHeaderSize + payload;
+    write->size = at + payload;
+    write->peak = std::max(write->peak, write->size);
+    write->tail = directWriteNewSizeOffset(next.param);
+    write->flags |= directWriteFlags(next.param);
+  }
+  return used;
+}
+
 // Reads one record's payload and hands it to the queues: 0, or -1 when the connection ended.
 int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
   const uint32_t payload = h.length - kDirectHeaderSize;
@@ -383,6 +423,11 @@ int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
     }
     if (target != nullptr) {
       int r = in.payload(target->data_ + at, payload);
+      MergedWrite merged{at + payload, new_size_offset, static_cast<uint32_t>(param), 0};
+      if (r > 0) {
+        in.consume(takeStagedContinuations(in.data(), in.available(), h, target->offset_,
+                                           target->data_, target->data_length_, &merged));
+      }
       // Woken only when the write is due: otherwise the worker already waits for it. Decided
       // under the same lock that ends the filling: once it is released the worker may take the
       // write and free it.
@@ -390,24 +435,31 @@ int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
       {
         std::lock_guard<std::mutex> lock(v.request_mutex_);
         target->filling_ = false;
+        const uint64_t now = channelNow(v);
         if (r > 0) {
           std::lock_guard<std::mutex> item_lock(target->mutex_);
-          target->size_ = at + payload;
-          target->new_size_offset_ = new_size_offset;
-          target->param_ |= param;
-          target->updated_ = channelNow(v);
+          target->size_ = merged.size;
+          target->new_size_offset_ = merged.tail;
+          target->param_ |= static_cast<int32_t>(merged.flags);
+          target->updated_ = now;
         }
-        if (!due) due = !v.__mayGrow(target, channelNow(v));
+        if (!due) due = !v.__mayGrow(target, now);
       }
       if (due) v.request_cv_.notify_one();
       return r > 0 ? 0 : -1;
     }
   }
 
+  // A write whose continuations are staged behind it already is queued with them.
+  MergedWrite merged{payload, new_size_offset, static_cast<uint32_t>(param), payload};
+  if (isDirectWriteOp(h.op) && payload > 0 && in.available() >= payload) {
+    takeStagedContinuations(in.data() + payload, in.available() - payload, h, h.offset, nullptr,
+                            UINT32_MAX, &merged);
+  }
   VELTWorkItem* item = nullptr;
   try {
     item = new VELTWorkItem(h.fd, h.op, h.offset, param, 0, buffers);
-    if (payload > 0 && !item->allocData(payload)) {
+    if (payload > 0 && !item->allocData(merged.peak)) {
       delete item;
       item = nullptr;
     }
@@ -423,6 +475,14 @@ int receiveRecord(VELT& v, RequestStream& in, const DirectHeader& h) {
   if (payload > 0 && in.payload(item->data_, payload) <= 0) {
     delete item;
     return -1;
+  }
+  if (isDirectWriteOp(h.op) && payload > 0) {
+    MergedWrite taken{payload, new_size_offset, static_cast<uint32_t>(param), payload};
+    in.consume(takeStagedContinuations(in.data(), in.available(), h, h.offset, item->data_,
+                                       item->data_length_, &taken));
+    item->size_ = taken.size;
+    item->new_size_offset_ = taken.tail;
+    item->param_ = static_cast<int32_t>(taken.flags);
   }
   item->created_ = item->updated_ = channelNow(v);
   // A queued read counts as the reply it will make, so that reads nobody collects stop the
