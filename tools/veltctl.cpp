@@ -134,29 +134,14 @@ int cmdWrite(const Args& a) {
   if (connectClient(client, a) < 0) return 1;
   int fd = client.create(a.operand(0), 0, timeout_ms);
   if (fd < 0) return fail(a.operand(0), fd);
-  // Standard input is read in large pieces and sent as records of the asked size.
-  const size_t per_read = static_cast<size_t>(std::max<int64_t>(record, (1 << 20) / record * record));
-  std::vector<uint8_t> buffer(per_read);
-  int64_t offset = 0;
-  bool first = true;
-  for (bool end = false; !end;) {
-    size_t got = 0;
-    while (got < buffer.size()) {
-      ssize_t n = read(STDIN_FILENO, buffer.data() + got, buffer.size() - got);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) return fail("standard input", errno);
-      if (n == 0) break;
-      got += static_cast<size_t>(n);
-    }
-    end = got < buffer.size();
-    if (got == 0 && !first) break;
-    // The first record publishes a file of a reserved folder (unless -n).
-    int r = client.writeRecords(fd, offset, buffer.data(), got, static_cast<uint32_t>(record),
-                                first && publish ? velt::kDirectFlagSecure : 0u, event);
-    if (r < 0) return fail("write", r);
-    offset += static_cast<int64_t>(got);
-    first = false;
-  }
+  // Standard input is read straight into records of the asked size, which the pipe takes
+  // without a copy; the first record publishes a file of a reserved folder (unless -n).
+  if (record <= 0 || record > velt::kDirectPayloadMax) return fail("record size", EINVAL);
+  bool input_failed = false;
+  const int64_t offset =
+      client.writeFrom(STDIN_FILENO, fd, 0, static_cast<uint32_t>(record),
+                       publish ? velt::kDirectFlagSecure : 0u, event, &input_failed);
+  if (offset < 0) return fail(input_failed ? "standard input" : "write", static_cast<int>(offset));
   int r = event ? 0 : client.sync(fd, timeout_ms);
   if (r < 0) return fail("write", r);
   r = client.closeAndWait(fd, event ? velt::kDirectFlagEvent : 0u, timeout_ms);

@@ -4,12 +4,16 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <thread>
 
@@ -135,6 +139,7 @@ int DirectClient::sendRaw(const void* bytes, size_t size) {
     ssize_t n = ::write(request_fd_, p + put, size - put);
     if (n > 0) {
       put += static_cast<size_t>(n);
+      sent_ += static_cast<uint64_t>(n);
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
@@ -149,6 +154,7 @@ int DirectClient::__sendParts(struct iovec* parts, int count) {
     ssize_t n = ::writev(request_fd_, parts, count);
     if (n > 0) {
       put += static_cast<size_t>(n);
+      sent_ += static_cast<uint64_t>(n);
       size_t left = static_cast<size_t>(n);
       while (count > 0 && left >= parts->iov_len) {
         left -= parts->iov_len;
@@ -434,39 +440,133 @@ int DirectClient::write(int fd, int64_t offset, const void* data, uint32_t size,
   return send(h, data, size);
 }
 
-int DirectClient::writeRecords(int fd, int64_t offset, const void* data, size_t size,
-                               uint32_t record, uint32_t first_flags, bool event) {
-  if (record == 0 || record > UINT32_MAX - kDirectHeaderSize) return -EINVAL;
-  // Headers and payloads side by side in one gathered write per batch: the data is not copied
-  // and the daemon is woken once per batch.
-  constexpr size_t kBatch = 256;  // records per system call
-  const auto* bytes = static_cast<const uint8_t*>(data);
-  std::vector<uint8_t> headers(kBatch * kDirectHeaderSize);
-  std::vector<struct iovec> parts(2 * kBatch);
-  std::lock_guard<std::mutex> lock(send_mutex_);
-  if (request_fd_ < 0) return -ENOTCONN;
-  if (int r = __flush(); r < 0) return r;
-  size_t at = 0;
-  do {
-    int count = 0;
-    for (size_t k = 0; k < kBatch && (at < size || (size == 0 && k == 0)); ++k) {
-      const size_t n = std::min<size_t>(record, size - at);
+int DirectClient::__sendLent(const uint8_t* data, size_t size) {
+  size_t put = 0;
+  while (put < size) {
+    struct iovec part = {const_cast<uint8_t*>(data + put), size - put};
+    ssize_t n = ::vmsplice(request_fd_, &part, 1, 0);
+    if (n > 0) {
+      put += static_cast<size_t>(n);
+      sent_ += static_cast<uint64_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EINVAL && put == 0) {
+      // Not a pipe that takes pages: copied like any other record.
+      struct iovec whole = {const_cast<uint8_t*>(data), size};
+      return __sendParts(&whole, 1);
+    }
+    return n < 0 ? -errno : -EIO;
+  }
+  return 0;
+}
+
+int DirectClient::waitTaken(uint64_t mark) {
+  for (int pause_us = 50;; pause_us = std::min(pause_us * 2, 5000)) {
+    {
+      std::lock_guard<std::mutex> lock(send_mutex_);
+      if (request_fd_ < 0) return -ENOTCONN;
+      int unread = 0;
+      if (ioctl(request_fd_, FIONREAD, &unread) != 0) return -errno;
+      // The pipe holds the newest `unread` bytes; everything before them has been read.
+      if (sent_ - static_cast<uint64_t>(unread) >= mark) return 0;
+      // A daemon that went away reads nothing more.
+      struct pollfd pfd = {request_fd_, 0, 0};
+      if (poll(&pfd, 1, 0) > 0 && (pfd.revents & POLLERR) != 0) return -EPIPE;
+    }
+    std::this_thread::sleep_for(std::chrono::microseconds(pause_us));
+  }
+}
+
+int64_t DirectClient::writeFrom(int in, int fd, int64_t offset, uint32_t record,
+                                uint32_t first_flags, bool event, bool* input_failed) {
+  if (input_failed != nullptr) *input_failed = false;
+  if (record == 0 || record > kDirectPayloadMax) return -EINVAL;
+  int pipe_size = 0;
+  {
+    std::lock_guard<std::mutex> lock(send_mutex_);
+    if (request_fd_ < 0) return -ENOTCONN;
+    if (int r = __flush(); r < 0) return r;
+    pipe_size = fcntl(request_fd_, F_GETPIPE_SZ);
+  }
+  const uint32_t op = event ? kDirectOpWriteEvent : kDirectOpWrite;
+  // Slabs of about a megabyte of whole records, header and payload side by side as they go on
+  // the wire. The pipe holds at most its size in bytes, so with that much and two slabs more
+  // in the ring, a slab's turn comes round only after the daemon has read it (checked anyway).
+  constexpr size_t kSlabTarget = 1u << 20;
+  const size_t stride = kDirectHeaderSize + static_cast<size_t>(record);
+  const size_t per_slab = std::max<size_t>(1, kSlabTarget / stride);
+  const size_t slab_size = per_slab * stride;
+  if (pipe_size <= 0) pipe_size = 1 << 16;
+  const size_t slabs = static_cast<size_t>(pipe_size) / slab_size + 3;
+  // Mapped memory: once unmapped, pages the pipe still holds stay as they were until read.
+  // A ring of a few megabytes is populated at once rather than a page fault at a time.
+  const size_t ring_size = slabs * slab_size;
+  void* ring = mmap(nullptr, ring_size, PROT_READ | PROT_WRITE,
+                    MAP_PRIVATE | MAP_ANONYMOUS | (ring_size <= (16u << 20) ? MAP_POPULATE : 0),
+                    -1, 0);
+  if (ring == MAP_FAILED) return -ENOMEM;
+  auto* base = static_cast<uint8_t*>(ring);
+  std::vector<uint64_t> sent_mark(slabs, 0);
+  std::vector<struct iovec> slots;
+  int64_t total = 0;
+  int64_t result = 0;
+  for (size_t turn = 0;; ++turn) {
+    const size_t k = turn % slabs;
+    uint8_t* slab = base + k * slab_size;
+    if (int r = waitTaken(sent_mark[k]); r < 0) {
+      result = r;
+      break;
+    }
+    // The input goes straight into the payloads.
+    size_t got = 0;
+    bool end = false;
+    while (got < per_slab * record && !end) {
+      slots.clear();
+      for (size_t i = got / record; i < per_slab && slots.size() < IOV_MAX; ++i) {
+        const size_t from = i == got / record ? got % record : 0;
+        slots.push_back({slab + i * stride + kDirectHeaderSize + from, record - from});
+      }
+      ssize_t n = ::readv(in, slots.data(), static_cast<int>(slots.size()));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        result = -errno;
+        if (input_failed != nullptr) *input_failed = true;
+        break;
+      }
+      if (n == 0) end = true;
+      got += static_cast<size_t>(n);
+    }
+    if (result < 0) break;
+    if (got == 0 && total > 0) break;
+    // The headers in front of the payloads; the last record may be short.
+    size_t wire = 0;
+    for (size_t i = 0; i * record < got || (got == 0 && i == 0); ++i) {
+      const size_t n = std::min<size_t>(record, got - i * record);
       DirectHeader h;
       h.fd = fd;
-      h.op = event ? kDirectOpWriteEvent : kDirectOpWrite;
-      h.offset = offset + static_cast<int64_t>(at);
-      h.param = directWriteParam(0, at == 0 ? first_flags : 0u);
+      h.op = op;
+      h.offset = offset + total + static_cast<int64_t>(i * record);
+      h.param = directWriteParam(0, total == 0 && i == 0 ? first_flags : 0u);
       h.length = static_cast<uint32_t>(kDirectHeaderSize + n);
-      uint8_t* header = headers.data() + k * kDirectHeaderSize;
-      encodeDirectHeader(h, header);
-      parts[count++] = {header, kDirectHeaderSize};
-      if (n > 0) parts[count++] = {const_cast<uint8_t*>(bytes + at), n};
-      at += n;
-      if (size == 0) break;
+      encodeDirectHeader(h, slab + i * stride);
+      wire = i * stride + kDirectHeaderSize + n;
+      if (got == 0) break;
     }
-    if (int r = __sendParts(parts.data(), count); r < 0) return r;
-  } while (at < size);
-  return 0;
+    {
+      std::lock_guard<std::mutex> lock(send_mutex_);
+      int r = request_fd_ < 0 ? -ENOTCONN : __sendLent(slab, wire);
+      sent_mark[k] = sent_;
+      if (r < 0) {
+        result = r;
+        break;
+      }
+    }
+    total += static_cast<int64_t>(got);
+    if (end || got == 0) break;
+  }
+  munmap(ring, ring_size);
+  return result < 0 ? result : total;
 }
 
 int DirectClient::splice(int in_fd, int64_t in_offset, uint32_t out_fd, int64_t out_offset,

@@ -79,11 +79,15 @@ class DirectClient {
   // Operations without a reply on success; 0 when sent.
   int write(int fd, int64_t offset, const void* data, uint32_t size, uint32_t new_size_offset = 0,
             uint32_t flags = 0, bool event = false);
-  // `size` bytes at `offset` as consecutive writes of `record` bytes each (the last may be
-  // shorter), sent together with as few system calls as possible; `first_flags` go with the
-  // first record only. 0 when sent.
-  int writeRecords(int fd, int64_t offset, const void* data, size_t size, uint32_t record,
-                   uint32_t first_flags = 0, bool event = false);
+  // What `in` holds up to its end, written at `offset` on as consecutive writes of `record`
+  // bytes each (the last may be shorter; an empty input makes one empty write); `first_flags`
+  // go with the first record only. The records are laid out in the client's own memory and
+  // `in` is read straight into their payloads; the pipe then takes that memory's pages rather
+  // than a copy of them (vmsplice), and a page is used again only once the daemon has read it.
+  // Each byte is thus copied once on this side. Bytes sent, or a negative errno (with
+  // *input_failed set when reading `in` failed).
+  int64_t writeFrom(int in, int fd, int64_t offset, uint32_t record, uint32_t first_flags = 0,
+                    bool event = false, bool* input_failed = nullptr);
   int splice(int in_fd, int64_t in_offset, uint32_t out_fd, int64_t out_offset, uint32_t size,
              bool event = false);
   int close(int fd, uint32_t flags = 0);
@@ -111,6 +115,15 @@ class DirectClient {
   static constexpr size_t kBatchRecordMax = 16u << 10;  // larger records are sent at once
   std::vector<uint8_t> batch_;  // records gathered, not sent yet
   int __flush();
+  // Bytes put into the request pipe since connect(): the daemon has read every byte up to
+  // sent_ minus what the pipe still holds.
+  uint64_t sent_ = 0;
+  // Lends [data, data + size) to the request pipe: 0 or a negative errno. Caller holds
+  // send_mutex_.
+  int __sendLent(const uint8_t* data, size_t size);
+  // Waits until the daemon has read the bytes sent before `mark` (a value of sent_): 0, or
+  // -EPIPE when it went away first.
+  int waitTaken(uint64_t mark);
   // A reply record being read straight into its payload (from kStraightMin bytes on).
   static constexpr size_t kStraightMin = 64u << 10;
   Reply partial_;
