@@ -96,10 +96,10 @@ struct Ctx {
       if (img.byteAt(off) == 0) return off;
     return -1;
   }
-  // Makes the root's record of `name` a folder record pointing at the file `file`.
-  void folderInto(const std::string& name, const std::string& file) const {
+  // Makes the root's record of `name` a folder record pointing at `first`.
+  void folderInto(const std::string& name, uint32_t first) const {
     const int64_t sfn = root(name).sfn;
-    img.setFirstCluster(sfn, cluster(file));
+    img.setFirstCluster(sfn, first);
     img.putByte(sfn + 11, 0x10);
     img.putField(sfn + 28, 0, 4);
   }
@@ -202,19 +202,26 @@ std::vector<Row> rows() {
          c.unreadable.insert(static_cast<uint32_t>(c.img.clusterOffset(c.delta()) / 512));
        },
        nullptr, kVELTNeedFormat},
-      {"lost chains no entry reaches, one a loop (freed silently)", nullptr,
+      {"a lost loop; a file's record made a folder of a lost chain that runs into a file's",
+       "no folder",
        [](Ctx& c) {
+         // The chain is cut where it meets the file's, in a FAT sector of its own.
          const uint32_t last = c.img.clusterCount() - 1;
-         c.img.setFat(last - 1, last);
-         c.img.setFat(last, 0x0FFFFFF8);
+         c.img.setFat(last - 300, last);
+         c.img.setFat(last, c.cluster("charlie.txt"));
+         c.card.writeBytes(c.img.clusterOffset(last - 300), "no dot records");
+         c.folderInto("README.TXT", last - 300);
          c.img.setFat(1000, 1001);
          c.img.setFat(1001, 1000);
-       }},
+       },
+       "README.TXT"},
       {"folder record pointing at a file of the same folder", "is another entry's",
-       [](Ctx& c) { c.folderInto("foxtrot number one.txt", "alpha long name file.txt"); },
+       [](Ctx& c) {
+         c.folderInto("foxtrot number one.txt", c.cluster("alpha long name file.txt"));
+       },
        "foxtrot number one.txt"},
       {"folder record pointing at a file deeper down", "it is no folder",
-       [](Ctx& c) { c.folderInto("alpha long name file.txt", "golf dir/note.txt"); },
+       [](Ctx& c) { c.folderInto("alpha long name file.txt", c.cluster("golf dir/note.txt")); },
        "alpha long name file.txt"},
       {"file chain ending in a free FAT entry (the next file written must not take it over)",
        "runs into a free cluster", [](Ctx& c) { c.img.setFat(c.chain("charlie.txt").back(), 0); },
@@ -234,17 +241,24 @@ std::vector<Row> rows() {
       {"folder pointing at its parent", "is another entry's",
        [](Ctx& c) { c.img.setFirstCluster(c.entry(c.delta(), "DEEPER").sfn, c.delta()); },
        "delta dir/deeper/leaf.txt"},
-      {"two records sharing one chain (a rename cut short)", "is a second record",
+      {"two records sharing one chain, the first one marked as a replacing rename's source",
+       "is a second record",
        [](Ctx& c) {
-         std::string r = c.img.record(c.root("README.TXT").sfn);
-         r.replace(0, 11, "README2 TXT");
-         c.img.putRecord(c.freeSlot(c.img.rootCluster()), r);
-       }},
-      {"long name with a record missing", "invalid LFN order number seq 1",
+         for (const char* name : {"README.TXT", "alpha long name file.txt"}) {
+           std::string r = c.img.record(c.root(name).sfn);
+           r.replace(0, 11, name[0] == 'R' ? "README2 TXT" : "ALPHA2  TXT");
+           c.img.putRecord(c.freeSlot(c.img.rootCluster()), r);
+         }
+         c.img.putByte(c.root("alpha long name file.txt").sfn + 13, 0xFF);
+       },
+       "alpha long name file.txt"},
+      {"long name with its records out of order: a part before its start, one missing",
+       "invalid LFN order number seq 1",
        [](Ctx& c) {
          auto e = c.root("bravo has a much longer name here.txt");
-         c.img.putRecord(e.lfn[1], c.img.record(e.lfn[0]));
-         c.img.putByte(e.lfn[0], 0xE5);
+         const std::string start = c.img.record(e.lfn[0]);
+         c.img.putRecord(e.lfn[0], c.img.record(e.lfn[2]));
+         c.img.putRecord(e.lfn[1], start);
        },
        "bravo has a much longer name here.txt"},
       {"long name whose checksum does not match", "LFN checksum error",
@@ -284,11 +298,15 @@ std::vector<Row> rows() {
          for (int64_t off : leaf.lfn) c.img.putByte(off, 0xE5);
          c.img.putByte(leaf.sfn, 0xE5);
        }},
-      {"records flagged as having no short name (a file's, a dot record)", "flag cleared",
+      {"records flagged as having no short name (a file's, a dot's); one a folder and a label",
+       "flag cleared",
        [](Ctx& c) {
          c.img.putByte(c.root("README.TXT").sfn + 12, 0x20);
          c.img.putByte(c.img.records(c.deeper())[1] + 12, 0x20);
-       }},
+         c.img.putByte(c.root("charlie.txt").sfn + 11, 0x18);
+       },
+       "charlie.txt", 0,
+       [](Ctx&, VELT& v) { EXPECT_EQ(v.findEntry("/charlie.txt"), nullptr) << "deleted"; }},
       {"FAT entry 0 damaged in the first copy", "FAT entry 0 was",
        [](Ctx& c) { c.img.putField(c.img.fatOffset(0, 0), 0x0FFFFF00, 4); }},
       {"FAT entry 1 without its clean flags", "FAT entry 1 was",
@@ -305,6 +323,7 @@ std::vector<Row> rows() {
          auto rec = v.findEntry("/REC");
          ASSERT_NE(rec, nullptr);
          EXPECT_EQ(rec->velt_reserved_files_.size(), c.img.descriptorValue(0, 20));
+         publishRecording(v, "/REC", "taken.avi", "in the new folder");
        }},
   };
 }
@@ -346,7 +365,7 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
     if (ctx.unreadable.empty()) {
       ShellResult look = runShell(VELT_BINARY_DIR "/fsck.velt -n " + shellQuote(card.image()));
       EXPECT_TRUE(card.contents() == damaged) << "fsck.velt -n wrote to the card";
-      const bool clean = row.text == nullptr && strstr(row.what, "freed silently") == nullptr;
+      const bool clean = row.text == nullptr;
       EXPECT_EQ(look.status, row.refused != 0 ? std::max(look.status, 4) : clean ? 0 : 4);
       EXPECT_TRUE(row.refused != 0 ||
                   look.out.find(clean ? ": clean FAT32 card, " : "Leaving the card unchanged") !=
@@ -385,11 +404,12 @@ TEST(DamagedCard, EachDamageIsRefusedOrRepairedOnceWithoutHarmToIntactFiles) {
       EXPECT_EQ(repair.status, 1) << repair.out << repair.err;
     }
 
-    Loaded again = loadCard(card);
+    // fsck.fat judges the card as the mount left it; then the next mount loads it.
+    Loaded again;
+    EXPECT_TRUE(fsckShowsOnlyReservedFiles(card, &again));
     ASSERT_EQ(again.error, 0) << again.log;
     EXPECT_FALSE(again.volume->read_only_.load());
     EXPECT_EQ(repairLines(again.log), "") << "the second mount repaired again";
-    EXPECT_TRUE(fsckShowsOnlyReservedFiles(card, expectedReservedReport(*again.volume, card)));
     again.volume.reset();
     // Every file the damage spared reads back (of the long file, its start).
     std::vector<std::string> spared = kFiles;

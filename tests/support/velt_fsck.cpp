@@ -160,9 +160,10 @@ static ShellResult fsckInUtf8(const CardImage& card) {
   return judge(fsckInUtf8(card), expected);
 }
 
-::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card) {
+::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card, Loaded* loaded) {
   const ShellResult fsck = fsckInUtf8(card);
-  Loaded l = loadCard(card);
+  Loaded own, &l = loaded != nullptr ? *loaded : own;
+  l = loadCard(card);
   if (l.volume == nullptr)
     return ::testing::AssertionFailure() << "the card does not load: " << l.error << "\n" << l.log;
   return judge(fsck, expectedReservedReport(*l.volume, card));

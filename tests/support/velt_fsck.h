@@ -16,6 +16,8 @@
 
 namespace velt::test {
 
+struct Loaded;
+
 struct ReservedFsckReport {
   std::vector<std::string> orphan_parts;  // long-name texts as fsck.fat prints them, sorted
   int64_t unused_clusters = 0;            // clusters reachable only from deleted records
@@ -30,7 +32,8 @@ ReservedFsckReport expectedReservedReport(VELT& volume, const CardImage& card);
                                                       const ReservedFsckReport& expected);
 
 // The same for a card no volume holds: fsck.fat runs first, then the card is loaded (which may
-// write to it) to learn what its reserved files should cause.
-::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card);
+// write to it; into `loaded` when given) to learn what its reserved files should cause.
+::testing::AssertionResult fsckShowsOnlyReservedFiles(const CardImage& card,
+                                                      Loaded* loaded = nullptr);
 
 }  // namespace velt::test
