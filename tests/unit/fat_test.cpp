@@ -90,11 +90,16 @@ TEST(Fat, ChangedSectorsReachEveryCopyAsMergedRuns) {
     EXPECT_LE(rest.size(), 2u);
     for (const auto& r : rest) EXPECT_TRUE(r.start == 2048 + 1 || r.start == 2048 + 7) << r.start;
   }
-  // A change made under the lock and never flushed reaches both copies at the last release.
+  // A change made under the lock reaches both copies at the last release; a flush that fails
+  // (here on the data pending before it) stops before the second copy and keeps the sector due.
   pbr->lockFAT();
   pbr->lockFAT();
   pbr->fat1_[1000] = FAT_EOC;
   pbr->__syncFATEntry(1000);
+  ASSERT_EQ(f.volume->write(std::string(512, 'd').data(), 512, 9000 * 512, true), 512);
+  f.driver->queueWriteAnswer(0);
+  EXPECT_EQ(pbr->flushFATs(), -1);
+  EXPECT_EQ(writes(), (std::vector<DriverRequest>{{'w', 9000, 1}}));
   pbr->unlockFAT(true);
   EXPECT_TRUE(writes().empty()) << "one holder remains";
   pbr->unlockFAT(true);
