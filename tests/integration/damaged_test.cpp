@@ -96,13 +96,6 @@ struct Ctx {
       if (img.byteAt(off) == 0) return off;
     return -1;
   }
-  // Makes the root's record of `name` a folder record pointing at `first`.
-  void folderInto(const std::string& name, uint32_t first) const {
-    const int64_t sfn = root(name).sfn;
-    img.setFirstCluster(sfn, first);
-    img.putByte(sfn + 11, 0x10);
-    img.putField(sfn + 28, 0, 4);
-  }
   // The chain of reserved file `group` of REC.
   std::vector<uint32_t> reservedChain(int group) const {
     return img.chain(img.firstCluster(img.records(cluster("REC"))[2 + 4 * group + 3]));
@@ -202,27 +195,20 @@ std::vector<Row> rows() {
          c.unreadable.insert(static_cast<uint32_t>(c.img.clusterOffset(c.delta()) / 512));
        },
        nullptr, kVELTNeedFormat},
-      {"a lost loop; a file's record made a folder of a lost chain that runs into a file's",
-       "no folder",
+      {"a lost loop; a long name's record made a folder of a lost chain into a file's", "no folder",
        [](Ctx& c) {
          // The chain is cut where it meets the file's, in a FAT sector of its own.
          const uint32_t last = c.img.clusterCount() - 1;
          c.img.setFat(last - 300, last);
          c.img.setFat(last, c.cluster("charlie.txt"));
          c.card.writeBytes(c.img.clusterOffset(last - 300), "no dot records");
-         c.folderInto("README.TXT", last - 300);
+         const int64_t sfn = c.root("echo file with long name.txt").sfn;
+         c.img.setFirstCluster(sfn, last - 300);
+         c.img.putByte(sfn + 11, 0x10);  // a folder record, with the file's size left
          c.img.setFat(1000, 1001);
          c.img.setFat(1001, 1000);
        },
-       "README.TXT"},
-      {"folder record pointing at a file of the same folder", "is another entry's",
-       [](Ctx& c) {
-         c.folderInto("foxtrot number one.txt", c.cluster("alpha long name file.txt"));
-       },
-       "foxtrot number one.txt"},
-      {"folder record pointing at a file deeper down", "it is no folder",
-       [](Ctx& c) { c.folderInto("alpha long name file.txt", c.cluster("golf dir/note.txt")); },
-       "alpha long name file.txt"},
+       "echo file with long name.txt"},
       {"file chain ending in a free FAT entry (the next file written must not take it over)",
        "runs into a free cluster", [](Ctx& c) { c.img.setFat(c.chain("charlie.txt").back(), 0); },
        nullptr, 0, writeAFile},
@@ -241,8 +227,7 @@ std::vector<Row> rows() {
       {"folder pointing at its parent", "is another entry's",
        [](Ctx& c) { c.img.setFirstCluster(c.entry(c.delta(), "DEEPER").sfn, c.delta()); },
        "delta dir/deeper/leaf.txt"},
-      {"two records sharing one chain, the first one marked as a replacing rename's source",
-       "is a second record",
+      {"records sharing a chain, one a replacing rename's marked source", "is a second record",
        [](Ctx& c) {
          for (const char* name : {"README.TXT", "alpha long name file.txt"}) {
            std::string r = c.img.record(c.root(name).sfn);
@@ -252,8 +237,7 @@ std::vector<Row> rows() {
          c.img.putByte(c.root("alpha long name file.txt").sfn + 13, 0xFF);
        },
        "alpha long name file.txt"},
-      {"long name with its records out of order: a part before its start, one missing",
-       "invalid LFN order number seq 1",
+      {"long name records out of order (a part before its start, one missing)", "number seq 1",
        [](Ctx& c) {
          auto e = c.root("bravo has a much longer name here.txt");
          const std::string start = c.img.record(e.lfn[0]);
@@ -298,8 +282,7 @@ std::vector<Row> rows() {
          for (int64_t off : leaf.lfn) c.img.putByte(off, 0xE5);
          c.img.putByte(leaf.sfn, 0xE5);
        }},
-      {"records flagged as having no short name (a file's, a dot's); one a folder and a label",
-       "flag cleared",
+      {"records flagged short-nameless (a file's, a dot's); one both folder and label", "cleared",
        [](Ctx& c) {
          c.img.putByte(c.root("README.TXT").sfn + 12, 0x20);
          c.img.putByte(c.img.records(c.deeper())[1] + 12, 0x20);
