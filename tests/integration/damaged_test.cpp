@@ -273,8 +273,6 @@ std::vector<Row> rows() {
        }},
       {"dot record with a file's attributes", "had no \".\" record",
        [](Ctx& c) { c.img.putByte(c.img.records(c.delta())[0] + 11, 0x20); }},
-      {"dot-dot record taken for a long-name record", "had no \"..\" record",
-       [](Ctx& c) { c.img.putByte(c.img.records(c.deeper())[1] + 11, 0x0F); }},
       {"name record in the dot-dot slot (the folder's records shifted)", "moved to slot",
        [](Ctx& c) {
          auto leaf = c.entry(c.deeper(), "leaf.txt");

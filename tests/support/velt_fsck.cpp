@@ -7,7 +7,6 @@
 #include <regex>
 #include <sstream>
 
-#include "card_volume.h"
 #include "fs/velt_dirent.h"
 #include "fs/velt_endian.h"
 

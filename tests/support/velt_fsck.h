@@ -11,12 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "card_image.h"
-#include "fs/velt.h"
+#include "card_volume.h"
 
 namespace velt::test {
-
-struct Loaded;
 
 struct ReservedFsckReport {
   std::vector<std::string> orphan_parts;  // long-name texts as fsck.fat prints them, sorted

@@ -150,7 +150,6 @@ TEST(DirentRecords, InitFromARecord) {
       {0x21, cl, 100, true, false, false},         {0x20, 0, 0, true, false, false},
       {0x10, cl, 0, true, true, false},            {0x08, 0, 0, true, false, true},
       {0x10, cl, 5, false, true, false},           // a directory with a size
-      {0x18, cl, 0, false, false, false},          // both type bits
       {0x20, cl | 0x10000, 10, false, false, false},  // the high half of the cluster counts
   };
   for (const auto& r : rows) {
