@@ -298,10 +298,8 @@ std::vector<Row> rows() {
        "not found, try to create it now",
        [](Ctx& c) { ASSERT_EQ(c.card.mtools("mdeltree ::/REC").status, 0); }, kRecording, 0,
        [](Ctx& c, VELT& v) {
-         auto rec = v.findEntry("/REC");
-         ASSERT_NE(rec, nullptr);
-         EXPECT_EQ(rec->velt_reserved_files_.size(), c.img.descriptorValue(0, 20));
-         publishRecording(v, "/REC", "taken.avi", "in the new folder");
+         ASSERT_NO_FATAL_FAILURE(publishRecording(v, "/REC", "taken.avi", "in the new folder"));
+         EXPECT_EQ(v.findEntry("/REC")->velt_reserved_files_.size(), c.img.descriptorValue(0, 20));
        }},
   };
 }
