@@ -138,6 +138,15 @@ void settleFAT(VELT& velt) {
   pbr->updateFSInfo();
 }
 
+// A grown file's zeros and then its longer chain reach the card before the record that claims
+// them: the FAT's writes may be held back by other writers, and the card may reorder writes
+// between flushes. -EIO when a step failed (the record must then not be written).
+int chainBeforeRecord(VELT& velt) {
+  if (velt.sync() != 0) return -EIO;
+  velt.pbr_->flushFATs();
+  return velt.sync() == 0 ? 0 : -EIO;
+}
+
 // Pending card writes reach the card; -EIO when they could not.
 int flushPending(VELT& velt) {
   std::lock_guard<std::mutex> lock(velt.io_mutex_);
@@ -278,6 +287,7 @@ int truncateEntry(VELT& velt, VELT::DirEntry& entry, int64_t size) {
   const int64_t old_size = std::atomic_ref<int64_t>(entry.size_).load(std::memory_order_acquire);
   if (size > old_size) {
     r = growEntry(velt, entry, size);
+    if (int c = chainBeforeRecord(velt); c < 0) return c;
   } else {
     {
       std::lock_guard lock(entry.files_mutex_);
@@ -320,6 +330,7 @@ int allocateEntry(VELT& velt, VELT::DirEntry& entry, int64_t end) {
     }
   }
   int r = growEntry(velt, entry, end);
+  if (int c = chainBeforeRecord(velt); c < 0) return c;
   int w;
   {
     std::lock_guard lock(entry.files_mutex_);

@@ -248,9 +248,9 @@ class Session {
 const auto bytesOf = patternBytes;
 
 // A recording committed every 256 KiB the way the commit interval does it (a cut loses at most
-// what came after the last commit); then several recordings, two open at once, each written in
-// odd-sized pieces and fsync'd on the way, a folder made meanwhile; then one deleted, one renamed
-// onto another, short files made and deleted. Every write is a cut.
+// what came after the last commit), then grown; then several recordings, two open at once, each
+// written in odd-sized pieces and fsync'd on the way, a folder made meanwhile; then one deleted,
+// one renamed onto another, short files made and deleted. Every write is a cut.
 void recordings(Session& s) {
   auto l = s.create("/long recording.mp4");
   for (unsigned seed = 1; l.data.size() < (1u << 20); ++seed) {
@@ -265,6 +265,9 @@ void recordings(Session& s) {
   s.mkdir("/DCIM");
   auto a = s.create("/DCIM/clip one.mp4");
   auto b = s.create("/b.bin");
+  // Grown while two writers hold the FAT's writes back: the chain goes out before the size.
+  s.p.files[l.path].written.resize((1u << 20) + 5000, '\0');
+  s.check(VELTFuse::__truncate(l.path.c_str(), (1 << 20) + 5000, nullptr), "truncate");
   for (int i = 0; i < 4; ++i) {
     s.write(a, bytesOf(1500 + 700 * i, 10 + i));
     s.write(b, bytesOf(900, 20 + i));
