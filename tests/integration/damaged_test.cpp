@@ -270,9 +270,11 @@ std::vector<Row> rows() {
          c.img.setFirstCluster(c.img.records(c.delta())[1], 4321);
          c.img.setFirstCluster(c.img.records(c.deeper())[0], 99);
        }},
-      {"folder without its dot records (a mkdir cut short)", "had no \"..\" record",
+      {"folders a mkdir cut short (no dot records; no clusters)", "had no \"..\" record",
        [](Ctx& c) {
          for (int i : {0, 1}) c.img.putRecord(c.img.records(c.deeper())[i], std::string(32, '\0'));
+         c.img.putRecord(c.freeSlot(c.delta()),
+                         std::string("NOCLUSTR   \x10", 12) + std::string(20, 0));
        }},
       {"name record in the dot-dot slot (the folder's records shifted)", "moved to slot",
        [](Ctx& c) {
