@@ -332,11 +332,8 @@ int VELT::DirEntry::allocClusters(int count, bool set_zeros) {
 }
 
 int VELT::DirEntry::write(int entry_index, const uint8_t* record) {
-  if (!is_dir_) NERIO_ASSERT_TEXT("is_dir_");
-  if (velt_ == nullptr || velt_->pbr_ == nullptr || velt_->pbr_->cluster_length_ == 0) {
-    NERIO_ASSERT_TEXT("velt_ && velt_->pbr_ && velt_->pbr_->cluster_length_ > 0");
-    return -EINVAL;
-  }
+  // The offset's lookup checks the volume, its cluster size and that this is a folder (0: no
+  // such record).
   int64_t offset = entryIndexToDiskOffset(entry_index);
   if (offset <= 0) return -EINVAL;
   if (velt_->write(record, DIR_RECORD_SIZE, offset, true) == DIR_RECORD_SIZE) {
