@@ -579,7 +579,7 @@ void VELT::flushAllRequests(const std::shared_ptr<File>& file, bool event, bool 
       it = queue->erase(it);
       if (request == nullptr) continue;
       ++removed;
-      if (isDirectWriteOp(request->op_) && request->data_ != nullptr && request->size_ > 0) {
+      if (isDirectWriteOp(request->op_) && request->data_ != nullptr) {  // never an empty buffer
         std::shared_ptr<File> target = file != nullptr ? file : directFile(*this, request->fd_);
         if (target != nullptr) writeRequest(*target, request);
       }
