@@ -443,14 +443,8 @@ int VELT::DirEntry::rebuildDirCluster(const char* volume_label) {
     next = after;
   }
 
-  // The records moved: the children are read again from the card.
-  removeAllChildren();
-  {
-    std::lock_guard lock(map_mutex_);
-    cluster_map_loaded_ = false;
-    cluster_map_.clear();
-    entry_map_.clear();
-  }
+  // The records moved: the children and maps are read again from the card (the load clears
+  // them first).
   return velt_->loadDirEntries(this, start_cluster_, false, 0);
 }
 

@@ -91,9 +91,9 @@ int DirScan::fatal(ReservedFatal code) {
   return -1;
 }
 
+// Runs once per scan (its own members start empty), after prepare() cleared the folder's
+// reserved state.
 int DirScan::matchReservedFolder() {
-  velt_folder_ = nullptr;
-  reserved_file_size_ = 0;
   // Only folders right under the root can be reserved ones.
   if (cur_->parent_ == nullptr || cur_->parent_->parent_ != nullptr) return 0;
   FormatInfo& info = velt_->format_info_;
@@ -120,7 +120,6 @@ int DirScan::matchReservedFolder() {
   // Every reserved file owns at least one cluster: a larger count is damage, not a layout.
   if (desc->count > pbr_->num_clusters_) return fatal(kFatalCountTooLarge);
   try {
-    cur_->velt_reserved_files_.clear();
     cur_->velt_reserved_files_.resize(desc->count);
   } catch (const std::bad_alloc&) {
     return fatal(kFatalNoMemory);
