@@ -277,10 +277,19 @@ int64_t PBR::allocCluster(bool zero) {
 
 int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
   std::lock_guard<std::mutex> lock(fat_mutex_);
-  if (prev >= num_clusters_) NERIO_ASSERT_MSG(num_clusters_ > prev, ": %d > %d\n", num_clusters_, prev);
+  if (prev >= num_clusters_) {
+    NERIO_ASSERT_MSG(num_clusters_ > prev, ": %d > %d\n", num_clusters_, prev);
+    return -1;
+  }
   if (count < 1) return FAT_EOC;
-  int64_t first = FAT_EOC;
-  uint32_t tail = prev;
+  std::vector<uint32_t> taken;
+  try {
+    taken.reserve(static_cast<size_t>(count));
+  } catch (const std::bad_alloc&) {
+    return -1;
+  }
+  // All clusters are taken (ends of chains in memory only) and zeroed before one sync: a card
+  // may reorder, and the zeros must arrive before any link to them.
   for (int i = 0; i < count; ++i) {
     int64_t found = scanFreeCluster();
     if (found < 0) {
@@ -289,28 +298,30 @@ int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
       if (out != nullptr) {
         for (int k = i; k < count; ++k) out[k] = FAT_EOC;
       }
-      return FAT_EOC;
+      break;
     }
     uint32_t c = static_cast<uint32_t>(found);
     takeCluster(c);
-    if (zero) {
-      zeroCluster(c);
-      velt_->sync();  // a card may reorder: the zeros arrive before the link to the cluster can
-    }
-    if (out != nullptr) out[i] = c;
-    if (tail >= num_clusters_ || c >= num_clusters_) return -1;
-    // The new end goes out before the link to it, so the card never holds a chain that runs
-    // into a free cluster.
-    if (first == FAT_EOC) first = c;
     __setEntry(c, FAT_EOC);
     if (isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, next_cluster_number) == false");
     setUsedBit(c);
-    if (__syncFATEntry(c) != 0) return -1;
+    if (zero) zeroCluster(c);
+    if (out != nullptr) out[i] = c;
+    taken.push_back(c);
+  }
+  if (zero && !taken.empty()) velt_->sync();
+  // Each new end goes out before the link to it, so the card never holds a chain that runs
+  // into a free cluster. Clusters taken before the table ran out stay linked.
+  bool failed = false;
+  uint32_t tail = prev;
+  for (uint32_t c : taken) {
+    if (__syncFATEntry(c) != 0) failed = true;
     __setEntry(tail, c);
-    if (__syncFATEntry(tail) != 0) return -1;
+    if (__syncFATEntry(tail) != 0) failed = true;
     tail = c;
   }
-  return first;
+  if (failed) return -1;
+  return static_cast<int>(taken.size()) < count ? FAT_EOC : taken.front();
 }
 
 int PBR::endOfCluster(uint32_t c) {
