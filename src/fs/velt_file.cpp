@@ -211,6 +211,8 @@ int forEachReadRun(VELT::File& file, size_t size, int64_t off, Transfer transfer
   const int64_t num_clusters = velt->pbr_->num_clusters_;
   auto lookup = [&entry, num_clusters](uint32_t index, uint32_t wanted, uint32_t* count) {
     const int64_t first = entry.clusterRun(index, wanted, count);
+    // A truncate on another handle shrank the chain after the size was read.
+    if (first == FAT_EOC) return int64_t{-ERANGE};
     // Cluster 2 is the root directory's and never holds file data.
     if (first <= 2 || first + *count > num_clusters) {
       if (first != 2) {
@@ -221,10 +223,14 @@ int forEachReadRun(VELT::File& file, size_t size, int64_t off, Transfer transfer
     }
     return first;
   };
-  auto run = [&transfer](int64_t at, int64_t card_off, int64_t length, bool) {
-    return transfer(at, card_off, length);
+  int last = 0;  // the last transfer's result
+  auto run = [&transfer, &last](int64_t at, int64_t card_off, int64_t length, bool) {
+    return last = transfer(at, card_off, length);
   };
-  int r = forEachRun(*velt, off, static_cast<int64_t>(size), lookup, run);
+  int64_t partial = 0;
+  int r = forEachRun(*velt, off, static_cast<int64_t>(size), lookup, run, &partial);
+  // Past the end of a shortened chain: what it still holds is the answer.
+  if (r == -ERANGE) return last < 0 ? last : static_cast<int>(partial);
   return r < 0 ? r : static_cast<int>(size);
 }
 
