@@ -273,6 +273,17 @@ void DirectBuffers::put(uint8_t* data, uint32_t capacity) {
   mapped_ -= static_cast<int64_t>(capacity);
 }
 
+void DirectBuffers::abandon(uint8_t* data, uint32_t capacity) {
+  if (data == nullptr) return;
+  if (capacity < kSmallMax) {
+    put(data, capacity);
+    return;
+  }
+  held_ -= static_cast<int64_t>(capacity);
+  munmap(data, capacity);
+  mapped_ -= static_cast<int64_t>(capacity);
+}
+
 int DirectBuffers::idleCount() {
   std::lock_guard<std::mutex> lock(mutex_);
   return static_cast<int>(idle_.size());

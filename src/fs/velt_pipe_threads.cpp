@@ -7,8 +7,9 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/uio.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <list>
 #include <memory>
 #include <new>
@@ -42,6 +44,7 @@ constexpr uint32_t kSpliceBufferStart = 0x80000;
 constexpr int kReplyWaitMs = 1000;     // longest single wait for a client that does not read
 constexpr int kResetAckWaitMs = 2000;  // receiver's wait for the replier to drop a connection
 constexpr int kPauseWaitMs = 20;       // receiver's look at the memory bound while paused
+constexpr int kLentLookMaxMs = 100;    // replier's longest wait between looks at lent replies
 
 // Runs a thread body; nothing thrown leaves the thread.
 template <typename Body>
@@ -273,12 +276,16 @@ class RequestStream {
   bool large_ = false;        // the last payload was read straight: stage only headers
 };
 
-// Writes all of the parts to the reply pipe; waits for a slow reader at most kReplyWaitMs at a
+// Writes all of the parts to the reply pipe, or with `lend` hands it their pages (vmsplice);
+// `*written` counts the bytes that went in. Waits for a slow reader at most kReplyWaitMs at a
 // time and gives up when the channel stops. 0 or -1.
-int writeFully(int fd, struct iovec* parts, int count, const std::atomic<bool>& stop) {
+int writeFully(int fd, struct iovec* parts, int count, bool lend, const std::atomic<bool>& stop,
+               uint64_t* written) {
   while (count > 0) {
-    ssize_t n = writev(fd, parts, count);
+    ssize_t n = lend ? vmsplice(fd, parts, static_cast<unsigned long>(count), SPLICE_F_NONBLOCK)
+                     : writev(fd, parts, count);
     if (n > 0) {
+      *written += static_cast<uint64_t>(n);
       size_t left = static_cast<size_t>(n);
       while (count > 0 && left >= parts->iov_len) {
         left -= parts->iov_len;
@@ -312,6 +319,62 @@ int writeFully(int fd, struct iovec* parts, int count, const std::atomic<bool>& 
   }
   return 0;
 }
+
+// Read replies whose payload the reply pipe took as pages of the reply's own buffer instead of
+// a copy. Such a buffer is the client's to read until the pipe has let go of it: it goes back
+// for reuse only once the pipe's unread count (FIONREAD) shows that every byte written up to
+// its end has been read. The bytes were read from the card under the file's locks, so what the
+// client gets is the file as it was then, whatever happens to the card afterwards.
+class LentReplies {
+ public:
+  // Smaller payloads, and malloc'ed ones, are copied: a copy costs less than lending them.
+  static constexpr uint32_t kLendMin = 64u << 10;
+
+  explicit LentReplies(DirectBuffers* buffers) : buffers_(buffers) {}
+  ~LentReplies() { forget(); }
+  LentReplies(const LentReplies&) = delete;
+  LentReplies& operator=(const LentReplies&) = delete;
+
+  static bool lends(const VELTWorkItem& item, uint32_t payload) {
+    return item.buffers_ != nullptr && payload >= kLendMin &&
+           item.data_length_ >= DirectBuffers::kSmallMax;
+  }
+  bool empty() const { return lent_.empty(); }
+  // Bytes put into the pipe so far, lent or copied.
+  uint64_t* written() { return &written_; }
+  // Takes over the item's buffer, lent up to the bytes written so far.
+  void keep(VELTWorkItem* item) {
+    std::lock_guard<std::mutex> lock(item->mutex_);
+    lent_.push_back({item->data_, item->data_length_, written_});
+    item->data_ = nullptr;
+    item->size_ = item->data_length_ = 0;
+  }
+  // Gives back the buffers the client has read.
+  void reclaim(int fd) {
+    int unread = 0;
+    if (lent_.empty() || ioctl(fd, FIONREAD, &unread) != 0) return;
+    const uint64_t read = written_ - static_cast<uint64_t>(unread);
+    while (!lent_.empty() && lent_.front().end <= read) {
+      buffers_->put(lent_.front().data, lent_.front().capacity);
+      lent_.pop_front();
+    }
+  }
+  // The connection ends: buffers still lent stay the pipe's, never to be reused.
+  void forget() {
+    for (const Lent& l : lent_) buffers_->abandon(l.data, l.capacity);
+    lent_.clear();
+  }
+
+ private:
+  struct Lent {
+    uint8_t* data;
+    uint32_t capacity;
+    uint64_t end;  // written_ just past its last byte
+  };
+  DirectBuffers* buffers_;
+  std::deque<Lent> lent_;
+  uint64_t written_ = 0;
+};
 
 // Reads and drops what a client that went away left unread in the reply pipe.
 void drainReplyPipe(const std::string& path) {
@@ -651,21 +714,38 @@ void VELT::pipe_writer() {
     }
     // The descriptor stays non-blocking: a write waits for the client in bounded steps, so a
     // client that stops reading cannot hold up a stop.
+    LentReplies lent(direct_buffers_.get());
     bool broken = false;
+    int look_ms = 1;
     for (;;) {
       VELTWorkItem* item = nullptr;
+      bool took = false;
       {
         std::unique_lock<std::mutex> lock(response_mutex_);
-        response_cv_.wait(
-            lock, [this] { return !responses_.empty() || direct_stop_ || responder_reset_; });
-        if (responder_reset_ || responses_.empty()) break;
-        item = responses_.front();
-        responses_.pop_front();
+        auto due = [this] { return !responses_.empty() || direct_stop_ || responder_reset_; };
+        // While replies are lent, the pipe is looked at now and then for buffers to give back.
+        if (lent.empty()) {
+          response_cv_.wait(lock, due);
+        } else {
+          response_cv_.wait_for(lock, std::chrono::milliseconds(look_ms), due);
+        }
+        if (responder_reset_ || (direct_stop_ && responses_.empty())) break;
+        if (!responses_.empty()) {
+          took = true;
+          item = responses_.front();
+          responses_.pop_front();
+        }
+      }
+      lent.reclaim(fd);
+      if (!took) {  // only a look at the lent replies
+        look_ms = std::min(look_ms * 2, kLentLookMaxMs);
+        continue;
       }
       if (item == nullptr) {
         NERIO_ASSERT_TEXT("work_item != nullptr");
         continue;
       }
+      look_ms = 1;
       const uint32_t payload = item->data_ != nullptr ? item->size_ : 0;
       if (payload > 0 && !isDirectReadOp(item->op_)) {
         NERIO_ASSERT_TEXT(
@@ -680,12 +760,23 @@ void VELT::pipe_writer() {
       uint8_t header[kDirectHeaderSize];
       encodeDirectHeader(h, header);
       struct iovec parts[2] = {{header, sizeof(header)}, {item->data_, payload}};
-      if (writeFully(fd, parts, payload > 0 ? 2 : 1, direct_stop_) < 0) broken = true;
+      if (LentReplies::lends(*item, payload)) {
+        // The header is copied (its memory is this thread's stack), the payload lent; the
+        // buffer is the pipe's from then on, even when only part of it went in.
+        broken = writeFully(fd, parts, 1, false, direct_stop_, lent.written()) < 0 ||
+                 writeFully(fd, parts + 1, 1, true, direct_stop_, lent.written()) < 0;
+        lent.keep(item);
+      } else {
+        broken = writeFully(fd, parts, payload > 0 ? 2 : 1, false, direct_stop_,
+                            lent.written()) < 0;
+      }
       delete item;
       if (broken || direct_stop_) break;
     }
     // Bytes left in the pipe belong to a client that is gone.
     drainReplyPipe(path);
+    lent.reclaim(fd);
+    lent.forget();
     ::close(fd);
     responder_open_ = false;
     {

@@ -35,6 +35,9 @@ class DirectBuffers {
   // A buffer of at least `size` bytes (`*capacity` says how many), or null.
   uint8_t* get(uint32_t size, uint32_t* capacity);
   void put(uint8_t* data, uint32_t capacity);
+  // A mapped buffer (kSmallMax bytes or more) whose pages something else may still read (a
+  // pipe they were lent to): unmapped, never reused; the pages live on until that reader is done.
+  void abandon(uint8_t* data, uint32_t capacity);
   // An item begins or ends.
   void addItem() { held_ += kItemCost; }
   void dropItem() { held_ -= kItemCost; }
