@@ -190,13 +190,14 @@ int cmdRead(const Args& a) {
       }
       const auto [at, n] = in_flight.front();
       in_flight.pop_front();
-      int r = client.waitRead(fd, at, &data, false, timeout_ms);
+      // Straight from the reply pipe to standard output where that can be done.
+      size_t got = 0;
+      bool out_failed = false;
+      int r = client.waitReadTo(fd, at, STDOUT_FILENO, &got, &out_failed, false, timeout_ms);
       if (r < 0) {
-        result = fail("read", r);
-      } else if (static_cast<int64_t>(data.size()) != n) {
+        result = fail(out_failed ? "standard output" : "read", r);
+      } else if (static_cast<int64_t>(got) != n) {
         result = fail("read", EIO);
-      } else if (!writeOut(data.data(), data.size())) {
-        result = fail("standard output", errno);
       }
     }
     client.close(fd);

@@ -27,12 +27,37 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kNoFile = -1;  // file numbers start at 3
+constexpr size_t kReadAhead = 64u << 10;  // bytes read at once while no large payload is due
+
+// Writes all of [data, data + size) to `out`: 0 or -errno.
+int writeAll(int out, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = ::write(out, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return n < 0 ? -errno : -EIO;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return 0;
+}
 
 // Milliseconds left until `deadline`; -1 for none.
 int remainingMs(bool forever, Clock::time_point deadline) {
   if (forever) return -1;
   auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
   return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+}
+
+// Waits until the reply pipe has bytes (or an interruption asks to look again): 0, -ETIMEDOUT,
+// -EPIPE when the daemon closed its end, or another negative errno.
+int waitReadable(int fd, bool forever, Clock::time_point deadline) {
+  struct pollfd pfd = {fd, POLLIN, 0};
+  int r = poll(&pfd, 1, remainingMs(forever, deadline));
+  if (r < 0) return errno == EINTR ? 0 : -errno;
+  if (r == 0) return -ETIMEDOUT;
+  // Hung up without data: the daemon closed its end.
+  if ((pfd.revents & POLLIN) == 0 && (pfd.revents & (POLLHUP | POLLERR)) != 0) return -EPIPE;
+  return 0;
 }
 
 int clearNonBlocking(int fd) {
@@ -72,6 +97,7 @@ void DirectClient::disconnect() {
   partial_ = Reply();
   partial_got_ = 0;
   partial_active_ = false;
+  pending_ = 0;
   kept_.clear();
 }
 
@@ -219,12 +245,23 @@ void DirectClient::recycle(std::vector<uint8_t>&& buffer) {
 }
 
 int DirectClient::receive(Reply* reply, int timeout_ms) {
+  return receiveRecord(reply, timeout_ms, nullptr);
+}
+
+int DirectClient::receiveRecord(Reply* reply, int timeout_ms,
+                                const std::function<bool(const Reply&)>* hand_over) {
   if (reply_fd_ < 0) return -ENOTCONN;
   // A reply may answer a request still gathered here.
   if (int r = flush(); r < 0) return r;
+  // The rest of a payload handed over and not taken (a timeout): dropped, the stream stays
+  // in step.
+  if (pending_ > 0) {
+    size_t moved = 0;
+    int out_error = 0;
+    if (int r = takePending(-1, timeout_ms, &moved, &out_error); r < 0) return r;
+  }
   const bool forever = timeout_ms < 0;
   const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
-  constexpr size_t kReadAhead = 64u << 10;  // large payloads bypass in_
   for (;;) {
     if (partial_active_) {
       // A large payload goes from the pipe straight into the reply, together with the next
@@ -258,6 +295,7 @@ int DirectClient::receive(Reply* reply, int timeout_ms) {
       if (n < 0 && errno != EAGAIN) return -errno;
     } else {
       // Drop whatever precedes a marker, then take a whole record when it is there.
+      bool have_header = false;
       DirectMarkerSearch search;
       size_t used = 0;
       const bool found =
@@ -273,8 +311,20 @@ int DirectClient::receive(Reply* reply, int timeout_ms) {
             ++in_pos_;  // not a record: look for the next marker
             continue;
           }
+          have_header = true;
           const size_t size = h.length - kDirectHeaderSize;
           const size_t here = std::min<size_t>(in_end_ - in_pos_ - kDirectHeaderSize, size);
+          if (here < size && size >= kStraightMin && hand_over != nullptr) {
+            reply->header = h;
+            reply->payload.clear();
+            if ((*hand_over)(*reply)) {
+              const uint8_t* from = in_.data() + in_pos_ + kDirectHeaderSize;
+              reply->payload.assign(from, from + here);
+              in_pos_ += kDirectHeaderSize + here;
+              pending_ = size - here;
+              return 0;
+            }
+          }
           if (here == size || size >= kStraightMin) {
             Reply& out = here == size ? *reply : partial_;
             out.header = h;
@@ -300,7 +350,10 @@ int DirectClient::receive(Reply* reply, int timeout_ms) {
         in_pos_ = 0;
       }
       if (in_.size() < in_end_ + kReadAhead) in_.resize(in_end_ + kReadAhead);
-      ssize_t n = ::read(reply_fd_, in_.data() + in_end_, in_.size() - in_end_);
+      // A payload that may be handed over is left in the pipe: only a header is read ahead.
+      const size_t ask =
+          hand_over != nullptr && !have_header ? kDirectHeaderSize : in_.size() - in_end_;
+      ssize_t n = ::read(reply_fd_, in_.data() + in_end_, ask);
       if (n > 0) {
         in_end_ += static_cast<size_t>(n);
         continue;
@@ -308,20 +361,53 @@ int DirectClient::receive(Reply* reply, int timeout_ms) {
       if (n < 0 && errno == EINTR) continue;
       if (n < 0 && errno != EAGAIN) return -errno;
     }
-    struct pollfd pfd = {reply_fd_, POLLIN, 0};
-    int r = poll(&pfd, 1, remainingMs(forever, deadline));
-    if (r < 0) {
-      if (errno == EINTR) continue;
-      return -errno;
-    }
-    if (r == 0) return -ETIMEDOUT;
-    // Hung up without data: the daemon closed its end.
-    if ((pfd.revents & POLLIN) == 0 && (pfd.revents & (POLLHUP | POLLERR)) != 0) return -EPIPE;
+    if (int r = waitReadable(reply_fd_, forever, deadline); r < 0) return r;
   }
 }
 
+int DirectClient::takePending(int out, int timeout_ms, size_t* moved, int* out_error) {
+  const bool forever = timeout_ms < 0;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
+  // Only into what copies the pages at once (see waitReadTo).
+  struct stat st;
+  bool by_splice = out >= 0 && fstat(out, &st) == 0 && (S_ISREG(st.st_mode) || S_ISCHR(st.st_mode));
+  in_pos_ = in_end_ = 0;  // nothing else is buffered while a payload is pending
+  if (in_.size() < kReadAhead) in_.resize(kReadAhead);
+  while (pending_ > 0) {
+    ssize_t n;
+    if (by_splice && *out_error == 0) {
+      n = ::splice(reply_fd_, nullptr, out, nullptr, pending_, SPLICE_F_NONBLOCK);
+      if (n > 0) {
+        pending_ -= static_cast<size_t>(n);
+        *moved += static_cast<size_t>(n);
+        continue;
+      }
+      // Refused (EINVAL: an output that takes no splice, or appends) or failed: copying
+      // tells the pipe's errors from the output's.
+      if (n < 0 && errno != EAGAIN && errno != EINTR) {
+        by_splice = false;
+        continue;
+      }
+    } else {
+      n = ::read(reply_fd_, in_.data(), std::min(pending_, in_.size()));
+      if (n > 0) {
+        pending_ -= static_cast<size_t>(n);
+        if (out >= 0 && *out_error == 0) {
+          *out_error = -writeAll(out, in_.data(), static_cast<size_t>(n));
+          if (*out_error == 0) *moved += static_cast<size_t>(n);
+        }
+        continue;
+      }
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno != EAGAIN) return -errno;
+    if (int r = waitReadable(reply_fd_, forever, deadline); r < 0) return r;
+  }
+  return 0;
+}
+
 int DirectClient::waitFor(const std::function<bool(const Reply&)>& match, Reply* reply,
-                          int timeout_ms) {
+                          int timeout_ms, bool hand_over) {
   for (auto it = kept_.begin(); it != kept_.end(); ++it) {
     if (match(*it)) {
       *reply = std::move(*it);
@@ -333,7 +419,7 @@ int DirectClient::waitFor(const std::function<bool(const Reply&)>& match, Reply*
   const auto deadline = Clock::now() + std::chrono::milliseconds(forever ? 0 : timeout_ms);
   for (;;) {
     Reply next;
-    int r = receive(&next, remainingMs(forever, deadline));
+    int r = receiveRecord(&next, remainingMs(forever, deadline), hand_over ? &match : nullptr);
     if (r < 0) return r;
     if (match(next)) {
       *reply = std::move(next);
@@ -385,21 +471,45 @@ int DirectClient::sendRead(int fd, int64_t offset, int32_t size, bool event) {
   return send(h, nullptr, 0);
 }
 
-int DirectClient::waitRead(int fd, int64_t offset, std::vector<uint8_t>* out, bool event,
-                           int timeout_ms) {
+int DirectClient::readReply(int fd, int64_t offset, bool event, int timeout_ms, bool hand_over,
+                            Reply* reply) {
   const uint32_t op = event ? kDirectOpReadEvent : kDirectOpRead;
-  Reply reply;
-  int r = waitFor(
+  return waitFor(
       [&](const Reply& x) {
         return x.header.fd == fd && x.header.offset == offset &&
                (x.header.op == op || x.header.op == kDirectOpError);
       },
-      &reply, timeout_ms);
+      reply, timeout_ms, hand_over);
+}
+
+int DirectClient::waitRead(int fd, int64_t offset, std::vector<uint8_t>* out, bool event,
+                           int timeout_ms) {
+  Reply reply;
+  int r = readReply(fd, offset, event, timeout_ms, false, &reply);
   if (r < 0) return r;
   if (out != nullptr) {
     // The caller's old buffer is kept for the next reply: no new memory per read.
     out->swap(reply.payload);
     recycle(std::move(reply.payload));
+  }
+  return static_cast<int32_t>(reply.header.param);
+}
+
+int DirectClient::waitReadTo(int fd, int64_t offset, int out, size_t* bytes, bool* out_failed,
+                             bool event, int timeout_ms) {
+  *bytes = 0;
+  *out_failed = false;
+  Reply reply;
+  int r = readReply(fd, offset, event, timeout_ms, true, &reply);
+  if (r < 0) return r;
+  int out_error = -writeAll(out, reply.payload.data(), reply.payload.size());
+  if (out_error == 0) *bytes = reply.payload.size();
+  recycle(std::move(reply.payload));
+  if (pending_ > 0) r = takePending(out, timeout_ms, bytes, &out_error);
+  if (r < 0) return r;
+  if (out_error != 0) {
+    *out_failed = true;
+    return -out_error;
   }
   return static_cast<int32_t>(reply.header.param);
 }

@@ -74,6 +74,13 @@ class DirectClient {
   int sendRead(int fd, int64_t offset, int32_t size, bool event = false);
   int waitRead(int fd, int64_t offset, std::vector<uint8_t>* out, bool event = false,
                int timeout_ms = -1);
+  // As waitRead, but the bytes go to the descriptor `out` (*bytes says how many). A large
+  // payload moves from the reply pipe to a regular file or a character device without passing
+  // through this process (splice); to anything else it is copied, for the daemon lends the
+  // pipe its reply buffers: a pipe or socket that took those pages over would show whatever
+  // the daemon puts in them next. The daemon's result, or -errno of `out` with *out_failed set.
+  int waitReadTo(int fd, int64_t offset, int out, size_t* bytes, bool* out_failed,
+                 bool event = false, int timeout_ms = -1);
   int64_t getSize(int fd, bool real_size, int timeout_ms = -1);
 
   // Operations without a reply on success; 0 when sent.
@@ -103,7 +110,18 @@ class DirectClient {
  private:
   int openRequestPipe(int timeout_ms);
   // Receives until `match` accepts a reply; others are kept. 0 or a negative errno.
-  int waitFor(const std::function<bool(const Reply&)>& match, Reply* reply, int timeout_ms);
+  // With `hand_over`, a reply it accepts whose large payload is still in the pipe comes back
+  // with only the bytes read so far; the rest (pending_ bytes) is left for takePending().
+  int waitFor(const std::function<bool(const Reply&)>& match, Reply* reply, int timeout_ms,
+              bool hand_over = false);
+  int receiveRecord(Reply* reply, int timeout_ms, const std::function<bool(const Reply&)>* hand_over);
+  // The reply to the read of `fd` at `offset`, or its error reply (waitFor's hand_over).
+  int readReply(int fd, int64_t offset, bool event, int timeout_ms, bool hand_over, Reply* reply);
+  // Moves the pending_ payload bytes from the pipe to `out` (after an output failure they are
+  // read and dropped, the stream stays in step). 0 or a negative errno of the pipe;
+  // *out_error: the output's.
+  int takePending(int out, int timeout_ms, size_t* moved, int* out_error);
+  size_t pending_ = 0;
   int nextTag() { return ++tag_; }
 
   int lock_fd_ = -1;
