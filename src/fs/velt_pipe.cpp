@@ -80,6 +80,15 @@ bool decodeDirectSplice(const uint8_t* in, size_t size, DirectSplice* splice) {
   return true;
 }
 
+bool directWriteContinues(const DirectQueuedWrite& queued, uint32_t op, int32_t fd,
+                          int64_t offset, uint32_t size) {
+  if (!isDirectWriteOp(op) || queued.op != op || queued.fd != fd || size == 0) return false;
+  // A ready write is on its way to the card (a close may be writing it right now).
+  if ((queued.flags & kDirectFlagReady) != 0 || queued.tail > queued.size) return false;
+  const uint32_t at = queued.size - queued.tail;
+  return offset == queued.offset + at && static_cast<uint64_t>(at) + size <= kDirectMergeMax;
+}
+
 bool isDirectWriteOp(uint32_t op) {
   return op == kDirectOpWrite || op == kDirectOpWriteEvent;
 }
@@ -418,15 +427,10 @@ VELTWorkItem* VELT::__mergeTarget(uint32_t op, int32_t fd, int64_t offset, uint3
   for (auto it = queue->rbegin(); it != queue->rend(); ++it) {
     VELTWorkItem* last = *it;
     if (last == nullptr || last->op_ != op || last->fd_ != fd) continue;
-    // A ready write is on its way to the card (a close may be writing it right now).
-    if (last->filling_ || (static_cast<uint32_t>(last->param_) & kDirectFlagReady) != 0 ||
-        last->data_ == nullptr) {
-      return nullptr;
-    }
-    const int64_t next = last->offset_ + last->size_ - last->new_size_offset_;
-    const uint64_t merged = static_cast<uint64_t>(last->size_) + size - last->new_size_offset_;
-    if (offset != next || merged > kDirectMergeMax) return nullptr;
-    return last;
+    if (last->filling_ || last->data_ == nullptr) return nullptr;
+    const DirectQueuedWrite queued{last->op_, last->fd_, last->offset_, last->size_,
+                                   last->new_size_offset_, static_cast<uint32_t>(last->param_)};
+    return directWriteContinues(queued, op, fd, offset, size) ? last : nullptr;
   }
   return nullptr;
 }

@@ -75,6 +75,22 @@ constexpr uint32_t directWriteFlags(uint32_t param) {
   return param >> 16;
 }
 
+// A queued write as merging sees it: where it starts, the bytes it holds, the provisional tail
+// its last record ended with, and its flags.
+struct DirectQueuedWrite {
+  uint32_t op = 0;
+  int32_t fd = 0;
+  int64_t offset = 0;
+  uint32_t size = 0;
+  uint32_t tail = 0;
+  uint32_t flags = 0;
+};
+// The merge rule: a write record of `size` bytes (op, fd, offset) is appended to `queued` when
+// both are writes of the same file and operation, `queued` is not ready, the record starts
+// where queued's provisional tail starts, and the two together stay within kDirectMergeMax.
+bool directWriteContinues(const DirectQueuedWrite& queued, uint32_t op, int32_t fd,
+                          int64_t offset, uint32_t size);
+
 // VELT_DIRECT_SPLICE, the 16-byte payload of the splice operations.
 struct DirectSplice {
   uint32_t out_fd = 0;

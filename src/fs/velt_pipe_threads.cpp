@@ -434,17 +434,16 @@ size_t takeStagedContinuations(const uint8_t* staged, size_t available, const Di
                                int64_t offset, uint8_t* data, uint32_t capacity,
                                MergedWrite* write) {
   size_t used = 0;
-  while ((write->flags & kDirectFlagReady) == 0 && available - used >= kDirectHeaderSize) {
+  while (available - used >= kDirectHeaderSize) {
     DirectHeader next;
     if (checkDirectHeader(staged + used, &next) != DirectHeaderCheck::kOk) break;
     const uint32_t payload = next.length - kDirectHeaderSize;
-    if (next.op != first.op || next.fd != first.fd || payload == 0 ||
-        available - used - kDirectHeaderSize < payload || write->tail > write->size) {
-      break;
-    }
+    const DirectQueuedWrite queued{first.op,    first.fd,    offset,
+                                   write->size, write->tail, write->flags};
+    if (!directWriteContinues(queued, next.op, next.fd, next.offset, payload)) break;
     const uint32_t at = write->size - write->tail;
-    if (next.offset != offset + at || static_cast<uint64_t>(at) + payload > capacity ||
-        static_cast<uint64_t>(at) + payload > kDirectMergeMax) {
+    if (available - used - kDirectHeaderSize < payload ||
+        static_cast<uint64_t>(at) + payload > capacity) {
       break;
     }
     if (data != nullptr) memcpy(data + at, staged + used + kDirectHeaderSize, payload);
