@@ -287,16 +287,23 @@ TEST(PipeChannel, MemoryStaysBoundedClientsThatLeaveOrGetStuckLoseNoWriteAndStop
     if (r.kind == 'r') sectors_read += r.count;
   }
   EXPECT_LT(sectors_read * 512, 64 * kMiB);
-  // The next client reads s2.bin back in replies of a megabyte, writes a megabyte to s1.bin,
-  // asks for more than the pipe and the bound hold without reading it and stops halfway through
-  // a record: the stop is bounded, the whole record before it written, direct files closed;
-  // then the channel starts again.
+  // The next client reads s2.bin back in replies of 256 KiB, eight in flight and collected
+  // slowly (they wait in the pipe as pages the daemon lent from its buffers, which it must not
+  // reuse before they are read), writes a megabyte to s1.bin, asks for more than the pipe and
+  // the bound hold without reading it and stops halfway through a record: the stop is bounded,
+  // the whole record before it written, direct files closed; then the channel starts again.
   DirectClient stuck;
   ASSERT_EQ(stuck.connect(5000), 0);
   const int s2 = stuck.open("/s2.bin", 0, 5000), s1 = stuck.open("/s1.bin", 0, 5000);
+  constexpr int64_t kPiece = 256 << 10;
+  const auto size2 = static_cast<int64_t>(streams[1].model.size());
   std::vector<uint8_t> got, all;
-  while (all.size() < streams[1].model.size() &&
-         stuck.read(s2, all.size(), kMiB, &got, false, 5000) == 0 && !got.empty()) {
+  for (int64_t asked = 0, at = 0; at < size2; at += kPiece) {
+    for (; asked < size2 && asked < at + 8 * kPiece; asked += kPiece) {
+      ASSERT_EQ(stuck.sendRead(s2, asked, kPiece), 0);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ASSERT_EQ(stuck.waitRead(s2, at, &got, false, 5000), 0);
     all.insert(all.end(), got.begin(), got.end());
   }
   ASSERT_TRUE(all == streams[1].model);
@@ -315,6 +322,39 @@ TEST(PipeChannel, MemoryStaysBoundedClientsThatLeaveOrGetStuckLoseNoWriteAndStop
   VELTWorkItem item(s1, kDirectOpRead, 0, 0, 0);  // stopped: refused, still the caller's
   EXPECT_EQ(ch.v->postDirectResponse(&item), -1);
   stuck.disconnect();
+  // Stopped, the test plays a daemon slow to read the request pipe: the memory writeFrom lends
+  // the pipe is reused only once read, so every record arrives as the input had it.
+  std::vector<uint8_t> input(3 * kMiB + 12345);
+  std::mt19937 rng(7);
+  for (auto& b : input) b = static_cast<uint8_t>(rng());
+  velt::test::writeFileBytes(ch.dir + "/input.bin", std::string(input.begin(), input.end()));
+  const int requests = open((ch.dir + "/tmp/veltw").c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(requests, 0);
+  fcntl(requests, F_SETPIPE_SZ, static_cast<int>(kMiB));  // as the daemon has it
+  {
+    DirectClient client;
+    ASSERT_EQ(client.connect(5000), 0);
+    const int in = open((ch.dir + "/input.bin").c_str(), O_RDONLY);
+    std::thread sender(
+        [&] { EXPECT_EQ(client.writeFrom(in, 9, 0, 65536), static_cast<int64_t>(input.size())); });
+    std::string wire;
+    const size_t records = (input.size() + 65535) / 65536;
+    for (char piece[65536]; wire.size() < input.size() + records * kDirectHeaderSize;) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      const ssize_t n = read(requests, piece, sizeof(piece));
+      if (n > 0) wire.append(piece, static_cast<size_t>(n));
+    }
+    sender.join();
+    close(in);
+    std::vector<uint8_t> arrived;
+    parseDirectStream(reinterpret_cast<const uint8_t*>(wire.data()), wire.size(),
+                      [&](const DirectHeader& h, const uint8_t* payload, size_t size) {
+                        EXPECT_EQ(h.offset, static_cast<int64_t>(arrived.size()));
+                        arrived.insert(arrived.end(), payload, payload + size);
+                      });
+    EXPECT_TRUE(arrived == input);
+  }
+  close(requests);
   ASSERT_EQ(ch.v->startDirectWriter(), 0);
   DirectClient again;
   ASSERT_EQ(again.connect(5000), 0);
