@@ -273,8 +273,7 @@ std::vector<Row> rows() {
       {"folders a mkdir cut short (no dot records; no clusters)", "had no \"..\" record",
        [](Ctx& c) {
          for (int i : {0, 1}) c.img.putRecord(c.img.records(c.deeper())[i], std::string(32, '\0'));
-         c.img.putRecord(c.freeSlot(c.delta()),
-                         std::string("NOCLUSTR   \x10", 12) + std::string(20, 0));
+         c.img.putRecord(c.freeSlot(c.delta()), std::string("NOCLUSTR   \x10").append(20, 0));
        }},
       {"name record in the dot-dot slot (the folder's records shifted)", "moved to slot",
        [](Ctx& c) {
