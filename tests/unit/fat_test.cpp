@@ -45,10 +45,9 @@ TEST(Fat, AllocationWrapsLoopingChainsEndAndAShortfallIsReported) {
   // Only 20, 30, 40, 50 are free: asking for 6 links those four and reports the shortfall.
   // Their zeros reach the card, flushed, before the first FAT write that links them.
   uint32_t out[6] = {};
-  auto& q = f.driver->requests;
-  q.clear();
+  f.driver->requests.clear();
   EXPECT_EQ(pbr->allocClusters(first, 6, true, out), static_cast<int64_t>(FAT_EOC));
-  EXPECT_EQ(std::find(q.begin(), q.end(), DriverRequest{'w', 2080, 1})[-1].kind, 'f');
+  EXPECT_EQ(std::ranges::find(f.driver->requests, DriverRequest{'w', 2080, 1})[-1].kind, 'f');
   EXPECT_EQ(std::vector<uint32_t>(out, out + 6),
             (std::vector<uint32_t>{20, 30, 40, 50, FAT_EOC, FAT_EOC}));
   EXPECT_EQ(pbr->getClusterCount(10), 5);

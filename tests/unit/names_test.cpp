@@ -14,8 +14,7 @@ using velt::VELT;
 using velt::test::localTime;
 
 TEST(DirentNames, NameTablesThe83FormAndUniqueShortNames) {
-  // Bytes refused by both name tables, by the short-name table only, by neither (every byte
-  // of a UTF-8 sequence passes).
+  // Bytes refused by both name tables, by the short-name table only, by neither (UTF-8 too).
   for (const auto& [bytes, long_ok, short_ok] :
        {std::tuple<std::string, bool, bool>{"\x01\x1f\"*/:<>?\\|", false, false},
         {",.;=[]", true, false}, {"+\x7f \xc3\xa9", true, true}}) {
