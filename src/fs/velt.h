@@ -161,9 +161,11 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // Buffered I/O on absolute card offsets.
   int __read(void* dst, int size, int64_t offset);
   int read(void* dst, int size, int64_t offset);
-  // Aligned pieces of at least direct_min bytes (64 KiB up to the buffer's size) skip the buffer.
-  int write(const void* src, uint32_t len, int64_t offset, bool cache,
-            uint32_t direct_min = VELT_BUFFER_SIZE);
+  // Small writes gather in the write buffer; a write that reaches at least kUncopiedWrite bytes
+  // past the next 64 KiB boundary completes the buffer to that boundary and sends the aligned
+  // rest to the card from src.
+  static constexpr int64_t kUncopiedWrite = 256 * 1024;
+  int write(const void* src, uint32_t len, int64_t offset, bool cache);
   // Writes the pending buffer out: 0 (also when nothing was pending), or -1 with errno EIO when
   // the driver failed; the buffer is empty afterwards either way.
   int __flush();

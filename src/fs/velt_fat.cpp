@@ -282,46 +282,62 @@ int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
     return -1;
   }
   if (count < 1) return FAT_EOC;
-  std::vector<uint32_t> taken;
-  try {
-    taken.reserve(static_cast<size_t>(count));
-  } catch (const std::bad_alloc&) {
-    return -1;
+  std::vector<uint32_t> own;
+  if (out == nullptr) {
+    try {
+      own.resize(static_cast<size_t>(count));
+    } catch (const std::bad_alloc&) {
+      return -1;
+    }
+    out = own.data();
   }
-  // All clusters are taken (ends of chains in memory only) and zeroed before one sync: a card
-  // may reorder, and the zeros must arrive before any link to them.
-  for (int i = 0; i < count; ++i) {
+  // Take the clusters as one chain of their own (each marked as it is taken, so that the scan
+  // passes over it); when the table runs out, the ones taken so far still join the chain.
+  int taken = 0;
+  for (; taken < count; ++taken) {
     int64_t found = scanFreeCluster();
     if (found < 0) {
       LOGI("FAT table is full, no clusters available!!!\n");
       __releaseUnusedClusters(false);
-      if (out != nullptr) {
-        for (int k = i; k < count; ++k) out[k] = FAT_EOC;
-      }
       break;
     }
-    uint32_t c = static_cast<uint32_t>(found);
+    const auto c = static_cast<uint32_t>(found);
     takeCluster(c);
-    __setEntry(c, FAT_EOC);
     if (isClusterUsed(c)) NERIO_ASSERT_TEXT("isFatClusterUsed(fat1_flags_, next_cluster_number) == false");
     setUsedBit(c);
-    if (zero) zeroCluster(c);
-    if (out != nullptr) out[i] = c;
-    taken.push_back(c);
+    __setEntry(c, FAT_EOC);
+    if (taken > 0) __setEntry(out[taken - 1], c);
+    out[taken] = c;
   }
-  if (zero && !taken.empty()) velt_->sync();
-  // Each new end goes out before the link to it, so the card never holds a chain that runs
-  // into a free cluster. Clusters taken before the table ran out stay linked.
-  bool failed = false;
-  uint32_t tail = prev;
-  for (uint32_t c : taken) {
-    if (__syncFATEntry(c) != 0) failed = true;
-    __setEntry(tail, c);
-    if (__syncFATEntry(tail) != 0) failed = true;
-    tail = c;
+  for (int k = taken; k < count; ++k) out[k] = FAT_EOC;
+  if (taken == 0) return FAT_EOC;
+  // On the card the zeros come before the entries, and the new chain, ended, before the link to
+  // it: a power cut leaves at most lost clusters (the next load frees them), never a chain that
+  // runs into a free or unzeroed cluster.
+  if (zero) {
+    for (int i = 0; i < taken; ++i) zeroCluster(out[i]);
+    velt_->sync();
   }
-  if (failed) return -1;
-  return static_cast<int>(taken.size()) < count ? FAT_EOC : taken.front();
+  for (int i = 0; i < taken; ++i)
+    __markFATSectorDirty(static_cast<uint32_t>(4ull * out[i] / bytes_per_sector_));
+  if (fat_locked_count_ == 0 && __flushFATs() != 0) {
+    // Nothing links to them: they go back, and their sectors, still dirty, say so at the next
+    // flush (whatever of them reached the card are lost clusters until then).
+    for (int i = 0; i < taken; ++i) {
+      __setEntry(out[i], 0);
+      __setUsed(out[i], false);
+      ++free_cluster_count_;
+      next_free_cluster_number_ = std::min(next_free_cluster_number_, out[i]);
+      out[i] = FAT_EOC;
+    }
+    LOGE("flusing FAT table entries of %d new clusters failed\n", taken);
+    return -1;
+  }
+  __setEntry(prev, out[0]);
+  // Linked in memory even when this write fails: the caller's map takes them, in step with the
+  // table that a later flush writes.
+  if (__syncFATEntry(prev) != 0) return -1;
+  return taken == count ? out[0] : FAT_EOC;
 }
 
 int PBR::endOfCluster(uint32_t c) {

@@ -69,6 +69,23 @@ int forEachRun(const VELT& velt, int64_t off, int64_t size, Lookup lookup, Trans
   return run_length > 0 ? transfer(run_start, run_offset, run_length, true) : 0;
 }
 
+// A lookup for forEachRun over a write: its first look takes every cluster the write still
+// lacks in one allocation (consecutive where the card allows), then runs come from the map.
+// When the allocation stops short (the card is full or failed), the clusters it did take are in
+// the chain and carry the write as far as they reach.
+auto growingLookup(VELT::DirEntry& entry) {
+  return [&entry, grown = false](uint32_t index, uint32_t wanted, uint32_t* count) mutable {
+    if (!grown) {
+      grown = true;
+      if (entry.getCluster(index + wanted - 1, true) == -1) return int64_t{-EIO};
+    }
+    const int64_t cluster = entry.clusterRun(index, wanted, count);
+    if (cluster == -1) return int64_t{-EIO};
+    if (cluster < 2 || cluster >= FAT_EOC) return int64_t{-ENOSPC};
+    return cluster;
+  };
+}
+
 // Zeros for filling holes and grown files.
 const uint8_t* zeroBlock() {
   static const std::vector<uint8_t> zeros(VELT_BUFFER_SIZE, 0);
@@ -79,14 +96,9 @@ const uint8_t* zeroBlock() {
 // errno; *reached is how far the zeros got.
 int writeZeros(VELT& velt, VELT::DirEntry& entry, int64_t from, int64_t to, int64_t* reached) {
   *reached = from;
-  auto lookup = [&](uint32_t index, uint32_t, uint32_t*) -> int64_t {
-    int64_t cluster = entry.getCluster(index, true);
-    if (cluster == -1) return -EIO;
-    if (cluster < 2 || cluster >= FAT_EOC) return -ENOSPC;
-    return cluster;
-  };
   while (*reached < to) {
     const int64_t n = std::min<int64_t>(to - *reached, VELT_BUFFER_SIZE);
+    auto lookup = growingLookup(entry);
     auto writeRun = [&](int64_t, int64_t card_off, int64_t length, bool) -> int {
       errno = 0;
       if (velt.write(zeroBlock(), static_cast<uint32_t>(length), card_off, true) == length)
@@ -445,25 +457,16 @@ int VELT::File::__write(const void* buf, size_t size, int64_t off, int64_t* part
 
   const uint8_t* src = static_cast<const uint8_t*>(buf);
   const bool cache = write_cache_ != 0;
-  // The channel hands over merged writes of up to a megabyte: those of half a megabyte or more
-  // go to the card without a copy through the write buffer; smaller ones still gather in it.
-  const uint32_t direct_min = direct_ ? static_cast<uint32_t>(VELT_BUFFER_SIZE / 2)
-                                      : static_cast<uint32_t>(VELT_BUFFER_SIZE);
-  auto lookup = [&](uint32_t index, uint32_t, uint32_t*) -> int64_t {
-    int64_t cluster = entry_->getCluster(index, true);
-    if (cluster == -1) return -EIO;
-    if (cluster < 2 || cluster >= FAT_EOC) {
+  auto lookup = [&, clusters = growingLookup(*entry_)](uint32_t index, uint32_t wanted,
+                                                       uint32_t* count) mutable {
+    const int64_t cluster = clusters(index, wanted, count);
+    if (cluster == -ENOSPC)
       LOGE("[%s] write error: no cluster available\n", entry_->getPath().c_str());
-      return -ENOSPC;
-    }
     return cluster;
   };
   auto writeRun = [&](int64_t at, int64_t card_off, int64_t length, bool last) -> int {
     errno = 0;
-    if (velt_->write(src + at, static_cast<uint32_t>(length), card_off, cache, direct_min) ==
-        length) {
-      return 0;
-    }
+    if (velt_->write(src + at, static_cast<uint32_t>(length), card_off, cache) == length) return 0;
     int err = transferErrno();
     if (last) {
       LOGE("[%s] write(%d bytes, write %d @ %jd) error: %d(%s)\n", entry_->getPath().c_str(),

@@ -2,11 +2,10 @@
 // writes gather in a 1 MiB buffer placed on a 64 KiB boundary, so that a stream reaches the card
 // as large aligned writes, while a small write costs only the sectors it changes. The buffer
 // stays pending across contiguous writes and goes to the card when it is full, when a write does
-// not continue it, and at an explicit flush. A write of a whole buffer's worth or more that
-// starts on the boundary while nothing is pending goes to the card from the caller's memory in
-// the same 1 MiB pieces, without the copy. A caller that hands over large pieces of a stream
-// (the direct channel's merged writes) may lower that threshold: the pending buffer is then
-// completed to the next boundary and written, and the aligned rest goes out uncopied.
+// not continue it, and at an explicit flush. A large write (the mount's and the channel's
+// pieces of a stream reach a megabyte) is not copied: the pending buffer is completed to the
+// next boundary and written, and the aligned rest goes to the card from the caller's memory in
+// pieces of up to 1 MiB; only what is left behind the last boundary gathers in the buffer.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -273,7 +272,7 @@ bool VELT::fetchSector(int64_t sector, uint8_t* dst) {
   return false;
 }
 
-int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache, uint32_t direct_min) {
+int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache) {
   if (len == 0) return 0;
   if (off < 0) return -1;
   if (read_only_) {
@@ -300,9 +299,12 @@ int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache, uint
   while (remaining > 0) {
     const int64_t sector = off / VELT_SECTOR_SIZE;
     const int in_sector = static_cast<int>(off % VELT_SECTOR_SIZE);
-    const int64_t direct_from =
-        std::clamp<int64_t>(direct_min, kWriteAlign, static_cast<int64_t>(VELT_BUFFER_SIZE));
-    if (write_start_sector_ < 0 && off % kWriteAlign == 0 && remaining >= direct_from) {
+    const int64_t to_boundary = (kWriteAlign - off % kWriteAlign) % kWriteAlign;
+    // Enough behind the next boundary to go out uncopied: the buffer (a contiguous one ends at
+    // off) is completed to that boundary and written first.
+    const bool uncopied = remaining - to_boundary >= kUncopiedWrite;
+    if (uncopied && to_boundary == 0) {
+      if (write_start_sector_ >= 0 && __flush() != 0) return -1;
       const int64_t n = remaining - remaining % kWriteAlign;
       if (!writeDirect(*this, sector, static_cast<int>(n / VELT_SECTOR_SIZE), src, cache)) return -1;
       off += n;
@@ -323,12 +325,11 @@ int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache, uint
         valid_tail = sector;
       }
     }
-    int64_t n = std::min<int64_t>(static_cast<int64_t>(VELT_BUFFER_SIZE) - write_ptr_, remaining);
-    // Enough behind the next boundary to go out uncopied: the buffer ends there.
-    const int64_t to_boundary = (kWriteAlign - off % kWriteAlign) % kWriteAlign;
-    const bool cut = direct_from < static_cast<int64_t>(VELT_BUFFER_SIZE) &&
-                     remaining - to_boundary >= direct_from && to_boundary < n;
-    if (cut) n = to_boundary;
+    // The buffer ends on a boundary, so an uncopied write's boundary lies within it.
+    const int64_t n =
+        uncopied
+            ? to_boundary
+            : std::min<int64_t>(static_cast<int64_t>(VELT_BUFFER_SIZE) - write_ptr_, remaining);
     memcpy(write_buffer_ + write_ptr_, src, static_cast<size_t>(n));
     cacheSectors(sector, (in_sector + n) / VELT_SECTOR_SIZE,
                  write_buffer_ + (sector - write_start_sector_) * VELT_SECTOR_SIZE, cache);
@@ -336,7 +337,7 @@ int VELT::write(const void* src_ptr, uint32_t len, int64_t off, bool cache, uint
     off += n;
     src += n;
     remaining -= n;
-    if ((cut || write_ptr_ >= VELT_BUFFER_SIZE) && __flush() != 0) return -1;
+    if ((uncopied || write_ptr_ >= VELT_BUFFER_SIZE) && __flush() != 0) return -1;
   }
 
   // Complete a partial last sector from its current content so that a flush writes whole

@@ -124,6 +124,19 @@ TEST(BufferedWrite, SmallWritesStayPendingAndCostTheirSectors) {
     }
     EXPECT_EQ(reqs, (std::vector<DriverRequest>{
                         {'w', 2048, 2048}, {'w', 4096, 2048}, {'w', 6144, 2048}}));
+    // Megabyte pieces 12 KiB past a boundary (the mount's writes where the data area is so
+    // placed): each completes the buffer to the next boundary and sends the aligned rest from
+    // the caller's memory; the 12 KiB behind the last boundary wait for the next piece.
+    reqs.clear();
+    for (int64_t o = 0; o < 2 * 0x100000; o += 0x100000) {
+      ASSERT_EQ(v.write(stream.data() + o, 0x100000, 0x400000 + 0x3000 + o, false), 0x100000);
+    }
+    EXPECT_EQ(
+        reqs,
+        (std::vector<DriverRequest>{
+            {'w', 8192 + 24, 104}, {'w', 8320, 1920}, {'w', 10240, 128}, {'w', 10368, 1920}}));
+    EXPECT_EQ(v.flush(), 0);
+    EXPECT_EQ(0, memcmp(f.driver->data_.data() + 0x400000 + 0x3000, stream.data(), 2 * 0x100000));
   }
 }
 
