@@ -31,7 +31,8 @@ rd() {
   for i in $(seq ${5:-1}); do dd if=$1 of=/dev/null bs=$2 count=$3 skip=${4:-0} status=none; done
   e=$(now); echo "$e - $s" | bc
 }
-up() { VELT_ROOT=$W/root VELT_WRITE_STATS=$W/stats $B -f -o fsname=velt-perfio $W/mnt >$W/log 2>&1 & P=$!; for i in $(seq 500); do grep -q " $W/mnt " /proc/mounts && break; sleep 0.02; done; }
+# The daemon rewrites the stats file from its first card write on: none before it counts.
+up() { rm -f $W/stats; VELT_ROOT=$W/root VELT_WRITE_STATS=$W/stats $B -f -o fsname=velt-perfio $W/mnt >$W/log 2>&1 & P=$!; for i in $(seq 500); do grep -q " $W/mnt " /proc/mounts && break; sleep 0.02; done; }
 down() { fusermount3 -u $W/mnt; wait $P; }
 bytes() { awk '{print $2*512}' $W/stats 2>/dev/null || echo 0; }
 ROUNDS=${ROUNDS:-5}
