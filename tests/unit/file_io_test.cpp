@@ -239,4 +239,20 @@ TEST(OpenFile, FailedWriteSticks) {
   EXPECT_EQ(file->write(data.data(), 100, 50 * len), first);
   EXPECT_EQ(c.f.driver->requests.size(), before) << "a failed file touches the card no more";
   EXPECT_EQ(e->size_, 1000);
+  // A channel file writes the FAT as it grows (once no mount writer holds it back). When the
+  // new clusters' entries cannot reach the card, the clusters go back and nothing links to
+  // them; a later write takes them again.
+  file->close();
+  auto g = c.create("G");
+  auto channel = c.v->newFile(false, true, true, g);
+  const std::vector<uint8_t> big(3 * len, 0x22);
+  ASSERT_EQ(channel->write(big.data(), 1000, 0), 1000);
+  const uint32_t free_before = c.pbr->free_cluster_count_;
+  c.f.driver->queueWriteAnswer(-1);
+  EXPECT_EQ(channel->write(big.data(), big.size(), 1000), -EIO);
+  EXPECT_EQ(c.pbr->free_cluster_count_, free_before);
+  EXPECT_EQ(c.pbr->getClusterCount(g->start_cluster_), 1);
+  EXPECT_EQ(g->cluster_map_.size(), 1u);
+  EXPECT_EQ(channel->write(big.data(), big.size(), 1000), static_cast<int>(big.size()));
+  EXPECT_EQ(c.pbr->getClusterCount(g->start_cluster_), 4);
 }
