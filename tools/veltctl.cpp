@@ -114,17 +114,6 @@ int connectClient(DirectClient& client, const Args& a) {
   return r;
 }
 
-bool writeOut(const uint8_t* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = write(STDOUT_FILENO, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 int cmdWrite(const Args& a) {
   const int64_t record = a.number('b', kDefaultRecordBytes);
   const bool event = a.has('e');
@@ -172,51 +161,35 @@ int cmdRead(const Args& a) {
     end = client.getSize(fd, true, timeout_ms);
     if (end < 0) return fail("size", static_cast<int>(end));
   }
-  int result = 0;
-  std::vector<uint8_t> data;
   // Data that is already there is read with a few requests in flight; a read that may have to
-  // wait for data goes alone.
-  if (want < 0 && !follow) {
-    constexpr int kWindow = 4;
-    std::deque<std::pair<int64_t, int64_t>> in_flight;  // offset, bytes
-    int64_t next = offset;
-    while (result == 0 && (next < end || !in_flight.empty())) {
-      while (next < end && static_cast<int>(in_flight.size()) < kWindow) {
-        const int64_t n = std::min<int64_t>(record, end - next);
-        int r = client.sendRead(fd, next, static_cast<int32_t>(n));
-        if (r < 0) return fail("read", r);
-        in_flight.emplace_back(next, n);
-        next += n;
-      }
-      const auto [at, n] = in_flight.front();
-      in_flight.pop_front();
-      // Straight from the reply pipe to standard output where that can be done.
-      size_t got = 0;
-      bool out_failed = false;
-      int r = client.waitReadTo(fd, at, STDOUT_FILENO, &got, &out_failed, false, timeout_ms);
-      if (r < 0) {
-        result = fail(out_failed ? "standard output" : "read", r);
-      } else if (static_cast<int64_t>(got) != n) {
-        result = fail("read", EIO);
-      }
+  // wait for data goes alone (a file holds one waiting read at most) and goes on where its
+  // reply ended. Replies go straight from the reply pipe to standard output where that can be.
+  const size_t window = want < 0 && !follow ? 4 : 1;
+  std::deque<std::pair<int64_t, int64_t>> in_flight;  // offset, bytes
+  int64_t next = offset;
+  int result = 0;
+  while (result == 0 && (end < 0 || next < end || !in_flight.empty())) {
+    while ((end < 0 || next < end) && in_flight.size() < window) {
+      const int64_t n = end < 0 ? record : std::min<int64_t>(record, end - next);
+      int r = client.sendRead(fd, next, static_cast<int32_t>(n));
+      if (r < 0) return fail("read", r);
+      in_flight.emplace_back(next, n);
+      next += n;
     }
-    client.close(fd);
-    return result;
-  }
-  while (end < 0 || offset < end) {
-    int64_t n = record;
-    if (end >= 0) n = std::min<int64_t>(n, end - offset);
-    int r = client.read(fd, offset, static_cast<int32_t>(n), &data, false, timeout_ms);
+    const auto [at, n] = in_flight.front();
+    in_flight.pop_front();
+    size_t got = 0;
+    bool out_failed = false;
+    int r = client.waitReadTo(fd, at, STDOUT_FILENO, &got, &out_failed, false, timeout_ms);
     if (r < 0) {
-      result = fail("read", r);
-      break;
+      result = fail(out_failed ? "standard output" : "read", r);
+    } else if (window > 1 && static_cast<int64_t>(got) != n) {
+      result = fail("read", EIO);
+    } else if (got == 0) {
+      break;  // nothing more to come at this offset
+    } else if (window == 1) {
+      next = at + static_cast<int64_t>(got);
     }
-    if (data.empty()) break;  // nothing more to come at this offset
-    if (!writeOut(data.data(), data.size())) {
-      result = fail("standard output", errno);
-      break;
-    }
-    offset += static_cast<int64_t>(data.size());
   }
   client.close(fd);
   return result;

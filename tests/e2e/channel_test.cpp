@@ -79,7 +79,7 @@ TEST(Channel, KilledClientVeltctlAndControlCommandsOnAMountedCard) {
       {"size " + q("REC/rec.bin"), true, "size 4194304\nreal size 3000000\n"},
       {"read -o 1000 " + q("plain.bin") + " > " + out + " && cmp " + out + " " + data4 + " 0 1000",
        true, ""},
-      {"read -o 1000 " + q("REC/rec.bin") + cmp, true, ""},
+      {"read -o 1000 -s 2999000 " + q("REC/rec.bin") + cmp, true, ""},
       {"queues " + q("plain.bin"), true, "normal 0\nevent 0\n"},
       {"cache-size " + q("plain.bin") + " 1023", false, ""},
       {"cache-size " + q("plain.bin") + " 1K", true, ""},
