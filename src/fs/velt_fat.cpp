@@ -231,17 +231,41 @@ int PBR::flushFATs() {
   return __flushFATs();
 }
 
+int64_t PBR::scanRange(uint32_t from, uint32_t to, bool avoid) {
+  const auto now = std::chrono::steady_clock::now();
+  for (uint32_t c = from; c < to; ++c) {
+    if (__entry(c) != 0) continue;
+    uint32_t skip_to = c;
+    for (const FreedRun& run : recent_frees_) {
+      if (avoid && c >= run.first && c < run.end && now - run.when < kRecentFreeTime)
+        skip_to = std::max(skip_to, run.end - 1);
+    }
+    if (skip_to == c) return c;
+    c = skip_to;
+  }
+  return -1;
+}
+
 int64_t PBR::scanFreeCluster() {
   uint32_t start = next_free_cluster_number_;
+  // Recently freed clusters only when nothing else is free.
+  const uint32_t low = root_cluster_ + 1;
+  const uint32_t from = std::max<uint32_t>(start, 2);
+  if (!recent_only_) {
+    int64_t found = from < num_clusters_ ? scanRange(from, num_clusters_, true) : -1;
+    if (found < 0) found = scanRange(low, std::min(from, num_clusters_), true);
+    if (found >= 0) return found;
+    recent_only_ = true;  // a full card scans the table twice only once per batch of frees
+  }
   if (start < num_clusters_) {
-    for (uint32_t c = std::max<uint32_t>(start, 2); c < num_clusters_; ++c) {
+    for (uint32_t c = from; c < num_clusters_; ++c) {
       if (__entry(c) == 0) return c;
     }
   }
   LOGW("the end of the fat table reaches. started @ %d / %d, retry from the begin...\n", start,
        num_clusters_);
-  next_free_cluster_number_ = root_cluster_ + 1;
-  for (uint32_t c = root_cluster_ + 1; c < num_clusters_; ++c) {
+  next_free_cluster_number_ = low;
+  for (uint32_t c = low; c < num_clusters_; ++c) {
     if (__entry(c) == 0) return c;
   }
   return -1;
@@ -349,8 +373,22 @@ int PBR::endOfCluster(uint32_t c) {
   return __syncFATEntry(c) == 0 ? 0 : -1;
 }
 
+void PBR::noteFreed(uint32_t c) {
+  const auto now = std::chrono::steady_clock::now();
+  FreedRun& last = recent_frees_[recent_last_];
+  if (last.end == c && last.end > last.first && now - last.when < kRecentFreeTime) {
+    last.end = c + 1;
+    last.when = now;
+    return;
+  }
+  recent_last_ = (recent_last_ + 1) % recent_frees_.size();
+  recent_frees_[recent_last_] = {c, c + 1, now};
+  recent_only_ = false;
+}
+
 int PBR::__freeCluster(uint32_t c) {
   if (c >= num_clusters_) return -1;
+  noteFreed(c);
   if (static_cast<int64_t>(next_free_cluster_number_) > static_cast<int64_t>(c)) {
     next_free_cluster_number_ = c;
   }

@@ -2,6 +2,8 @@
 // format-information record, and the FAT copies (kept whole in memory).
 #pragma once
 
+#include <array>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -136,6 +138,18 @@ class PBR {
   std::vector<uint64_t> dirty_fat_sectors_;
   uint32_t dirty_fat_count_ = 0;  // bits set in dirty_fat_sectors_
   std::vector<uint8_t> zeros_;  // one cluster of zeros
+  // Runs of clusters freed in the last kRecentFreeTime, which allocation passes over while any
+  // other cluster is free: a read's reply may still be on its way from a freed cluster (the
+  // kernel copies the card's pages after the read has let go of its locks), and must not meet
+  // another file's bytes there. Under fat_mutex_; the oldest run makes room for a new one.
+  struct FreedRun {
+    uint32_t first = 0, end = 0;  // [first, end)
+    std::chrono::steady_clock::time_point when;
+  };
+  static constexpr std::chrono::milliseconds kRecentFreeTime{1000};
+  std::array<FreedRun, 8> recent_frees_{};
+  size_t recent_last_ = 0;    // the run a free extends
+  bool recent_only_ = false;  // nothing else was free at the last look; until the next free
 
   bool valid_ = false;
   bool fsinfo_rebuilt_ = false;  // neither FSInfo copy was usable; the load writes a new one
@@ -154,6 +168,9 @@ class PBR {
   bool readFatCopy(uint32_t copy, uint32_t* table);
   bool patchFat1(std::vector<uint32_t>* fat2, bool fat2_read);
   int64_t scanFreeCluster();  // -1 when the FAT is full
+  // First free cluster in [from, to), passing over recent frees when `avoid`; -1 for none.
+  int64_t scanRange(uint32_t from, uint32_t to, bool avoid);
+  void noteFreed(uint32_t c);
   void takeCluster(uint32_t c);
   void zeroCluster(uint32_t c);
   void setUsedBit(uint32_t c) { fat1_flags_[c / 8] |= static_cast<uint8_t>(1u << (c % 8)); }

@@ -42,17 +42,18 @@ TEST(Fat, AllocationWrapsLoopingChainsEndAndAShortfallIsReported) {
   uint32_t first = static_cast<uint32_t>(pbr->allocCluster(false));
   ASSERT_EQ(first, 10u);
   pbr->next_free_cluster_number_ = 2;
-  // Only 20, 30, 40, 50 are free: asking for 6 links those four and reports the shortfall.
-  // Their zeros reach the card, flushed, before the first FAT write that links them.
+  // Only 20, 30, 40, 50 are free: asking for 6 links those four and reports the shortfall;
+  // 30, freed a moment ago with the looping chain, comes last. Their zeros reach the card,
+  // flushed, before the first FAT write that links them.
   uint32_t out[6] = {};
   f.driver->requests.clear();
   EXPECT_EQ(pbr->allocClusters(first, 6, true, out), static_cast<int64_t>(FAT_EOC));
   EXPECT_EQ(std::ranges::find(f.driver->requests, DriverRequest{'w', 2080, 1})[-1].kind, 'f');
   EXPECT_EQ(std::vector<uint32_t>(out, out + 6),
-            (std::vector<uint32_t>{20, 30, 40, 50, FAT_EOC, FAT_EOC}));
+            (std::vector<uint32_t>{20, 40, 50, 30, FAT_EOC, FAT_EOC}));
   EXPECT_EQ(pbr->getClusterCount(10), 5);
-  EXPECT_EQ(pbr->fat1_[50], FAT_EOC);
-  EXPECT_TRUE(pbr->isClusterUsed(50));
+  EXPECT_EQ(pbr->fat1_[30], FAT_EOC);
+  EXPECT_TRUE(pbr->isClusterUsed(30));
 }
 
 // Only the FAT sectors that changed are written, on every copy, merged into runs, one copy
