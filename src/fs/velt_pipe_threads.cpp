@@ -327,17 +327,18 @@ int writeFully(int fd, struct iovec* parts, int count, bool lend, const std::ato
 // client gets is the file as it was then, whatever happens to the card afterwards.
 class LentReplies {
  public:
-  // Smaller payloads, and malloc'ed ones, are copied: a copy costs less than lending them.
-  static constexpr uint32_t kLendMin = 64u << 10;
-
   explicit LentReplies(DirectBuffers* buffers) : buffers_(buffers) {}
   ~LentReplies() { forget(); }
   LentReplies(const LentReplies&) = delete;
   LentReplies& operator=(const LentReplies&) = delete;
 
+  // A lent buffer is held whole until the client has read it, and counted against the memory
+  // bound meanwhile: only payloads that fill at least half of a mapped buffer are lent (a
+  // pooled megabyte lent for 64 KiB would hold sixteen times the bytes the pipe has). The
+  // others, and malloc'ed ones, are copied.
   static bool lends(const VELTWorkItem& item, uint32_t payload) {
-    return item.buffers_ != nullptr && payload >= kLendMin &&
-           item.data_length_ >= DirectBuffers::kSmallMax;
+    return item.buffers_ != nullptr && item.data_length_ >= DirectBuffers::kSmallMax &&
+           static_cast<uint64_t>(payload) * 2 >= item.data_length_;
   }
   bool empty() const { return lent_.empty(); }
   // Bytes put into the pipe so far, lent or copied.

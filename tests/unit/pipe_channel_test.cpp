@@ -289,7 +289,7 @@ TEST(PipeChannel, MemoryStaysBoundedClientsThatLeaveOrGetStuckLoseNoWriteAndStop
     if (r.kind == 'r') sectors_read += r.count;
   }
   EXPECT_LT(sectors_read * 512, 64 * kMiB);
-  // The next client reads s2.bin back in replies of 256 KiB, eight in flight and collected
+  // The next client reads s2.bin back in replies of 512 KiB, four in flight and collected
   // slowly (they wait in the pipe as pages the daemon lent from its buffers, which it must not
   // reuse before they are read), writes a megabyte to s1.bin, asks for more than the pipe and
   // the bound hold without reading it and stops halfway through a record: the stop is bounded,
@@ -297,11 +297,11 @@ TEST(PipeChannel, MemoryStaysBoundedClientsThatLeaveOrGetStuckLoseNoWriteAndStop
   DirectClient stuck;
   ASSERT_EQ(stuck.connect(5000), 0);
   const int s2 = stuck.open("/s2.bin", 0, 5000), s1 = stuck.open("/s1.bin", 0, 5000);
-  constexpr int64_t kPiece = 256 << 10;
+  constexpr int64_t kPiece = 512 << 10;
   const auto size2 = static_cast<int64_t>(streams[1].model.size());
   std::vector<uint8_t> got, all;
   for (int64_t asked = 0, at = 0; at < size2; at += kPiece) {
-    for (; asked < size2 && asked < at + 8 * kPiece; asked += kPiece) {
+    for (; asked < size2 && asked < at + 4 * kPiece; asked += kPiece) {
       ASSERT_EQ(stuck.sendRead(s2, asked, kPiece), 0);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
