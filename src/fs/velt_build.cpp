@@ -57,9 +57,10 @@ uint32_t lostClusters(VELT& v, const LoadRepairs& repairs) {
 // what the card holds went wrong somewhere (a root in the wrong place, a FAT copy of garbage).
 constexpr uint32_t kWholesaleMinClusters = 16;
 // A folder deleted with its reserved files (or a cut in the middle of a large deletion) leaves
-// long chains behind too, on a card whose structures are sound: the loss counts as wholesale
-// only with a sign of damage besides, FAT copies that differ, boot sectors that differ, or
-// repairs beyond a few.
+// long chains behind too, on a card whose structures are sound, and so does a cut while the
+// first long recording of an empty card was linked: the loss counts as wholesale only with a
+// sign of damage besides, FAT copies that differ where files reach, boot sectors that differ,
+// or repairs beyond a few.
 constexpr int kWholesaleMinRepairs = 4;
 bool bootCopiesDiffer(VELT& v) {
   const PBR& pbr = *v.pbr_;
@@ -71,7 +72,8 @@ bool bootCopiesDiffer(VELT& v) {
 bool wholesaleLoss(VELT& v, const LoadRepairs& repairs) {
   const uint32_t lost = lostClusters(v, repairs);
   if (lost < kWholesaleMinClusters || lost <= usedClusters(v) / 2) return false;
-  return v.pbr_->fat_damaged_ || repairs.count >= kWholesaleMinRepairs || bootCopiesDiffer(v);
+  return repairs.count >= kWholesaleMinRepairs || bootCopiesDiffer(v) ||
+         v.pbr_->fatDamageReachesFiles();
 }
 
 // Reads the layout again from a fresh boot sector and FAT: the backup boot sector instead of the

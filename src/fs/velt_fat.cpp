@@ -48,7 +48,7 @@ bool PBR::patchFat1(std::vector<uint32_t>* fat2, bool fat2_read) {
 }
 
 int PBR::loadFATs() {
-  fat_damaged_ = false;
+  fat_damaged_ = fat_unreadable_ = false;
   try {
     fat1_.assign(fat_clusters_, 0);
     fat1_flags_.assign((fat_clusters_ + 7) / 8, 0);
@@ -61,14 +61,14 @@ int PBR::loadFATs() {
     if (!fat1_read) {
       int err = errno;
       LOGE("FAT1 read error: %d(%s)\n", err, strerror(err));
-      fat_damaged_ = true;
+      fat_damaged_ = fat_unreadable_ = true;
       if (num_fats_ < 2 || !patchFat1(&fat2, fat2_read)) return -1;
     }
     if (num_fats_ > 1 && !fat2_read) {
       // Rewritten from FAT1 once the tree is built.
       int err = errno;
       LOGE("FAT2 read error: %d(%s)\n", err, strerror(err));
-      fat_damaged_ = true;
+      fat_damaged_ = fat_unreadable_ = true;
     }
     if (num_fats_ > 1 && fat2_read) {
       int mismatched = 0;
@@ -87,6 +87,23 @@ int PBR::loadFATs() {
     return -1;
   }
   return 0;
+}
+
+bool PBR::fatDamageReachesFiles() {
+  if (!fat_damaged_) return false;
+  if (fat_unreadable_ || num_fats_ < 2) return true;
+  std::vector<uint32_t> fat2;
+  try {
+    fat2.assign(fat1_.size(), 0);
+  } catch (const std::bad_alloc&) {
+    return true;
+  }
+  if (!readFatCopy(1, fat2.data())) return true;
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  for (uint32_t c = 0; c < num_clusters_; ++c) {
+    if (fat1_[c] != fat2[c] && (c < 2 || isClusterUsed(c))) return true;
+  }
+  return false;
 }
 
 uint32_t PBR::clusterToSector(uint32_t cluster) const {

@@ -100,6 +100,11 @@ class PBR {
   bool pbr_damaged_ = false;
   bool fsinfo_damaged_ = false;
   bool fat_damaged_ = false;
+  bool fat_unreadable_ = false;  // a FAT copy could not be read whole at load
+  // Whether the FAT copies disagree beyond an update that a power cut interrupted: a copy could
+  // not be read, or they differ in an entry the load reached (or in entries 0 and 1). Copies
+  // that differ only where no file reaches are a chain being linked or freed when power went.
+  bool fatDamageReachesFiles();
   int32_t partition_no_ = 0;
   bool is_velt_partition_ = false;
   char oem_name_[8] = {};

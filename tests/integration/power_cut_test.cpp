@@ -39,6 +39,8 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
+constexpr int64_t kEveryModeFirst = 8;  // cut points that are tried in every mode
+
 struct PowerCut {};  // thrown out of a workload once the card has lost power
 
 // What a file was promised: whatever of it the card shows is a prefix of `written`, and its
@@ -406,6 +408,7 @@ std::string judge(const std::shared_ptr<CardBytes>& card, const CardImage& image
   int error = 0;
   auto v = mountOn(std::make_unique<CutDriver>(card), &error);
   if (v == nullptr) return problems + "the card does not load: " + std::to_string(error) + "\n";
+  if (v->read_only_) problems += "the card loads read-only\n";
   auto there = [&v](const std::string& path) { return v->findEntry(path.c_str()) != nullptr; };
   for (const auto& [path, promise] : p.files) problems += broken(*v, path, promise);
   for (const auto& path : p.present) {
@@ -517,8 +520,10 @@ TEST_P(PowerCutSweep, EveryCutLeavesAConsistentCardThatKeepsItsPromises) {
         static_cast<uint64_t>(n) * 0x9E3779B97F4A7C15ull ^ std::hash<std::string>{}(row.name);
     h = (h ^ (h >> 31)) * 0xBF58476D1CE4E5B9ull;
     h ^= h >> 29;
+    // The first writes meet every mode: on a card this empty, a chain cut short is most of
+    // what the FAT holds.
     for (CutMode mode : {CutMode::kDrop, CutMode::kTear, CutMode::kReorder}) {
-      if (!kFull && mode != static_cast<CutMode>(h % 3)) continue;
+      if (!kFull && n > kEveryModeFirst && mode != static_cast<CutMode>(h % 3)) continue;
       runOnce(base, card, row.work, n, mode, h / 3, &p);
       const bool fsck = cuts++ % row.fsck_every == 0 || n == total;
       fsck_runs += fsck;
