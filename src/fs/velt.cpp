@@ -183,6 +183,7 @@ void VELT::unload() {
   }
   files.clear();
   root_.reset();
+  if (!read_only_) freeRemovedChains();
 
   delete mbr_;
   mbr_ = nullptr;

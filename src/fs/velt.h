@@ -322,6 +322,9 @@ class VELT : public std::enable_shared_from_this<VELT> {
   void stopCommitter();
   // One pass of that thread: commits every open file with uncommitted data; how many.
   int commitOpenFiles();
+  // Frees the chains of removed files once a sync has put their records' removal on the card
+  // (the commit thread, unload, and an allocation that finds nothing else free). 0 or -1.
+  int freeRemovedChains();
 
   // ===== Data members =====
   std::mutex mutex_;  // guards state_; serialises path walks

@@ -5,6 +5,7 @@
 
 #include "fs/velt.h"
 #include "fs/velt_file.h"
+#include "fs/velt_pbr.h"
 
 namespace velt {
 
@@ -31,7 +32,21 @@ int VELT::commitOpenFiles() {
     }
     if (file->commit(publish) == 0) ++committed;
   }
+  freeRemovedChains();
   return committed;
+}
+
+int VELT::freeRemovedChains() {
+  if (pbr_ == nullptr) return 0;
+  std::vector<PBR::DeferredChain> chains = pbr_->takeDeferred();
+  if (chains.empty()) return 0;
+  if (sync() != 0) {
+    LOGE("removed files' clusters kept: sync failed\n");
+    pbr_->restoreDeferred(chains);
+    return -1;
+  }
+  pbr_->freeDeferred(chains);
+  return 0;
 }
 
 void VELT::startCommitter(int seconds) {

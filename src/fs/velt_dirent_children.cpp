@@ -640,11 +640,10 @@ int VELT::DirEntry::delChild(const std::shared_ptr<DirEntry>& child) {
     __delReservedChild(child);
   } else {
     deleteLongNameRecords(*child);
-    // The chain is freed only once no record on the card points at it any more.
-    if (!keep_chain) {
-      if (child->start_cluster_ != 0 && velt_->sync() != 0) return -EIO;
-      velt_->pbr_->freeClusterChains(child->start_cluster_, false);
-    }
+    // The chain is freed only once no record on the card points at it any more: it waits,
+    // still taken, for the next sync (velt_->freeRemovedChains), so that a run of removals
+    // costs the card one sync and one write of each FAT sector.
+    if (!keep_chain) velt_->pbr_->deferFree(child->start_cluster_);
   }
   removeChild(child, true);
   return 0;

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <utility>
+#include <vector>
 
 #include "fs/velt.h"
 #include "fs/velt_pbr.h"
@@ -300,7 +302,7 @@ void PBR::zeroCluster(uint32_t c) {
 
 int64_t PBR::allocCluster(bool zero) {
   std::lock_guard<std::mutex> lock(fat_mutex_);
-  int64_t found = scanFreeCluster();
+  int64_t found = scanFreeOrDeferred();
   if (found < 0) {
     LOGI("FAT table is full, no clusters available!!!\n");
     __releaseUnusedClusters(false);
@@ -336,7 +338,7 @@ int64_t PBR::allocClusters(uint32_t prev, int count, bool zero, uint32_t* out) {
   // passes over it); when the table runs out, the ones taken so far still join the chain.
   int taken = 0;
   for (; taken < count; ++taken) {
-    int64_t found = scanFreeCluster();
+    int64_t found = scanFreeOrDeferred();
     if (found < 0) {
       LOGI("FAT table is full, no clusters available!!!\n");
       __releaseUnusedClusters(false);
@@ -420,32 +422,100 @@ int PBR::freeCluster(uint32_t c) {
   return __freeCluster(c);
 }
 
+void PBR::__freeChain(uint32_t first, bool zero) {
+  if (first < 2 || first >= FAT_EOC) return;
+  if (first >= num_clusters_) {
+    NERIO_ASSERT_MSG(num_clusters_ > first, ": %d > %d(0x%08x)\n", num_clusters_, first, first);
+    return;
+  }
+  uint32_t cur = first;
+  for (uint32_t steps = 0; steps < num_clusters_; ++steps) {
+    uint32_t next = __entry(cur);
+    if (next == 0) break;
+    if (zero) zeroCluster(cur);
+    __freeCluster(cur);
+    if (next < 2 || next > FAT_BAD) break;
+    if (next >= num_clusters_) {
+      NERIO_ASSERT_MSG(num_clusters_ > next, ": %d > %d(0x%08x)\n", num_clusters_, next, next);
+      break;
+    }
+    cur = next;
+  }
+}
+
 int PBR::freeClusterChains(uint32_t first, bool zero) {
   lockFAT();
   {
     std::lock_guard<std::mutex> lock(fat_mutex_);
-    if (first >= 2 && first < FAT_EOC) {
-      if (first >= num_clusters_) {
-        NERIO_ASSERT_MSG(num_clusters_ > first, ": %d > %d(0x%08x)\n", num_clusters_, first, first);
-      } else {
-        uint32_t cur = first;
-        for (uint32_t steps = 0; steps < num_clusters_; ++steps) {
-          uint32_t next = __entry(cur);
-          if (next == 0) break;
-          if (zero) zeroCluster(cur);
-          __freeCluster(cur);
-          if (next < 2 || next > FAT_BAD) break;
-          if (next >= num_clusters_) {
-            NERIO_ASSERT_MSG(num_clusters_ > next, ": %d > %d(0x%08x)\n", num_clusters_, next, next);
-            break;
-          }
-          cur = next;
-        }
-      }
-    }
+    __freeChain(first, zero);
   }
   unlockFAT(true);
   return 0;
+}
+
+void PBR::deferFree(uint32_t first) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  if (first < 2 || first >= num_clusters_) return;
+  uint32_t clusters = 0;
+  for (uint32_t c = first; c >= 2 && c < num_clusters_ && clusters < num_clusters_; ++clusters) {
+    const uint32_t next = __entry(c);
+    if (next == 0) break;
+    c = next;
+  }
+  try {
+    deferred_.push_back({first, clusters});
+  } catch (const std::bad_alloc&) {
+    // Left taken: the next load frees what no record reaches.
+    LOGE("chain %u not freed: no memory\n", first);
+    return;
+  }
+  deferred_clusters_ += clusters;
+}
+
+std::vector<PBR::DeferredChain> PBR::takeDeferred() {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  return std::exchange(deferred_, {});
+}
+
+void PBR::__freeDeferred(const std::vector<DeferredChain>& chains) {
+  for (const DeferredChain& d : chains) {
+    __freeChain(d.first, false);
+    deferred_clusters_ -= std::min(deferred_clusters_, d.clusters);
+  }
+}
+
+void PBR::freeDeferred(const std::vector<DeferredChain>& chains) {
+  if (chains.empty()) return;
+  lockFAT();
+  {
+    std::lock_guard<std::mutex> lock(fat_mutex_);
+    __freeDeferred(chains);
+  }
+  unlockFAT(true);
+}
+
+void PBR::restoreDeferred(const std::vector<DeferredChain>& chains) {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  try {
+    deferred_.insert(deferred_.end(), chains.begin(), chains.end());
+  } catch (const std::bad_alloc&) {
+    for (const DeferredChain& d : chains) deferred_clusters_ -= std::min(deferred_clusters_, d.clusters);
+  }
+}
+
+uint32_t PBR::freeOrDeferredCount() {
+  std::lock_guard<std::mutex> lock(fat_mutex_);
+  return free_cluster_count_ + deferred_clusters_;
+}
+
+int64_t PBR::scanFreeOrDeferred() {
+  int64_t found = scanFreeCluster();
+  if (found >= 0 || deferred_.empty()) return found;
+  // Under the FAT lock no chain joins the list meanwhile: the sync puts all their records'
+  // removals on the card.
+  if (velt_->sync() != 0) return -1;
+  __freeDeferred(std::exchange(deferred_, {}));
+  return scanFreeCluster();
 }
 
 bool PBR::checkClusterChains(uint32_t first, size_t size) {

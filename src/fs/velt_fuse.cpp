@@ -876,11 +876,8 @@ int VELTFuse::__statfs(const char* /*path*/, struct statvfs* st) {
     PBR* pbr = c.velt->pbr_;
     if (pbr == nullptr) return -ENODEV;
     memset(st, 0, sizeof(*st));
-    uint32_t free_clusters;
-    {
-      std::lock_guard<std::mutex> lock(pbr->fat_mutex_);
-      free_clusters = pbr->free_cluster_count_;
-    }
+    // Removed files' chains are as good as free: the first allocation that needs them frees them.
+    const uint32_t free_clusters = pbr->freeOrDeferredCount();
     const uint32_t data_clusters = pbr->num_clusters_ > 2 ? pbr->num_clusters_ - 2 : 0;
     st->f_bsize = pbr->cluster_length_;
     st->f_frsize = pbr->cluster_length_;

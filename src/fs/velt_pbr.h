@@ -67,6 +67,18 @@ class PBR {
   int __freeCluster(uint32_t cluster);
   int freeCluster(uint32_t cluster);
   int freeClusterChains(uint32_t first, bool zero);
+  // Removed files' chains wait here, still taken, until the records that pointed at them are on
+  // the card: deferFree holds one back, takeDeferred hands the waiting ones to a caller that
+  // syncs and then gives them to freeDeferred (or back to restoreDeferred when the sync failed).
+  struct DeferredChain {
+    uint32_t first;
+    uint32_t clusters;
+  };
+  void deferFree(uint32_t first);
+  std::vector<DeferredChain> takeDeferred();
+  void freeDeferred(const std::vector<DeferredChain>& chains);
+  void restoreDeferred(const std::vector<DeferredChain>& chains);
+  uint32_t freeOrDeferredCount();  // free clusters, counting the chains held back
   bool checkClusterChains(uint32_t first, size_t size = 0);
   int64_t getClusterCount(uint32_t first);
   int setClusterChainUsed(uint32_t first);
@@ -127,7 +139,7 @@ class PBR {
   uint32_t data_start_sector_ = 0;
   uint32_t fat_clusters_ = 0;  // entries one FAT copy holds
   uint32_t cluster_length_ = 0;  // bytes per cluster
-  uint32_t free_cluster_count_ = 0;
+  uint32_t free_cluster_count_ = 0;  // free on the card: the chains held back are not
   uint32_t next_free_cluster_number_ = 0;  // FSInfo hint and allocation cursor
   // Sectors per cluster a format must use instead of choosing by size (0: choose). Only test
   // cards in memory, too small for a real FAT32, ask for one.
@@ -173,6 +185,12 @@ class PBR {
   bool readFatCopy(uint32_t copy, uint32_t* table);
   bool patchFat1(std::vector<uint32_t>* fat2, bool fat2_read);
   int64_t scanFreeCluster();  // -1 when the FAT is full
+  // scanFreeCluster, and when nothing is free, the chains held back are synced and freed first.
+  int64_t scanFreeOrDeferred();
+  void __freeChain(uint32_t first, bool zero);
+  void __freeDeferred(const std::vector<DeferredChain>& chains);
+  std::vector<DeferredChain> deferred_;  // guarded by fat_mutex_
+  uint32_t deferred_clusters_ = 0;       // clusters in deferred_ and in chains being freed
   // First free cluster in [from, to), passing over recent frees when `avoid`; -1 for none.
   int64_t scanRange(uint32_t from, uint32_t to, bool avoid);
   void noteFreed(uint32_t c);

@@ -242,7 +242,10 @@ TEST(MountBehaviour, FullCard) {
   EXPECT_EQ(vfs.f_bavail, 0u);
   EXPECT_EQ(failure(mkdir((mnt + "/newdir").c_str(), 0755)), ENOSPC);
   EXPECT_EQ(failure(truncate((mnt + "/reserve.bin").c_str(), 4 << 20)), ENOSPC);
+  // A removed file's clusters count as free at once, and are taken when needed.
   EXPECT_EQ(unlink((mnt + "/reserve.bin").c_str()), 0);
+  ASSERT_EQ(statvfs(mnt.c_str(), &vfs), 0);
+  EXPECT_GE(vfs.f_bavail * vfs.f_frsize, 1u << 20);
   EXPECT_EQ(write(fd, chunk.data(), chunk.size()), static_cast<ssize_t>(chunk.size()));
   EXPECT_EQ(close(fd), 0);
   EXPECT_EQ(mkdir((mnt + "/newdir").c_str(), 0755), 0);
