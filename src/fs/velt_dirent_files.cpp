@@ -66,13 +66,9 @@ void VELT::DirEntry::freeKeptChain() {
     removed_ = kRemoved;
     chain = start_cluster_;
   }
-  // The deleted record went out before the data still buffered; both reach the card before the
-  // chain is free for others.
-  if (chain == 0 || velt_->sync() != 0) return;  // a chain left behind is freed at the next load
-  velt_->pbr_->freeClusterChains(chain, false);
-  std::lock_guard<std::mutex> reserved_lock(velt_->reserved_mutex_);
-  std::lock_guard<std::mutex> fat_lock(velt_->pbr_->fat_mutex_);
-  velt_->pbr_->updateFSInfo();
+  // The deleted record went out before the data still buffered; the chain waits, still taken,
+  // until a sync has put both on the card (VELT::freeRemovedChains).
+  if (chain != 0) velt_->pbr_->deferFree(chain);
 }
 
 // Gives a parked request its data (or its failure) and hands it to the replier. The request
