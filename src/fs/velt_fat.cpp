@@ -277,17 +277,12 @@ int64_t PBR::scanFreeCluster() {
     recent_only_ = true;  // a full card scans the table twice only once per batch of frees
   }
   if (start < num_clusters_) {
-    for (uint32_t c = from; c < num_clusters_; ++c) {
-      if (__entry(c) == 0) return c;
-    }
+    if (int64_t found = scanRange(from, num_clusters_, false); found >= 0) return found;
   }
   LOGW("the end of the fat table reaches. started @ %d / %d, retry from the begin...\n", start,
        num_clusters_);
   next_free_cluster_number_ = low;
-  for (uint32_t c = low; c < num_clusters_; ++c) {
-    if (__entry(c) == 0) return c;
-  }
-  return -1;
+  return scanRange(low, num_clusters_, false);
 }
 
 void PBR::takeCluster(uint32_t c) {
@@ -454,14 +449,10 @@ int PBR::freeClusterChains(uint32_t first, bool zero) {
 }
 
 void PBR::deferFree(uint32_t first) {
-  std::lock_guard<std::mutex> lock(fat_mutex_);
   if (first < 2 || first >= num_clusters_) return;
-  uint32_t clusters = 0;
-  for (uint32_t c = first; c >= 2 && c < num_clusters_ && clusters < num_clusters_; ++clusters) {
-    const uint32_t next = __entry(c);
-    if (next == 0) break;
-    c = next;
-  }
+  // Nothing else reaches a removed file's chain: it cannot change between the count and the list.
+  const auto clusters = static_cast<uint32_t>(std::max<int64_t>(getClusterCount(first), 0));
+  std::lock_guard<std::mutex> lock(fat_mutex_);
   try {
     deferred_.push_back({first, clusters});
   } catch (const std::bad_alloc&) {

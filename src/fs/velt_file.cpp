@@ -154,8 +154,7 @@ void settleFAT(VELT& velt) {
 // them: the FAT's writes may be held back by other writers, and the card may reorder writes
 // between flushes. -EIO when a step failed (the record must then not be written).
 int chainBeforeRecord(VELT& velt) {
-  if (velt.sync() != 0) return -EIO;
-  velt.pbr_->flushFATs();
+  if (velt.sync() != 0 || velt.pbr_->flushFATs() != 0) return -EIO;
   return velt.sync() == 0 ? 0 : -EIO;
 }
 
