@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +35,7 @@
 #include "utils/Log.h"
 // After velt_fuse.h, which chooses the library API version.
 #include <fuse_lowlevel.h>
+#include <linux/fuse.h>
 
 static constexpr const char kLogTag[] = "VELT.Fuse";
 
@@ -268,6 +270,140 @@ void dropNames(VELT& velt, const std::vector<std::string>& names, bool gone = fa
   if (gone) nameDropper().drop(names);
 }
 
+// The attributes the kernel is given for `entry`, by getattr and by a listing alike.
+void fillStat(VELT& velt, VELT::DirEntry& entry, struct stat* st) {
+  memset(st, 0, sizeof(*st));
+  st->st_ino = inodeOf(velt, entry);
+  st->st_mode = (entry.is_dir_ ? S_IFDIR : S_IFREG) | (entry.read_only_ ? 0555 : 0777);
+  st->st_nlink = 1;
+  // Size and times change under the entry's files_mutex_ (writes, closes, publication).
+  int64_t size;
+  time_t times[3];
+  {
+    std::lock_guard lock(entry.files_mutex_);
+    size = entry.is_reserved_ && !entry.is_secured_ ? 0 : entry.size_;
+    times[0] = entry.created_;
+    times[1] = entry.accessed_;
+    times[2] = entry.modified_;
+  }
+  st->st_size = size;
+  int64_t cluster_length = velt.pbr_ != nullptr ? velt.pbr_->cluster_length_ : 0;
+  st->st_blksize = cluster_length;
+  if (cluster_length > 0) {
+    // 512-byte units, as du and POSIX count them.
+    int64_t clusters = (size + cluster_length - 1) / cluster_length;
+    st->st_blocks = clusters * (cluster_length / 512);
+  }
+  st->st_ctime = times[0];
+  st->st_atime = times[1];
+  st->st_mtime = times[2];
+}
+
+// A folder handle's listing: the folder's children as they stood when it began (offset 0), so
+// that a reader who removes or renames entries between reads neither misses nor repeats the
+// others (the kernel resumes at an offset, and the children's positions shift). The entries
+// are only compared with the folder's live children, never followed: one that has left the
+// folder is skipped, and one whose memory a new child of the folder took is that child, listed
+// as it is now.
+struct Listed {
+  DirEntryPtr entry;  // empty for "." and ".." of the root
+  std::string name;
+  ino_t ino = 0;      // of a dot entry
+  uint64_t next = 0;  // the offset after this entry
+};
+
+class Listing {
+ public:
+  explicit Listing(VELT::DirEntry& dir) : dir_(dir) {
+    std::lock_guard lock(dir.children_mutex_);
+    order_.reserve(dir.children_.size());
+    for (const DirEntryPtr& child : dir.children_) order_.push_back(child.get());
+  }
+  const VELT::DirEntry* dir() const { return &dir_; }
+
+  // The entries from `offset` on. A readdirplus reply holds no more than the smallest buffer
+  // the kernel reads with: the library counts a lookup of each entry before it knows whether
+  // the entry fits, and one left out of the reply would never be forgotten.
+  std::vector<Listed> next(VELT& velt, uint64_t offset, bool plus) {
+    std::vector<Listed> batch;
+    size_t room = plus ? kPlusReplyBytes : SIZE_MAX;
+    auto fits = [&](const std::string& name) {
+      const size_t bytes = FUSE_DIRENT_ALIGN(FUSE_NAME_OFFSET_DIRENTPLUS + name.size());
+      if (bytes > room && !batch.empty()) return false;
+      room -= std::min(room, bytes);
+      return true;
+    };
+    const uint64_t dots = &dir_ == velt.root_.get() ? 2 : 0;  // the root has no records of them
+    for (; offset < dots; ++offset) {
+      Listed dot{nullptr, offset == 0 ? "." : "..", 1, offset + 1};
+      if (!fits(dot.name)) return batch;
+      batch.push_back(std::move(dot));
+    }
+    std::lock_guard lock(dir_.children_mutex_);
+    const auto& live = dir_.children_;
+    for (uint64_t i = offset - dots; i < order_.size(); ++i) {
+      const DirEntryPtr* child = find(live, order_[i]);
+      if (child == nullptr || (*child)->is_volume_) continue;
+      Listed item{*child, (*child)->name_, 0, i + dots + 1};
+      if ((*child)->isDotEntry()) {
+        const VELT::DirEntry* target = (*child)->short_name_ == "." ? &dir_ : dir_.parent_;
+        item.entry = nullptr;
+        item.ino = inodeOf(velt, *const_cast<VELT::DirEntry*>(target != nullptr ? target : &dir_));
+      }
+      if (!fits(item.name)) break;
+      batch.push_back(std::move(item));
+    }
+    return batch;
+  }
+
+ private:
+  static constexpr size_t kPlusReplyBytes = 4096;
+
+  // `entry` among the live children, looked for from where the last one stood: the survivors
+  // keep their order, so that is where it usually is.
+  template <class Children>
+  const DirEntryPtr* find(const Children& live, const VELT::DirEntry* entry) {
+    const size_t n = live.size();
+    for (size_t k = 0; k < n; ++k) {
+      const size_t at = (hint_ + k) % n;
+      if (live[at].get() == entry) {
+        hint_ = at + 1;
+        return &live[at];
+      }
+    }
+    return nullptr;
+  }
+
+  VELT::DirEntry& dir_;
+  std::vector<const VELT::DirEntry*> order_;
+  size_t hint_ = 0;
+};
+
+// The listings of open folder handles, by handle.
+class Listings {
+ public:
+  // The handle's listing, begun afresh at offset 0 (a rewind reads the folder again).
+  std::shared_ptr<Listing> of(uint64_t handle, VELT::DirEntry& dir, bool restart) {
+    std::lock_guard lock(mutex_);
+    std::shared_ptr<Listing>& listing = by_handle_[handle];
+    if (!listing || restart || listing->dir() != &dir) listing = std::make_shared<Listing>(dir);
+    return listing;
+  }
+  void forget(uint64_t handle) {
+    std::lock_guard lock(mutex_);
+    by_handle_.erase(handle);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::unordered_map<uint64_t, std::shared_ptr<Listing>> by_handle_;
+};
+
+Listings& listings() {
+  static Listings instance;
+  return instance;
+}
+
 // What a callback works on: the volume and, as the call needs them, the entry its path names
 // and the open file of its handle. When one is missing, `error` is the callback's answer.
 struct Call {
@@ -352,33 +488,8 @@ int VELTFuse::__getattr(const char* path, struct stat* st, struct fuse_file_info
     // Lookups come here too, so a name that does not resolve is simply absent.
     DirEntryPtr entry = resolve(velt, path);
     if (!entry) return -ENOENT;
-
-    memset(st, 0, sizeof(*st));
-    st->st_ino = inodeOf(velt, *entry);
+    fillStat(velt, *entry, st);
     if (!isStoredSpelling(*entry, path)) spellings().seen(static_cast<uint32_t>(st->st_ino), path);
-    st->st_mode = (entry->is_dir_ ? S_IFDIR : S_IFREG) | (entry->read_only_ ? 0555 : 0777);
-    st->st_nlink = 1;
-    // Size and times change under the entry's files_mutex_ (writes, closes, publication).
-    int64_t size;
-    time_t times[3];
-    {
-      std::lock_guard lock(entry->files_mutex_);
-      size = entry->is_reserved_ && !entry->is_secured_ ? 0 : entry->size_;
-      times[0] = entry->created_;
-      times[1] = entry->accessed_;
-      times[2] = entry->modified_;
-    }
-    st->st_size = size;
-    int64_t cluster_length = velt.pbr_ != nullptr ? velt.pbr_->cluster_length_ : 0;
-    st->st_blksize = cluster_length;
-    if (cluster_length > 0) {
-      // 512-byte units, as du and POSIX count them.
-      int64_t clusters = (size + cluster_length - 1) / cluster_length;
-      st->st_blocks = clusters * (cluster_length / 512);
-    }
-    st->st_ctime = times[0];
-    st->st_atime = times[1];
-    st->st_mtime = times[2];
     return 0;
   });
 }
@@ -399,44 +510,40 @@ int VELTFuse::__opendir(const char* path, struct fuse_file_info* fi) {
   });
 }
 
-int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler, off_t /*offset*/,
-                        struct fuse_file_info* fi, enum fuse_readdir_flags /*flags*/) {
+int VELTFuse::__readdir(const char* /*path*/, void* buf, fuse_fill_dir_t filler, off_t offset,
+                        struct fuse_file_info* fi, enum fuse_readdir_flags flags) {
   return guarded(__func__, [&] {
     Call c = onHandle(fi, -ENODEV, -EBADF);
     if (c.error != 0) return c.error;
     VELT::DirEntry* dir = c.file->entry_;
-    if (dir == nullptr) return -EBADF;
+    if (dir == nullptr || offset < 0) return -EBADF;
+    VELT& velt = *c.velt;
+    const bool plus = (flags & FUSE_READDIR_PLUS) != 0;
+    std::shared_ptr<Listing> listing = listings().of(fi->fh, *dir, offset == 0);
+    std::vector<Listed> batch = listing->next(velt, static_cast<uint64_t>(offset), plus);
 
-    const auto no_flags = static_cast<enum fuse_fill_dir_flags>(0);
-    errno = 0;
-    if (dir->parent_ == nullptr) {
-      if (filler(buf, ".", nullptr, 0, no_flags) != 0) return lastError(-ENOMEM);
-      if (filler(buf, "..", nullptr, 0, no_flags) != 0) return lastError(-ENOMEM);
-    }
-    // A copy, so that creations and deletions in this directory need not wait for the filler.
-    std::vector<DirEntryPtr> children;
-    {
-      std::lock_guard lock(dir->children_mutex_);
-      children.assign(dir->children_.begin(), dir->children_.end());
-    }
-    for (const DirEntryPtr& child : children) {
-      if (child->is_volume_) continue;
-      if (child->is_reserved_) {
-        std::lock_guard lock(child->files_mutex_);  // publication may be under way
-        if (!child->is_secured_) continue;
-      }
-      struct stat st;
+    // Attributes are read now, after the kernel asked: a change it learns of later (a write, an
+    // invalidation) is newer than they are, so they never overwrite it.
+    struct stat st;
+    for (const Listed& item : batch) {
       memset(&st, 0, sizeof(st));
-      if (child->isDotEntry()) {
-        const VELT::DirEntry* target = child->short_name_ == "." ? dir : dir->parent_;
-        if (target == nullptr) target = dir;
-        st.st_ino = inodeOf(*c.velt, *const_cast<VELT::DirEntry*>(target));
+      if (item.entry == nullptr) {  // "." or ".."
+        st.st_ino = item.ino;
+        st.st_mode = S_IFDIR;
+      } else if (plus) {
+        fillStat(velt, *item.entry, &st);
       } else {
-        st.st_ino = inodeOf(*c.velt, *child);
+        st.st_ino = inodeOf(velt, *item.entry);
+        st.st_mode = item.entry->is_dir_ ? S_IFDIR : S_IFREG;
       }
-      st.st_mode = child->is_dir_ ? S_IFDIR : S_IFREG;
-      if (filler(buf, child->name_.c_str(), &st, 0, no_flags) != 0) {
-        return lastError(-ENOMEM);
+      if (item.entry != nullptr && item.entry->is_reserved_) {
+        std::lock_guard lock(item.entry->files_mutex_);  // publication may be under way
+        if (!item.entry->is_secured_) continue;
+      }
+      // The library skips its lookup for the dot entries, so they go with the flag too.
+      const auto fill_flags = plus ? FUSE_FILL_DIR_PLUS : static_cast<enum fuse_fill_dir_flags>(0);
+      if (filler(buf, item.name.c_str(), &st, static_cast<off_t>(item.next), fill_flags) != 0) {
+        break;  // the reply is full; the kernel asks again from this entry
       }
     }
     return 0;
@@ -447,6 +554,7 @@ int VELTFuse::__releasedir(const char* /*path*/, struct fuse_file_info* fi) {
   return guarded(__func__, [&] {
     Call c = onHandle(fi, -ENODEV, -EBADF);
     if (c.error != 0) return c.error;
+    listings().forget(fi->fh);
     return c.velt->freeFile(static_cast<uint32_t>(fi->fh));
   });
 }
@@ -544,8 +652,8 @@ static int readBuffers(const char* /*path*/, struct fuse_bufvec** bufp, size_t s
     thread_local std::vector<CardRun> runs;
     int fd = -1;
     // The library splices only replies of two pages or more; smaller ones are copied anyway.
-    const int n = size >= kSpliceMin ? c.file->readRuns(size, offset, &runs, &fd)
-                                     : static_cast<int>(size);
+    const int n =
+        size >= kSpliceMin ? c.file->readRuns(size, offset, &runs, &fd) : static_cast<int>(size);
     if (n < 0) return n;
     const size_t count = n > 0 && fd >= 0 ? runs.size() : 1;
     auto* reply = static_cast<struct fuse_bufvec*>(
@@ -978,6 +1086,13 @@ void* VELTFuse::__init(struct fuse_conn_info* conn, struct fuse_config* cfg) {
     conn->want |= FUSE_CAP_SPLICE_WRITE;
   }
   if (conn != nullptr) conn->max_read = kMaxRead;
+  // Every read of a folder hands out its entries' attributes (readdirplus), not only the first:
+  // `ls -l` stats each chunk of names before it reads the next, and the kernel, asked to
+  // choose, would read the rest without them and look each name up again.
+  if (conn != nullptr && (conn->capable & FUSE_CAP_READDIRPLUS)) {
+    conn->want |= FUSE_CAP_READDIRPLUS;
+    conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
+  }
   cfg->direct_io = 1;
   cfg->kernel_cache = 0;
   cfg->nullpath_ok = 0;

@@ -1,6 +1,7 @@
 // The daemon's life on a real mount, where the random model cannot look: every refusal to start
 // (message and exit status, device paths too), each loop serving, one daemon per card, signals
 // with files open, VELT_ROOT, a full card, what kernel caching and inodes show users.
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -13,6 +14,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -152,7 +154,8 @@ TEST(Startup, EachLoopServesAndStopsCleanly) {
 }
 
 // A reader holding a file open sees what the channel and a writer through another spelling
-// change behind its back (bytes and size) at once; one inode per file; names FAT refuses. (That
+// change behind its back (bytes and size) at once; a listing shows what lookups answer, also to
+// a reader who removes what it lists; one inode per file; names FAT refuses. (That
 // writes set the modification time is the random model's.)
 TEST(MountBehaviour, ChangesBehindTheReaderShowAtOnce) {
   MountedCard card;
@@ -180,7 +183,39 @@ TEST(MountBehaviour, ChangesBehindTheReaderShowAtOnce) {
     ASSERT_EQ(channel.write(cfd, 70000, more.data(), static_cast<uint32_t>(more.size())), 0);
     ASSERT_EQ(channel.closeAndWait(cfd, 0, 5000), 0);
     data = data.substr(0, 70000) + more;
+
+    // A folder of more entries than one reply holds, listed as `ls -l` lists it: each entry
+    // shows what a lookup answers, and a file the channel grows right after shows its new size.
+    std::set<std::string> made{"sub"};
+    ASSERT_TRUE(fs::create_directories(p("many/sub")));
+    for (unsigned i = 0; i < 150; ++i) {
+      const std::string name = "File " + std::to_string(i) + std::string(i % 40, 'x') + ".dat";
+      writeFileBytes(p("many/" + name), patternBytes(i * 37, i));
+      made.insert(name);
+    }
+    std::string wrong;
+    const std::vector<std::string> names = listLikeLs(p("many"), &wrong);
+    EXPECT_EQ(wrong, "");
+    EXPECT_EQ(names.size(), made.size());  // none twice
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), made);
+    const int grown = channel.open(p("many/File 7xxxxxxx.dat"), 0, 5000);
+    ASSERT_GE(grown, 3);
+    ASSERT_EQ(channel.write(grown, 1000, "more", 4), 0);
+    ASSERT_EQ(channel.closeAndWait(grown, 0, 5000), 0);
+    struct stat st;
+    EXPECT_EQ(stat(p("many/File 7xxxxxxx.dat").c_str(), &st), 0);
+    EXPECT_EQ(st.st_size, 1004);
   }
+  // A reader that removes each name as it reads it still meets every one.
+  DIR* many = opendir(p("many").c_str());
+  size_t removed = 0;
+  while (const struct dirent* e = many != nullptr ? readdir(many) : nullptr) {
+    const std::string name = e->d_name;
+    if (name != "." && name != "..") removed += remove(p("many/" + name).c_str()) == 0;
+  }
+  if (many != nullptr) closedir(many);
+  EXPECT_EQ(removed, 151u);
+  EXPECT_EQ(rmdir(p("many").c_str()), 0) << strerror(errno);
   EXPECT_EQ(readBack(), data);
   // An append through the other name goes to the real end, which that name's node last saw
   // at 100000 bytes; the reader sees it before the writer closes.

@@ -4,11 +4,17 @@
 // 5% of the card in 4 MiB files.
 #pragma once
 
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <cctype>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "card_image.h"
 #include "velt_fsck.h"
@@ -28,6 +34,42 @@ inline std::string q(const std::string& s) {
 
 inline std::string cardKindParamName(const ::testing::TestParamInfo<CardKind>& info) {
   return info.param == CardKind::kPlain ? "plain" : "velt";
+}
+
+// Lists a folder as `ls -l` does (each name's lstat right after it is read, from what the
+// listing handed the kernel) and returns the names. Each entry must show exactly what a lookup
+// through another spelling of its name, which the kernel has not seen, answers: inode, type and
+// permissions, size, blocks, times. The disagreements are added to *wrong. (Reads through one
+// spelling leave another's access time behind, so the caller lists before reading.)
+inline std::vector<std::string> listLikeLs(const std::string& dir, std::string* wrong) {
+  std::vector<std::string> names;
+  std::vector<struct stat> listed;
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return *wrong += " cannot open " + dir, names;
+  while (const struct dirent* e = readdir(d)) {
+    struct stat st = {};
+    if (strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) continue;
+    if (lstat((dir + "/" + e->d_name).c_str(), &st) != 0 || st.st_ino != e->d_ino) {
+      *wrong += std::string(" ") + e->d_name + " (inode)";
+    }
+    names.push_back(e->d_name);
+    listed.push_back(st);
+  }
+  closedir(d);
+  for (size_t i = 0; i < names.size(); ++i) {
+    std::string other = names[i];
+    for (char& ch : other) ch = static_cast<char>(islower(ch) ? toupper(ch) : tolower(ch));
+    struct stat fresh = {}, &st = listed[i];
+    if (other == names[i]) continue;
+    if (lstat((dir + "/" + other).c_str(), &fresh) != 0 || fresh.st_ino != st.st_ino ||
+        fresh.st_mode != st.st_mode || fresh.st_nlink != st.st_nlink ||
+        fresh.st_size != st.st_size || fresh.st_blocks != st.st_blocks ||
+        fresh.st_blksize != st.st_blksize || fresh.st_mtime != st.st_mtime ||
+        fresh.st_ctime != st.st_ctime || fresh.st_atime != st.st_atime) {
+      *wrong += " " + names[i];
+    }
+  }
+  return names;
 }
 
 class MountedCard {

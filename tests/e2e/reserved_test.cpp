@@ -244,6 +244,12 @@ TEST(ReservedFolder, RandomModelThroughTheMountAndTheChannel) {
           << name;
     }
     ASSERT_TRUE(card.mount()) << card.error();
+    // Listed as `ls -l` lists them, the recordings and the folder show what lookups answer.
+    std::string wrong;
+    const std::vector<std::string> names = listLikeLs(card.path("REC"), &wrong);
+    listLikeLs(card.path(), &wrong);
+    EXPECT_EQ(wrong, "");
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), listed);
     // The load finds nothing to put right in the folder.
     for (const char* repair : {"FATAL", "unusable", "damaged", "mismatch", "restored", "removed",
                                "ended at", "rewritten", "no long name"}) {
