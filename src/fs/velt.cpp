@@ -182,6 +182,13 @@ void VELT::unload() {
     if (file != nullptr && file->entry_ != nullptr) file->entry_->removeFile(file);
   }
   files.clear();
+  // Their closes may owe records; the entries they keep go with the tree.
+  if (!read_only_) writeOwedRecords();
+  {
+    std::lock_guard<std::mutex> lock(owed_mutex_);
+    owed_records_.clear();
+    records_owed_ = false;
+  }
   root_.reset();
   if (!read_only_) freeRemovedChains();
 

@@ -326,6 +326,24 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // (the commit thread, unload, and an allocation that finds nothing else free). 0 or -1.
   int freeRemovedChains();
 
+  // ===== Records owed by closes (velt_commit.cpp) =====
+  // The last close of a file written since its last commit does not sync the card for its
+  // record: the record is owed, and goes out after the next sync (writeOwedRecords: the commit
+  // thread a few milliseconds after the close, commitOpenFiles and unload), so that closes
+  // coming close together share one sync. Any record of such an entry built before then (a
+  // rename, a touch, a truncation, a later close) first settles it (settleRecord). Caller of
+  // oweRecord holds the entry's files_mutex_, after the file's data and chain were handed to
+  // the card.
+  void oweRecord(const std::shared_ptr<DirEntry>& entry);
+  // What the close left owed, done now: once a sync has put everything written before the
+  // record became owed on the card, the record goes out where the entry says it is (not for a
+  // removed entry). Nothing when the entry owes nothing. Whether it owed one (the record may
+  // still sit in the write buffer). Caller holds its files_mutex_.
+  bool settleRecord(DirEntry& entry);
+  // Syncs, writes every owed record, syncs again. 0, or -1 when a sync failed (the records
+  // stay owed).
+  int writeOwedRecords();
+
   // ===== Data members =====
   std::mutex mutex_;  // guards state_; serialises path walks
   int state_ = kVELTStateUnloaded;
@@ -381,6 +399,14 @@ class VELT : public std::enable_shared_from_this<VELT> {
   std::mutex commit_mutex_;  // commit_stop_
   std::condition_variable commit_cv_;
   bool commit_stop_ = false;
+  // Successful syncs so far, counted under io_mutex_.
+  std::atomic<uint64_t> sync_count_{0};
+  // Owed records: the entry, kept alive until its record is out, and the sync count when it
+  // became owed (a sync counted after that one covers its data).
+  std::mutex owed_mutex_;
+  std::unordered_map<const DirEntry*, std::pair<std::shared_ptr<DirEntry>, uint64_t>>
+      owed_records_;
+  std::atomic<bool> records_owed_{false};  // owed_records_ is not empty
 
   // Direct channel members.
   std::atomic<bool> direct_stop_{false};  // stop request for the three threads

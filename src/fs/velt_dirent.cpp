@@ -36,7 +36,10 @@ std::string VELT::DirEntry::getPath() const {
   return "/" + path;
 }
 
-void VELT::DirEntry::fillRecord(uint8_t* r) const {
+void VELT::DirEntry::fillRecord(uint8_t* r) {
+  // The record claims the chain and size in memory, whose data a close may have left on its way
+  // to the card; and a rename must find on the card the record it moves.
+  if (velt_ != nullptr) velt_->settleRecord(*this);
   shortNameToName83(short_name_.c_str(), r + rec::kName);
   r[rec::kAttr] = attr_;
   putLe16(r + rec::kCreateTime, create_time_);

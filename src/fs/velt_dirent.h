@@ -146,10 +146,11 @@ class VELT::DirEntry {
   int update(bool is_accessed, bool is_modified, uint8_t* record_out);
   int update2(bool is_accessed, bool is_modified);
   std::string getPath() const;
-  // Fills bytes 0..11 and 14..31 of a short-name record from the members.
-  void fillRecord(uint8_t* record) const;
+  // Fills bytes 0..11 and 14..31 of a short-name record from the members. While a close owes
+  // the record, it is first put on the card where the entry says it is (VELT::settleRecord).
+  void fillRecord(uint8_t* record);
   // The whole short-name record as the card should hold it (fillRecord and bytes 12 and 13).
-  void buildRecord(uint8_t* record) const {
+  void buildRecord(uint8_t* record) {
     fillRecord(record);
     record[rec::kCaseFlags] = case_flags_;
     record[rec::kCreateTenths] = create_tenths_;

@@ -137,6 +137,12 @@ int VELT::DirEntry::moveChild(const std::shared_ptr<DirEntry>& child,
     // under its files_mutex_: the switch to the new record is made under it too, or such a
     // write could bring the old record back after it was marked deleted.
     std::lock_guard files_lock(child->files_mutex_);
+    // A record the close left owed goes out first, and reaches the card before the new ones: a
+    // power cut in between finds the file whole under its old name.
+    if (velt_->settleRecord(*child) && velt_->sync() != 0) {
+      to_parent->giveBackSlots(first, slots, 0, nullptr);
+      return -EIO;
+    }
 
     // What the old records were, to mark them deleted afterwards (or to go back to).
     const int64_t old_off = child->dir_ent_disk_off_;
@@ -256,6 +262,12 @@ int VELT::DirEntry::replaceChild(const std::shared_ptr<DirEntry>& child,
       LOGE("[%s] replace error while %s %d(%s)\n", path.c_str(), what, e, strerror(e));
       return -EIO;
     };
+    // Records closes left owed go out first and reach the card before anything moves: a power
+    // cut in between finds both files as their closes left them.
+    const bool settled = velt_->settleRecord(*child);
+    if ((velt_->settleRecord(*target) || settled) && velt_->sync() != 0) {
+      return failed("settling the records");
+    }
     const int64_t src_off = child->dir_ent_disk_off_;
     const int64_t dst_off = target->dir_ent_disk_off_;
     uint8_t src_record[DIR_RECORD_SIZE], dst_record[DIR_RECORD_SIZE];

@@ -277,7 +277,13 @@ std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findVELTChild(int64_t disk_off) 
 }
 
 int VELT::DirEntry::removeVELTFile(int64_t disk_off, uint8_t* first_char) {
-  return lookUpVELTChild(this, disk_off, true, first_char) != nullptr ? 0 : -1;
+  std::shared_ptr<DirEntry> gone = lookUpVELTChild(this, disk_off, true, first_char);
+  if (gone == nullptr) return -1;
+  // Its records now belong to whoever takes the reserved file next: a record a close still owes
+  // it must not go out over theirs.
+  std::lock_guard lock(gone->files_mutex_);
+  if (gone->removed_ == 0) gone->removed_ = kRemoved;
+  return 0;
 }
 
 // Whether anybody has the entry open.

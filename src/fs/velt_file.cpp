@@ -639,14 +639,26 @@ int VELT::File::close() {
         pbr->updateFSInfo();
       }
     }
-    // New data and its chain reach the card before the record that points at them.
-    if (uncommitted && velt_->sync() != 0) result = -EIO;
+    std::shared_ptr<DirEntry> owner =
+        entry_ref_ != nullptr ? entry_ref_ : entry_->shared_from_this();
     std::lock_guard lock(entry_->files_mutex_);
-    // The write time was taken by the writes themselves (a utimens since then stands); the
-    // close stamps the access date and writes size, first cluster and times.
-    if (entry_->update2(true, false) < 0 && result == 0) result = -EIO;
-    // Data still pending in the write buffer goes out now; losing it must reach the closer.
-    if (velt_->flush() != 0 && result == 0) result = -EIO;
+    if (uncommitted && !entry_->removed_ && owner != nullptr) {
+      // New data and its chain reach the card before the record that points at them: the
+      // record is owed until a sync, which closes coming close together share. The write time
+      // was taken by the writes themselves (a utimens since then stands); the close stamps the
+      // access date.
+      const time_t now = time(nullptr);
+      entry_->access_date_ = timeToFatDate(now);
+      entry_->accessed_ = now;
+      // Data still pending in the write buffer goes out now; losing it must reach the closer.
+      if (velt_->flush() != 0 && result == 0) result = -EIO;
+      velt_->oweRecord(owner);
+    } else {
+      if (uncommitted && velt_->sync() != 0) result = -EIO;
+      // Size, first cluster and times; the close stamps the access date.
+      if (entry_->update2(true, false) < 0 && result == 0) result = -EIO;
+      if (velt_->flush() != 0 && result == 0) result = -EIO;
+    }
   }
   if (fat_locked_) {
     if (velt_ == nullptr) {

@@ -369,6 +369,7 @@ int VELT::sync() {
   bool ok = write_start_sector_ < 0 || __flush() == 0;
   if (driver_->flush() != 0) ok = false;
   if (!ok) errno = EIO;
+  if (ok) sync_count_.fetch_add(1, std::memory_order_release);
   return ok ? 0 : -1;
 }
 
