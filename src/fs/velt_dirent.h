@@ -200,7 +200,8 @@ class VELT::DirEntry {
   // Empty on failure; `error` (when given) then holds a negative errno.
   std::shared_ptr<DirEntry> createChild(const char* file_name, bool reserved, bool is_dir,
                                         uint8_t* entry_buffer, int* error = nullptr);
-  int createUniqueShortName(const char* file_name, std::string* short_name);
+  // Whether a child other than `ignore` has the short name `candidate` (letter case as stored).
+  bool hasShortName(const std::string& candidate, const DirEntry* ignore);
   int delChild(const std::shared_ptr<DirEntry>& child);
   // Slot helpers of creation, deletion and moves. claimReservedSlot turns a slot taken by alloc
   // into `value`; giveBackSlots returns the slots of a failed creation (those already written, or

@@ -140,45 +140,60 @@ int VELT::DirEntry::getChildCount() {
 
 // Taken under children_mutex_ although path walks are serialised by the volume: creators
 // append to children_ without holding the volume's mutex.
-std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findChild(const char* name) {
-  std::lock_guard lock(children_mutex_);
-  if (children_.size() >= kIndexFrom) {
-    ChildList& list = children_.get();
-    std::unique_ptr<ChildIndex>& index = list.index;
-    if (index == nullptr || index->count != list.size()) {
-      index = std::make_unique<ChildIndex>();
-      std::vector<uint64_t>& keys = index->keys;
-      keys.reserve(list.size() * 2);
-      for (size_t i = 0; i < list.size(); ++i) {
-        const DirEntry& child = *list[i];
-        keys.push_back((uint64_t{foldedHash(child.name_.c_str())} << 32) | i);
-        if (strcasecmp(child.name_.c_str(), child.short_name_.c_str()) != 0) {
-          keys.push_back((uint64_t{foldedHash(child.short_name_.c_str())} << 32) | i);
-        }
-      }
-      std::sort(keys.begin(), keys.end());
-      keys.shrink_to_fit();
-      index->count = list.size();
-    }
-    const uint64_t hash = foldedHash(name);
-    // Keys of one hash are in position order: the first match is the first in record order.
-    for (auto it = std::lower_bound(index->keys.begin(), index->keys.end(), hash << 32);
-         it != index->keys.end() && (*it >> 32) == hash; ++it) {
-      const auto& child = list[*it & kPositionMask];
-      if (strcasecmp(child->name_.c_str(), name) == 0 ||
-          strcasecmp(child->short_name_.c_str(), name) == 0) {
-        return child;
-      }
+namespace {
+
+// The first child in record order, among those whose long or short name hashes like `name` (any
+// letter case), that `match` accepts. Caller holds dir.children_mutex_.
+template <class Match>
+std::shared_ptr<VELT::DirEntry> findNamed(VELT::DirEntry& dir, const char* name, Match match) {
+  if (dir.children_.size() < kIndexFrom) {
+    for (const auto& child : dir.children_) {
+      if (match(*child)) return child;
     }
     return nullptr;
   }
-  for (const auto& child : children_) {
-    if (strcasecmp(child->name_.c_str(), name) == 0 ||
-        strcasecmp(child->short_name_.c_str(), name) == 0) {
-      return child;
+  ChildList& list = dir.children_.get();
+  std::unique_ptr<ChildIndex>& index = list.index;
+  if (index == nullptr || index->count != list.size()) {
+    index = std::make_unique<ChildIndex>();
+    std::vector<uint64_t>& keys = index->keys;
+    keys.reserve(list.size() * 2);
+    for (size_t i = 0; i < list.size(); ++i) {
+      const VELT::DirEntry& child = *list[i];
+      keys.push_back((uint64_t{foldedHash(child.name_.c_str())} << 32) | i);
+      if (strcasecmp(child.name_.c_str(), child.short_name_.c_str()) != 0) {
+        keys.push_back((uint64_t{foldedHash(child.short_name_.c_str())} << 32) | i);
+      }
     }
+    std::sort(keys.begin(), keys.end());
+    keys.shrink_to_fit();
+    index->count = list.size();
+  }
+  const uint64_t hash = foldedHash(name);
+  // Keys of one hash are in position order: the first match is the first in record order.
+  for (auto it = std::lower_bound(index->keys.begin(), index->keys.end(), hash << 32);
+       it != index->keys.end() && (*it >> 32) == hash; ++it) {
+    const auto& child = list[*it & kPositionMask];
+    if (match(*child)) return child;
   }
   return nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findChild(const char* name) {
+  std::lock_guard lock(children_mutex_);
+  return findNamed(*this, name, [name](const DirEntry& child) {
+    return strcasecmp(child.name_.c_str(), name) == 0 ||
+           strcasecmp(child.short_name_.c_str(), name) == 0;
+  });
+}
+
+bool VELT::DirEntry::hasShortName(const std::string& candidate, const DirEntry* ignore) {
+  std::lock_guard lock(children_mutex_);
+  return findNamed(*this, candidate.c_str(), [&](const DirEntry& child) {
+           return &child != ignore && child.short_name_ == candidate;
+         }) != nullptr;
 }
 
 std::shared_ptr<VELT::DirEntry> VELT::DirEntry::shared_from_this() {
@@ -218,19 +233,6 @@ void VELT::DirEntry::clear() {
 
 // ---- Short names ----
 
-int VELT::DirEntry::createUniqueShortName(const char* file_name, std::string* short_name) {
-  return makeShortName(
-      file_name,
-      [this](const std::string& candidate) {
-        std::lock_guard lock(children_mutex_);
-        for (const auto& child : children_) {
-          if (child->short_name_ == candidate) return true;
-        }
-        return false;
-      },
-      short_name);
-}
-
 // Short names chosen by creations and moves that have not yet added their entry: a second
 // creator in the same directory must not pick the same name meanwhile.
 namespace {
@@ -261,22 +263,15 @@ void ShortNameReservation::release() {
 int ShortNameReservation::reserve(VELT::DirEntry* dir, const char* file_name,
                                   const VELT::DirEntry* ignore, std::string* short_name) {
   release();
+  // Held while the candidates are tried: no other creation or move picks a name meanwhile.
   std::lock_guard<std::mutex> lock(g_pending_mutex);
-  std::vector<std::string> names;
-  {
-    std::lock_guard children_lock(dir->children_mutex_);
-    for (const auto& child : dir->children_) {
-      if (child.get() != ignore) names.push_back(child->short_name_);
-    }
-  }
-  for (const auto& p : g_pending) {
-    if (p.dir == dir) names.push_back(p.name);
-  }
-  std::sort(names.begin(), names.end());
   int r = makeShortName(
       file_name,
-      [&names](const std::string& candidate) {
-        return std::binary_search(names.begin(), names.end(), candidate);
+      [dir, ignore](const std::string& candidate) {
+        for (const auto& p : g_pending) {
+          if (p.dir == dir && p.name == candidate) return true;
+        }
+        return dir->hasShortName(candidate, ignore);
       },
       short_name);
   if (r < 0) return r;
