@@ -31,8 +31,11 @@ VELT::DirEntry::DirEntry(VELT* velt)
 }
 
 std::string VELT::DirEntry::getPath() const {
+  // As the mount spells it: one slash between names, none for the root's (empty) name.
   std::string path = name_;
-  for (const DirEntry* p = parent_; p != nullptr; p = p->parent_) path = p->name_ + "/" + path;
+  for (const DirEntry* p = parent_; p != nullptr && p->parent_ != nullptr; p = p->parent_) {
+    path = p->name_ + "/" + path;
+  }
   return "/" + path;
 }
 
