@@ -317,10 +317,12 @@ class VELT : public std::enable_shared_from_this<VELT> {
   // ===== Commit interval (velt_commit.cpp) =====
   // Every `seconds` (0: never), open files that were written since their last commit are
   // committed by a thread of the volume, so a power cut loses at most that much of a recording
-  // in progress. Stopped by stopCommitter and by unload.
+  // in progress. The thread also writes the records closes owe (below), whatever `seconds`.
+  // Stopped by stopCommitter and by unload.
   void startCommitter(int seconds);
   void stopCommitter();
-  // One pass of that thread: commits every open file with uncommitted data; how many.
+  // One pass of that thread: commits every open file with uncommitted data, then writes the
+  // owed records; how many files it committed.
   int commitOpenFiles();
   // Frees the chains of removed files once a sync has put their records' removal on the card
   // (the commit thread, unload, and an allocation that finds nothing else free). 0 or -1.
