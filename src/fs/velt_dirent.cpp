@@ -134,16 +134,15 @@ int VELT::DirEntry::touch(time_t atime, time_t mtime) {
   return 0;
 }
 
-// Stamps access (and modification) times with the current time.
-static void stampNow(VELT::DirEntry& e, bool is_accessed, bool is_modified) {
+void VELT::DirEntry::stampNow(bool is_accessed, bool is_modified) {
   if (!is_accessed && !is_modified) return;
   time_t now = time(nullptr);
-  e.access_date_ = timeToFatDate(now);
-  e.accessed_ = now;
+  access_date_ = timeToFatDate(now);
+  accessed_ = now;
   if (is_modified) {
-    e.write_date_ = timeToFatDate(now);
-    e.write_time_ = timeToFatTime(now);
-    e.modified_ = now;
+    write_date_ = timeToFatDate(now);
+    write_time_ = timeToFatTime(now);
+    modified_ = now;
   }
 }
 
@@ -154,7 +153,7 @@ int VELT::DirEntry::update(bool is_accessed, bool is_modified, uint8_t* record_o
     NERIO_ASSERT_TEXT("dir_ent_disk_off_ != 0");
     return -EINVAL;
   }
-  stampNow(*this, is_accessed, is_modified);
+  stampNow(is_accessed, is_modified);
   if (record_out != nullptr) {
     fillRecord(record_out);
     return 0;
@@ -192,7 +191,7 @@ int VELT::DirEntry::update2(bool is_accessed, bool is_modified) {
   uint8_t r[DIR_RECORD_SIZE];
   buildRecord(r);
   shortNameToName83(short_name_.c_str(), r + rec::kName);
-  stampNow(*this, is_accessed, is_modified);
+  stampNow(is_accessed, is_modified);
   putLe16(r + rec::kAccessDate, access_date_);
   // The first cluster too: a file created empty gets it with its first write.
   putLe16(r + rec::kClusterHigh, static_cast<uint16_t>(start_cluster_ >> 16));

@@ -146,6 +146,8 @@ class VELT::DirEntry {
   int update(bool is_accessed, bool is_modified, uint8_t* record_out);
   int update2(bool is_accessed, bool is_modified);
   std::string getPath() const;
+  // Stamps access (and modification) times with the current time, in memory.
+  void stampNow(bool is_accessed, bool is_modified);
   // Fills bytes 0..11 and 14..31 of a short-name record from the members. While a close owes
   // the record, it is first put on the card where the entry says it is (VELT::settleRecord).
   void fillRecord(uint8_t* record);

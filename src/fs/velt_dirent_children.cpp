@@ -138,8 +138,6 @@ int VELT::DirEntry::getChildCount() {
   return count;
 }
 
-// Taken under children_mutex_ although path walks are serialised by the volume: creators
-// append to children_ without holding the volume's mutex.
 namespace {
 
 // The first child in record order, among those whose long or short name hashes like `name` (any
@@ -181,6 +179,8 @@ std::shared_ptr<VELT::DirEntry> findNamed(VELT::DirEntry& dir, const char* name,
 
 }  // namespace
 
+// Taken under children_mutex_ although path walks are serialised by the volume: creators
+// append to children_ without holding the volume's mutex.
 std::shared_ptr<VELT::DirEntry> VELT::DirEntry::findChild(const char* name) {
   std::lock_guard lock(children_mutex_);
   return findNamed(*this, name, [name](const DirEntry& child) {

@@ -639,20 +639,16 @@ int VELT::File::close() {
         pbr->updateFSInfo();
       }
     }
-    std::shared_ptr<DirEntry> owner =
-        entry_ref_ != nullptr ? entry_ref_ : entry_->shared_from_this();
     std::lock_guard lock(entry_->files_mutex_);
-    if (uncommitted && !entry_->removed_ && owner != nullptr) {
+    if (uncommitted && !entry_->removed_ && entry_ref_ != nullptr) {
       // New data and its chain reach the card before the record that points at them: the
       // record is owed until a sync, which closes coming close together share. The write time
       // was taken by the writes themselves (a utimens since then stands); the close stamps the
       // access date.
-      const time_t now = time(nullptr);
-      entry_->access_date_ = timeToFatDate(now);
-      entry_->accessed_ = now;
+      entry_->stampNow(true, false);
       // Data still pending in the write buffer goes out now; losing it must reach the closer.
       if (velt_->flush() != 0 && result == 0) result = -EIO;
-      velt_->oweRecord(owner);
+      velt_->oweRecord(entry_ref_);
     } else {
       if (uncommitted && velt_->sync() != 0) result = -EIO;
       // Size, first cluster and times; the close stamps the access date.
